@@ -1,0 +1,466 @@
+// Records, status codes and library services of the flat interface, and the
+// validators of quvas::kit.
+#include <qvn_kit/qvn_kit.hpp>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "log_capture.hpp"
+
+namespace {
+
+using quvas::kit::IS_Valid_FilePathArr;
+using quvas::kit::Is_Valid_QVN_Image_For_CPU;
+using quvas::kit::Is_Valid_QVN_ImageArr_For_CPU;
+using quvas::kit::Is_Valid_QVN_ObjCountDataArr;
+
+// ---------------------------------------------------------------------------
+// Binary layout, seen from C++ (the header's assertions cover the same from
+// every consumer; these name the word positions of the result records).
+// ---------------------------------------------------------------------------
+
+TEST(Layout, RecordSizesAndOffsets) {
+    EXPECT_EQ(sizeof(QVN_Rect2D), 16u);
+    EXPECT_EQ(sizeof(QVN_Image), 48u);
+    EXPECT_EQ(offsetof(QVN_Image, rect), 24u);
+    EXPECT_EQ(offsetof(QVN_Image, data), 40u);
+    EXPECT_EQ(sizeof(QVN_Face), 852u * 4u);
+    EXPECT_EQ(sizeof(QVN_Body), 76u * 4u);
+    EXPECT_EQ(sizeof(QVN_Gesture), 6u * 4u);
+    EXPECT_EQ(sizeof(QVN_ObjCountDataArr), 16u);
+    EXPECT_EQ(offsetof(QVN_ObjCountDataArr, objRectArr), 8u);
+}
+
+TEST(Layout, FaceWordsAreWhereDetectorsWriteThem) {
+    // Face i starts at byte 4 + 3408 i; landmark k at words 8 + 2k / 9 + 2k,
+    // its score at word 564 + k, sidePair at words 844-845.
+    QVN_FaceFrameDataArr arr{};
+    auto* words = reinterpret_cast<uint32_t*>(&arr);
+    arr.faces[1].landmarks[277].y = 1.0f;
+    arr.faces[1].landmarkScores[5] = 2.0f;
+    arr.faces[1].sidePair[1] = 7;
+    const size_t face1 = 1 + 852;  // word index of face 1 (after count)
+    float y277, s5;
+    std::memcpy(&y277, &words[face1 + 9 + 2 * 277], 4);
+    std::memcpy(&s5, &words[face1 + 564 + 5], 4);
+    EXPECT_EQ(y277, 1.0f);
+    EXPECT_EQ(s5, 2.0f);
+    EXPECT_EQ(words[face1 + 845], 7u);
+}
+
+TEST(Layout, BodyAndGestureWords) {
+    QVN_BodyFrameDataArr bodies{};
+    bodies.bodies[2].landmarks[34].x = 3.0f;
+    float x34;
+    std::memcpy(&x34, reinterpret_cast<char*>(&bodies) + 4 + 304 * 2 + 4 * (6 + 2 * 34), 4);
+    EXPECT_EQ(x34, 3.0f);
+    QVN_GestureFrameDataArr gestures{};
+    gestures.gestures[3].rect.y1 = 4.0f;
+    float y1;
+    std::memcpy(&y1, reinterpret_cast<char*>(&gestures) + 4 + 24 * 3 + 4 * 4, 4);
+    EXPECT_EQ(y1, 4.0f);
+}
+
+// ---------------------------------------------------------------------------
+// Version and log control
+// ---------------------------------------------------------------------------
+
+TEST(Services, KitVersionMatchesCore) {
+    uint32_t major = 99, minor = 99;
+    EXPECT_EQ(QVN_GetKitVersion(&major, &minor), QVN_RESULT_SUCCESS);
+    EXPECT_EQ(major, 1u);
+    EXPECT_EQ(minor, 0u);
+    unsigned core_major = 0, core_minor = 9;
+    QVN_Get_Core_Version(core_major, core_minor);
+    EXPECT_EQ(core_major, 1u);
+    EXPECT_EQ(core_minor, 0u);
+}
+
+TEST(Services, LogLevelZeroIsRefusedAndLeavesTheCoreAlone) {
+    ASSERT_EQ(QVN_SetLogLevel(4), QVN_RESULT_SUCCESS);
+    EXPECT_EQ(QVN_SetLogLevel(0), QVN_RESULT_INVALID_ARG);
+    uint32_t level = 0;
+    EXPECT_EQ(QVN_GetLogLevel(&level), QVN_RESULT_SUCCESS);
+    EXPECT_EQ(level, 4u);
+    EXPECT_EQ(QVN_GetLogLevel(nullptr), QVN_RESULT_INVALID_ARG);
+    ASSERT_EQ(QVN_SetLogLevel(8), QVN_RESULT_SUCCESS);
+}
+
+std::vector<std::string>* g_seen = nullptr;
+int CollectLine(const char* text) {
+    g_seen->emplace_back(text);
+    return 0;
+}
+
+TEST(Services, TagAndCallbackAreForwardedToTheCore) {
+    std::vector<std::string> seen;
+    g_seen = &seen;
+    EXPECT_EQ(QVN_SetLogCallback(&CollectLine), QVN_RESULT_SUCCESS);
+    EXPECT_EQ(QVN_SetLogTag("detector"), QVN_RESULT_SUCCESS);
+    // A refused tag (the core refuses NULL) is reported as -1.
+    EXPECT_EQ(QVN_SetLogTag(nullptr), QVN_RESULT_FAIL);
+    quvas::utility::Log(16, "%s %d", "answer", 42);
+    quvas::utility::Log(4, "below the threshold");
+    EXPECT_EQ(QVN_SetLogCallback(nullptr), QVN_RESULT_SUCCESS);
+    quvas::utility::Log(16, "to stderr, not to the callback");
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0], "answer 42");
+    QVN_SetLogTag("quvas");
+}
+
+TEST(Services, LogReturnsTheTextWhetherOrNotItIsEmitted) {
+    LogCapture capture;
+    quvas::utility::SetLogLevel(16);
+    const std::string long_text(3000, 'x');
+    EXPECT_EQ(quvas::utility::Log(2, "%s|%d", long_text.c_str(), 7), long_text + "|7");
+    EXPECT_TRUE(capture.Take().empty());
+    EXPECT_EQ(quvas::utility::Log(16, "%s", long_text.c_str()), long_text);
+    quvas::utility::Assert(true, "never");
+    quvas::utility::Assert(false, "failed %d", 3);
+    auto lines = capture.Take();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], long_text);
+    EXPECT_EQ(lines[1], "failed 3");
+}
+
+TEST(Services, TickClockIsMonotonic) {
+    const double f = quvas::utility::getTickFrequency();
+    ASSERT_GT(f, 0.0);
+    const double t0 = quvas::utility::getTickCount();
+    usleep(2000);
+    const double t1 = quvas::utility::getTickCount();
+    EXPECT_GE((t1 - t0) / f, 0.0019);
+    EXPECT_LT((t1 - t0) / f, 1.0);
+}
+
+// ---------------------------------------------------------------------------
+// Byte sizes
+// ---------------------------------------------------------------------------
+
+uint32_t BytesOf(uint32_t fmt, int w, int h, int n, int32_t* status) {
+    QVN_Image img{};
+    img.pix_fmt = fmt;
+    img.width = w;
+    img.height = h;
+    img.channels = n;
+    uint32_t bytes = 12345;
+    *status = QVN_Get_QVNImage_Bytes(&img, &bytes);
+    return bytes;
+}
+
+TEST(Bytes, EveryPixelFormat) {
+    int32_t st = 0;
+    // 4:2:0: W*H plus half of it, the half by integer division (3x3 -> 9 + 4).
+    for (uint32_t fmt : {1u, 2u, 3u, 4u, 8u, 9u}) {
+        EXPECT_EQ(BytesOf(fmt, 3, 3, 0, &st), 13u) << fmt;
+        EXPECT_EQ(st, 0);
+        EXPECT_EQ(BytesOf(fmt, 1920, 1080, 0, &st), 1920u * 1080u * 3u / 2u) << fmt;
+    }
+    for (uint32_t fmt : {5u, 6u, 12u}) EXPECT_EQ(BytesOf(fmt, 5, 3, 9, &st), 60u) << fmt;
+    EXPECT_EQ(BytesOf(7, 5, 3, 9, &st), 15u);
+    EXPECT_EQ(BytesOf(10, 5, 3, 9, &st), 45u);
+    EXPECT_EQ(BytesOf(11, 5, 3, 9, &st), 45u);
+    EXPECT_EQ(BytesOf(13, 5, 3, 7, &st), 105u);
+    EXPECT_EQ(BytesOf(14, 5, 3, 7, &st), 420u);
+    EXPECT_EQ(st, 0);
+}
+
+TEST(Bytes, UnknownFormatsHaveNoSize) {
+    int32_t st = 0;
+    for (uint32_t fmt : {0u, 15u, 16u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(BytesOf(fmt, 4, 4, 1, &st), 0u) << fmt;
+        EXPECT_EQ(st, QVN_RESULT_FAIL) << fmt;
+    }
+}
+
+TEST(Bytes, ArithmeticIs32BitWithASignedHalf) {
+    int32_t st = 0;
+    // 65536 x 65536 wraps to 0 in 32 bits.
+    EXPECT_EQ(BytesOf(5, 65536, 65536, 0, &st), 0u);
+    // 46341 x 46341 = 2147488281 > INT32_MAX: as a signed value it is
+    // negative, so its "half" is negative and the sum wraps below the luma size.
+    const uint32_t wh = 46341u * 46341u;
+    const uint32_t half = static_cast<uint32_t>(static_cast<int32_t>(wh) / 2);
+    EXPECT_EQ(BytesOf(2, 46341, 46341, 0, &st), wh + half);
+    EXPECT_LT(BytesOf(2, 46341, 46341, 0, &st), wh);
+}
+
+// ---------------------------------------------------------------------------
+// Object-count release
+// ---------------------------------------------------------------------------
+
+TEST(ObjCount, FreeReleasesOnlyWhenCountIsPositive) {
+    QVN_ObjCountDataArr arr{};
+    arr.count = 2;
+    arr.objRectArr = static_cast<QVN_Rect2D*>(std::malloc(2 * sizeof(QVN_Rect2D)));
+    QVN_ObjCountDataArr_Free(&arr);
+    EXPECT_EQ(arr.objRectArr, nullptr);
+    EXPECT_EQ(arr.count, 2);  // the count is left as it was
+    QVN_ObjCountDataArr_Free(&arr);  // nothing to free: harmless
+
+    QVN_Rect2D held{};
+    for (int32_t count : {0, -3}) {
+        arr.count = count;
+        arr.objRectArr = &held;  // not heap memory: freeing it would crash
+        QVN_ObjCountDataArr_Free(&arr);
+        EXPECT_EQ(arr.objRectArr, &held) << count;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Validators
+// ---------------------------------------------------------------------------
+
+const char* const kImgNull = "Found a invalid QVN_Image*. Error: is NULL.";
+const char* const kImgData = "Found a invalid QVN_Image*. Error: QVN_Image.data is NULL.";
+const char* const kImgWidth = "Found a invalid QVN_Image*. Error: QVN_Image.width is 0.";
+const char* const kImgHeight = "Found a invalid QVN_Image*. Error: QVN_Image.height is 0.";
+const char* const kImgFmt =
+    "Found a invalid QVN_Image*. Error: QVN_Image.pix_fmt is QVN_PIX_FMT_ERROR or "
+    "QVN_PIX_FMT_UNKNOW.";
+const char* const kImgInput =
+    "Found a invalid QVN_Image*. Error: QVN_Image.pix_fmt is unsupported for input.";
+
+QVN_Image GoodImage(uint8_t* data) {
+    QVN_Image img{};
+    img.pix_fmt = QVN_PIX_FMT_BGRA8888;
+    img.width = 2;
+    img.height = 2;
+    img.channels = 4;
+    img.data = data;
+    return img;
+}
+
+void ExpectRejected(const QVN_Image* img, bool forInput, const char* message) {
+    LogCapture capture;
+    EXPECT_FALSE(Is_Valid_QVN_Image_For_CPU(img, forInput));
+    EXPECT_EQ(capture.Take(), std::vector<std::string>{message});
+}
+
+TEST(ImageCheck, RejectsInOrderWithOneLineEach) {
+    uint8_t pixels[16] = {};
+    ExpectRejected(nullptr, false, kImgNull);
+    QVN_Image img = GoodImage(nullptr);
+    img.width = 0;  // data is tested first
+    ExpectRejected(&img, false, kImgData);
+    img = GoodImage(pixels);
+    img.width = 0;
+    img.height = 0;
+    ExpectRejected(&img, false, kImgWidth);
+    img = GoodImage(pixels);
+    img.height = 0;
+    img.pix_fmt = 0;
+    ExpectRejected(&img, false, kImgHeight);
+    img = GoodImage(pixels);
+    img.pix_fmt = QVN_PIX_FMT_UNKNOW;
+    ExpectRejected(&img, true, kImgFmt);
+    img.pix_fmt = QVN_PIX_FMT_ERROR;
+    ExpectRejected(&img, false, kImgFmt);
+}
+
+TEST(ImageCheck, InputFormats) {
+    uint8_t pixels[16] = {};
+    QVN_Image img = GoodImage(pixels);
+    for (uint32_t fmt : {7u, 12u, 13u, 14u}) {
+        img.pix_fmt = fmt;
+        LogCapture capture;
+        EXPECT_TRUE(Is_Valid_QVN_Image_For_CPU(&img, false)) << fmt;
+        EXPECT_TRUE(capture.Take().empty());
+        ExpectRejected(&img, true, kImgInput);
+    }
+    for (uint32_t fmt : {1u, 2u, 3u, 4u, 5u, 6u, 8u, 9u, 10u, 11u, 16u, 200u}) {
+        img.pix_fmt = fmt;
+        LogCapture capture;
+        // Negative sizes and formats above 15 are not the check's business.
+        img.width = -5;
+        EXPECT_TRUE(Is_Valid_QVN_Image_For_CPU(&img, true)) << fmt;
+        EXPECT_TRUE(Is_Valid_QVN_Image_For_CPU(&img, false)) << fmt;
+        EXPECT_TRUE(capture.Take().empty());
+    }
+}
+
+TEST(ImageArrCheck, OnlyThePointerCounts) {
+    LogCapture capture;
+    QVN_ImageArr arr{};
+    EXPECT_TRUE(Is_Valid_QVN_ImageArr_For_CPU(&arr, true));
+    EXPECT_TRUE(Is_Valid_QVN_ImageArr_For_CPU(&arr, false));
+    EXPECT_TRUE(capture.Take().empty());
+    EXPECT_FALSE(Is_Valid_QVN_ImageArr_For_CPU(nullptr, false));
+    EXPECT_FALSE(Is_Valid_QVN_ImageArr_For_CPU(nullptr, true));
+    const std::string msg = "Found a invalid QVN_ImageArr*. Error: is NULL.";
+    EXPECT_EQ(capture.Take(), (std::vector<std::string>{msg, msg}));
+}
+
+TEST(ObjCountCheck, EmptyRecordOnly) {
+    LogCapture capture;
+    QVN_ObjCountDataArr arr{};
+    arr.count = 5;  // the count does not matter, only the pointer
+    EXPECT_TRUE(Is_Valid_QVN_ObjCountDataArr(&arr));
+    EXPECT_TRUE(capture.Take().empty());
+    EXPECT_FALSE(Is_Valid_QVN_ObjCountDataArr(nullptr));
+    EXPECT_EQ(capture.Take(),
+              std::vector<std::string>{"Found a invalid QVN_ObjCountDataArr*. Error: is NULL."});
+    QVN_Rect2D held{};
+    arr.count = 0;
+    arr.objRectArr = &held;
+    EXPECT_FALSE(Is_Valid_QVN_ObjCountDataArr(&arr));
+    EXPECT_EQ(capture.Take(),
+              std::vector<std::string>{
+                  "Found a invalid QVN_ObjCountDataArr*. Error: QVN_ObjCountDataArr.objRectArr "
+                  "is NOT NULL, call QVN_ObjCountDataArr_Free() before resue the object."});
+    // count 0 with a pointer set: the free does not release it either.
+    QVN_ObjCountDataArr_Free(&arr);
+    EXPECT_EQ(arr.objRectArr, &held);
+}
+
+// ---------------------------------------------------------------------------
+// Model file lists, on real files made here
+// ---------------------------------------------------------------------------
+
+class FileList : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/qvn_files_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override {
+        for (const auto& f : made_) std::remove(f.c_str());
+        rmdir(dir_.c_str());
+    }
+    std::string Make(const std::string& name) {
+        const std::string path = dir_ + "/" + name;
+        std::ofstream(path) << "x";
+        made_.push_back(path);
+        return path;
+    }
+    std::string Missing(const std::string& name) const { return dir_ + "/" + name; }
+
+    bool Check(const std::vector<std::string>& paths, std::vector<std::string>* lines) {
+        std::vector<const void*> raw;
+        for (const auto& p : paths) raw.push_back(p.empty() ? nullptr : p.c_str());
+        LogCapture capture;
+        const bool ok = IS_Valid_FilePathArr(static_cast<int>(raw.size()), raw.data());
+        *lines = capture.Take();
+        return ok;
+    }
+
+    std::string dir_;
+    std::vector<std::string> made_;
+};
+
+std::string NameMessage(int count, int i, const std::string& path) {
+    return "Expect " + std::to_string(count) + " files, while filepath" + std::to_string(i) +
+           " " + path +
+           " is not end with following: .qvmod | .qvcfg | .qvmods | .qvmods | .qvcfgs | .json | "
+           ".qvnmodel.";
+}
+
+TEST_F(FileList, EmptyListsPass) {
+    LogCapture capture;
+    EXPECT_TRUE(IS_Valid_FilePathArr(0, nullptr));
+    EXPECT_TRUE(IS_Valid_FilePathArr(-2, nullptr));
+    EXPECT_TRUE(capture.Take().empty());
+}
+
+TEST_F(FileList, EverySuffixOpensTheFile) {
+    std::vector<std::string> paths;
+    for (const char* s : {".json", ".qvmod", ".qvcfg", ".qvmods", ".qvcfgs", ".qvnmodel"}) {
+        paths.push_back(Make(std::string("m") + s));
+    }
+    std::vector<std::string> lines;
+    EXPECT_TRUE(Check(paths, &lines));
+    EXPECT_TRUE(lines.empty());
+}
+
+TEST_F(FileList, NameTestIsExactAndCaseSensitive) {
+    std::vector<std::string> lines;
+    const std::string upper = Make("x.JSON");
+    EXPECT_FALSE(Check({upper}, &lines));
+    EXPECT_EQ(lines, std::vector<std::string>{NameMessage(1, 0, upper)});
+    for (const char* bad : {"a.qvmodel", "a.qvm", "a.json.bak", "qvmod", "a.", ""}) {
+        if (*bad == '\0') continue;
+        EXPECT_FALSE(Check({std::string(bad)}, &lines)) << bad;
+        EXPECT_EQ(lines, std::vector<std::string>{NameMessage(1, 0, bad)});
+    }
+    // Paths shorter than five characters fail the name test at once.
+    EXPECT_FALSE(Check({"a.js"}, &lines));
+    EXPECT_EQ(lines, std::vector<std::string>{NameMessage(1, 0, "a.js")});
+}
+
+TEST(FileListNames, BareSuffixesPassTheNameTest) {
+    // ".json" alone is a complete (if odd) file name; it reaches the open.
+    // Run it in a scratch directory so that the relative path is ours.
+    char tmpl[] = "/tmp/qvn_bare_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    char old[4096];
+    ASSERT_NE(getcwd(old, sizeof old), nullptr);
+    ASSERT_EQ(chdir(tmpl), 0);
+    std::vector<const void*> paths = {".json"};
+    {
+        LogCapture capture;
+        EXPECT_FALSE(IS_Valid_FilePathArr(1, paths.data()));
+        EXPECT_EQ(capture.Take(),
+                  std::vector<std::string>{"Expect 1 files, while file0 .json open failed."});
+    }
+    std::ofstream(".json") << "{}";
+    {
+        LogCapture capture;
+        EXPECT_TRUE(IS_Valid_FilePathArr(1, paths.data()));
+        EXPECT_TRUE(capture.Take().empty());
+    }
+    std::remove(".json");
+    ASSERT_EQ(chdir(old), 0);
+    rmdir(tmpl);
+}
+
+TEST_F(FileList, NullPathAfterAGoodOneNamesItsIndex) {
+    const std::string model = Make("a.qvmod");
+    std::vector<std::string> lines;
+    EXPECT_FALSE(Check({model, ""}, &lines));
+    // U+2019, the typographic apostrophe, in UTF-8.
+    EXPECT_EQ(lines,
+              std::vector<std::string>{"Expect 2 files, while file1\xE2\x80\x99s path is NULL"});
+}
+
+TEST_F(FileList, FirstFailureStopsTheWalk) {
+    const std::string good = Make("b.qvcfg");
+    const std::string missing = Missing("c.qvnmodel");
+    std::vector<std::string> lines;
+    EXPECT_FALSE(Check({good, missing, "bad.txt", ""}, &lines));
+    EXPECT_EQ(lines, std::vector<std::string>{"Expect 4 files, while file1 " + missing +
+                                              " open failed."});
+    EXPECT_FALSE(Check({"bad.txt", missing}, &lines));
+    EXPECT_EQ(lines, std::vector<std::string>{NameMessage(2, 0, "bad.txt")});
+}
+
+TEST_F(FileList, UnreadableFileFailsToOpen) {
+    if (geteuid() == 0) GTEST_SKIP() << "root opens unreadable files";
+    const std::string locked = Make("d.qvmods");
+    ASSERT_EQ(chmod(locked.c_str(), 0), 0);
+    std::vector<std::string> lines;
+    EXPECT_FALSE(Check({locked}, &lines));
+    EXPECT_EQ(lines, std::vector<std::string>{"Expect 1 files, while file0 " + locked +
+                                              " open failed."});
+}
+
+TEST_F(FileList, DirectoryWithAModelNameOpens) {
+    // fopen of a directory in "rb" succeeds on Linux; only the name and the
+    // open are checked, never the content.
+    const std::string d = dir_ + "/e.qvcfgs";
+    ASSERT_EQ(mkdir(d.c_str(), 0700), 0);
+    std::vector<std::string> lines;
+    EXPECT_TRUE(Check({d}, &lines));
+    rmdir(d.c_str());
+}
+
+}  // namespace
