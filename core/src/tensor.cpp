@@ -1,0 +1,201 @@
+// tensor.cpp - shapes, tensors and the CPU device.
+#include <quvas/runtime/tensor.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+namespace quvas {
+namespace runtime {
+
+namespace {
+
+constexpr size_t kAlignment = 64;  // one cache line; also enough for AVX-512 loads
+
+std::string DimsText(const std::vector<int32_t>& dims) {
+    std::string text = "{";
+    for (size_t i = 0; i < dims.size(); ++i) {
+        if (i) text += ", ";
+        text += std::to_string(dims[i]);
+    }
+    return text + "}";
+}
+
+}  // namespace
+
+AttrVisitor::~AttrVisitor() = default;
+Serializable::~Serializable() = default;
+
+void TensorShape::Extra::VisitAttr(AttrVisitor& visitor) {
+    visitor.Visit("serializable_type", serializable_type);
+    visitor.Visit("step_size", step_size);
+}
+
+TensorShape::TensorShape() = default;
+
+TensorShape::TensorShape(std::vector<int32_t> dims_in, int32_t data_type_in, int32_t layout_in,
+                         uint32_t location_in)
+    : dims(std::move(dims_in)), data_type(data_type_in), layout(layout_in), location(location_in) {}
+
+void TensorShape::VisitAttr(AttrVisitor& visitor) {
+    visitor.Visit("serializable_type", serializable_type);
+    visitor.Visit("dims", dims);
+    visitor.Visit("data_type", data_type);
+    visitor.Visit("layout", layout);
+    visitor.Visit("location", location);
+    visitor.Visit("extra", extra);
+}
+
+size_t TensorShape::ElementSize() const {
+    switch (data_type) {
+        case data_type::kUInt8:
+        case data_type::kInt8:
+            return 1;
+        case data_type::kFloat16:
+        case data_type::kInt16:
+        case data_type::kUInt16:
+            return 2;
+        case data_type::kFloat32:
+        case data_type::kInt32:
+            return 4;
+        case data_type::kFloat64:
+        case data_type::kInt64:
+            return 8;
+        default:
+            throw std::invalid_argument("TensorShape: unknown data type code " +
+                                        std::to_string(data_type));
+    }
+}
+
+size_t TensorShape::ByteSize() const {
+    if (dims.empty()) throw std::invalid_argument("TensorShape: a tensor needs at least one dim");
+    size_t count = 1;
+    for (int32_t d : dims) {
+        if (d <= 0) {
+            throw std::invalid_argument("TensorShape: dims " + DimsText(dims) +
+                                        " must all be positive");
+        }
+        if (count > std::numeric_limits<size_t>::max() / static_cast<size_t>(d)) {
+            throw std::invalid_argument("TensorShape: dims " + DimsText(dims) +
+                                        " overflow the byte size");
+        }
+        count *= static_cast<size_t>(d);
+    }
+    size_t bytes = count;
+    // A three-plane 4:2:0 frame carries two quarter-size chroma planes after
+    // its luma plane.
+    if (layout == layout::kYUV420Planar && dims.size() >= 2) {
+        const size_t chroma = static_cast<size_t>(dims[0] / 2) * static_cast<size_t>(dims[1] / 2);
+        if (bytes > std::numeric_limits<size_t>::max() - 2 * chroma) {
+            throw std::invalid_argument("TensorShape: dims " + DimsText(dims) +
+                                        " overflow the byte size");
+        }
+        bytes += 2 * chroma;
+    }
+    const size_t element = ElementSize();
+    if (bytes > std::numeric_limits<size_t>::max() / element) {
+        throw std::invalid_argument("TensorShape: dims " + DimsText(dims) +
+                                    " overflow the byte size");
+    }
+    return bytes * element;
+}
+
+Tensor::Tensor(const TensorShape& shape, uint8_t* data, size_t bytes, bool owned,
+               DeviceCPU* device)
+    : shape_(shape), data_(data), bytes_(bytes), owned_(owned), device_(device) {}
+
+Tensor::~Tensor() {
+    if (owned_) std::free(data_);
+}
+
+DeviceCPU::DeviceCPU() = default;
+DeviceCPU::~DeviceCPU() = default;
+
+TensorPtr DeviceCPU::CreateTensor(const TensorShape& shape, const void* data) {
+    const size_t bytes = shape.ByteSize();
+    // aligned_alloc wants a multiple of the alignment.
+    const size_t rounded = (bytes + kAlignment - 1) / kAlignment * kAlignment;
+    if (rounded < bytes) throw std::bad_alloc();
+    void* storage = std::aligned_alloc(kAlignment, rounded);
+    if (storage == nullptr) throw std::bad_alloc();
+    if (data != nullptr) {
+        std::memcpy(storage, data, bytes);
+    } else {
+        std::memset(storage, 0, bytes);
+    }
+    try {
+        return TensorPtr(new Tensor(shape, static_cast<uint8_t*>(storage), bytes, true, this));
+    } catch (...) {
+        std::free(storage);
+        throw;
+    }
+}
+
+TensorPtr DeviceCPU::CreateTensorExternal(const TensorShape& shape, void* data) {
+    const size_t bytes = shape.ByteSize();
+    return TensorPtr(new Tensor(shape, static_cast<uint8_t*>(data), bytes, false, this));
+}
+
+namespace {
+
+TensorShape HWC8(unsigned h, unsigned w, int32_t c) {
+    if (h > static_cast<unsigned>(std::numeric_limits<int32_t>::max()) ||
+        w > static_cast<unsigned>(std::numeric_limits<int32_t>::max())) {
+        throw std::invalid_argument("DeviceCPU: image size " + std::to_string(h) + "x" +
+                                    std::to_string(w) + " does not fit a tensor dim");
+    }
+    return TensorShape({static_cast<int32_t>(h), static_cast<int32_t>(w), c}, data_type::kUInt8,
+                       layout::kHWC);
+}
+
+TensorShape YUV420Planar(unsigned h, unsigned w) {
+    TensorShape shape = HWC8(h, w, 1);
+    shape.layout = layout::kYUV420Planar;
+    return shape;
+}
+
+}  // namespace
+
+TensorPtr DeviceCPU::CreateYPlane8BitTensor(const unsigned& h, const unsigned& w, const void* data) {
+    return CreateTensor(HWC8(h, w, 1), data);
+}
+TensorPtr DeviceCPU::CreateUVPlane8BitTensor(const unsigned& h, const unsigned& w,
+                                             const void* data) {
+    return CreateTensor(HWC8(h, w, 2), data);
+}
+TensorPtr DeviceCPU::CreateBGRA8888Tensor(const unsigned& h, const unsigned& w, const void* data) {
+    return CreateTensor(HWC8(h, w, 4), data);
+}
+TensorPtr DeviceCPU::CreateRGBA8888Tensor(const unsigned& h, const unsigned& w, const void* data) {
+    return CreateTensor(HWC8(h, w, 4), data);
+}
+TensorPtr DeviceCPU::CreateYUV420PlanarTensor(const unsigned& h, const unsigned& w,
+                                              const void* data) {
+    return CreateTensor(YUV420Planar(h, w), data);
+}
+TensorPtr DeviceCPU::CreateYPlane8BitTensorExternal(const unsigned& h, const unsigned& w,
+                                                    void* data) {
+    return CreateTensorExternal(HWC8(h, w, 1), data);
+}
+TensorPtr DeviceCPU::CreateUVPlane8BitTensorExternal(const unsigned& h, const unsigned& w,
+                                                     void* data) {
+    return CreateTensorExternal(HWC8(h, w, 2), data);
+}
+TensorPtr DeviceCPU::CreateBGRA8888TensorExternal(const unsigned& h, const unsigned& w,
+                                                  void* data) {
+    return CreateTensorExternal(HWC8(h, w, 4), data);
+}
+TensorPtr DeviceCPU::CreateRGBA8888TensorExternal(const unsigned& h, const unsigned& w,
+                                                  void* data) {
+    return CreateTensorExternal(HWC8(h, w, 4), data);
+}
+TensorPtr DeviceCPU::CreateYUV420PlanarTensorExternal(const unsigned& h, const unsigned& w,
+                                                      void* data) {
+    return CreateTensorExternal(YUV420Planar(h, w), data);
+}
+
+}  // namespace runtime
+}  // namespace quvas
