@@ -246,8 +246,9 @@ void RunDemo(const std::string& dir) {
     step("decoded 3 synthetic 64x64 heatmaps with SoftArgMax, beta 40 "
          "(04_heatmaps.png: one heatmap per colour channel, float01toUchar0255SSE)",
          decode_s);
-    QVN_BodyFrameDataArr* bodies = new QVN_BodyFrameDataArr{};
-    std::unique_ptr<QVN_BodyFrameDataArr> bodies_owner(bodies);
+    // One body record carries the key points (15 KB: kept off the stack).
+    auto bodies_owner = std::make_unique<QVN_BodyFrameDataArr>();
+    QVN_BodyFrameDataArr* bodies = bodies_owner.get();
     bodies->count = 1;
     bodies->bodies[0].landmarksNum = hc;
     for (int c = 0; c < hc; ++c) {

@@ -139,9 +139,8 @@ QVN_Image PictureImage(Picture& pic) {
     return img;
 }
 
-Picture TensorToPicture(const quvas::runtime::Tensor& tensor, bool* bgr_planes_out) {
+Picture TensorToPicture(const quvas::runtime::Tensor& tensor) {
     const std::vector<int32_t>& d = tensor.shape().dims;
-    if (bgr_planes_out) *bgr_planes_out = false;
     if (d.size() == 3 && tensor.shape().layout == quvas::runtime::layout::kCHW && d[0] == 3) {
         Picture pic(d[2], d[1], 3);
         QVN_Image src{}, dst{};

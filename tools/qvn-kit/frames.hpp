@@ -48,9 +48,9 @@ Picture FrameToPicture(const QVN_Image& frame);
 QVN_Image PictureImage(Picture& pic);
 
 // A u8 tensor as a picture: planar {3, H, W} put back together with the
-// kit's post_getRGB_HWC_from_RGB_CHW (and `bgr` says the planes are B,G,R);
+// kit's post_getRGB_HWC_from_RGB_CHW;
 // {H, W, 1} or {1, H, W} as gray.
-Picture TensorToPicture(const quvas::runtime::Tensor& tensor, bool* bgr_planes_out = nullptr);
+Picture TensorToPicture(const quvas::runtime::Tensor& tensor);
 
 }  // namespace qvntool
 
