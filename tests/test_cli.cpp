@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <png.h>
+#include <jpeglib.h>
 
 #include <dirent.h>
 #include <sys/wait.h>
@@ -240,6 +241,62 @@ TEST_F(Cli, OrientMatchesKnownTurnsAndTheLibrary) {
         EXPECT_EQ(got.w, d.width);
         EXPECT_EQ(got.h, d.height);
         EXPECT_EQ(got.px, want.px) << angle;
+    }
+}
+
+// A JPEG written and decoded here with libjpeg; the tool's output is the
+// decoded picture flipped top to bottom.
+TEST_F(Cli, OrientReadsJpeg) {
+    Img src = RandomImg(16, 8, 3, 4);
+    {
+        std::FILE* f = std::fopen(P("p.jpg").c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        jpeg_compress_struct c;
+        jpeg_error_mgr e;
+        c.err = jpeg_std_error(&e);
+        jpeg_create_compress(&c);
+        jpeg_stdio_dest(&c, f);
+        c.image_width = 16;
+        c.image_height = 8;
+        c.input_components = 3;
+        c.in_color_space = JCS_RGB;
+        jpeg_set_defaults(&c);
+        jpeg_start_compress(&c, TRUE);
+        while (c.next_scanline < 8) {
+            JSAMPROW row = src.px.data() + c.next_scanline * 48;
+            jpeg_write_scanlines(&c, &row, 1);
+        }
+        jpeg_finish_compress(&c);
+        jpeg_destroy_compress(&c);
+        std::fclose(f);
+    }
+    std::vector<uint8_t> decoded(16 * 8 * 3);
+    {
+        std::FILE* f = std::fopen(P("p.jpg").c_str(), "rb");
+        jpeg_decompress_struct d;
+        jpeg_error_mgr e;
+        d.err = jpeg_std_error(&e);
+        jpeg_create_decompress(&d);
+        jpeg_stdio_src(&d, f);
+        jpeg_read_header(&d, TRUE);
+        d.out_color_space = JCS_RGB;
+        jpeg_start_decompress(&d);
+        while (d.output_scanline < 8) {
+            JSAMPROW row = decoded.data() + d.output_scanline * 48;
+            jpeg_read_scanlines(&d, &row, 1);
+        }
+        jpeg_finish_decompress(&d);
+        jpeg_destroy_decompress(&d);
+        std::fclose(f);
+    }
+    RunResult r = Run("orient " + P("p.jpg") + " " + P("f.png") + " --flipv");
+    ASSERT_EQ(r.code, 0) << r.err;
+    Img got = ReadPngFile(P("f.png"));
+    ASSERT_EQ(got.c, 3);
+    for (int y = 0; y < 8; ++y) {
+        EXPECT_TRUE(std::equal(got.px.begin() + y * 48, got.px.begin() + y * 48 + 48,
+                               decoded.begin() + (7 - y) * 48))
+            << "row " << y;
     }
 }
 
@@ -573,6 +630,7 @@ TEST_F(Cli, BadInputFailsWithOneLineAndLeavesNoFile) {
     Img odd = RandomImg(7, 5, 3, 2);
     WritePngFile(P("odd.png"), odd);
     WriteText(P("junk.png"), "this is not a picture");
+    WriteText(P("cut.png"), Slurp(P("in.png")).substr(0, 60));
     WriteText(P("raw.bin"), std::string(100, 'x'));
     WriteText(P("bad.csv"), "frame,x,y,w,h\n0,0.1,0.1,0.2,0.2\n1,0.1,zero,0.2,0.2\n");
     WriteText(P("back.csv"), "0,0.1,0.1,0.2,0.2\n0,0.1,0.1,0.2,0.2\n");
@@ -589,6 +647,7 @@ TEST_F(Cli, BadInputFailsWithOneLineAndLeavesNoFile) {
         {"orient " + P("missing.png") + " " + P("o.png") + " --rotate 90", 3, "cannot open"},
         {"orient " + P("junk.png") + " " + P("o.png") + " --rotate 90", 3,
          "neither a PNG nor a JPEG"},
+        {"orient " + P("cut.png") + " " + P("o.png") + " --rotate 90", 3, "cannot decode PNG"},
         {"orient " + P("in.png") + " " + P("o.png") + " --rotate 45", 2, "not 90, 180 or 270"},
         {"orient " + P("in.png") + " " + P("o.png") + " --mirror --flipv", 2, "exactly one"},
         {"warp " + P("in.png") + " " + P("o.png") + " --matrix 1,0,0,0,1 --size 4x4", 2,
