@@ -1,11 +1,15 @@
 // functional_geometry.cpp - crop, quarter turns and flips of u8 HWC images.
 //
-// Turns and flips only move whole pixels, so they are exact. One-, two- and
-// four-byte pixels go to libyuv's vectorised plane, 16-bit plane and ARGB
-// routines (which see a pixel as an opaque 1, 2 or 4 byte unit); any other
-// pixel size goes through a tiled loop templated on the pixel size.
+// Turns and flips only move whole pixels, so they are exact. libyuv's
+// vectorised plane and ARGB routines (which see a pixel as an opaque 1 or 4
+// byte unit, 2 for its interleaved chroma mirror) do the flips and the
+// one-byte quarter turn; two- and four-byte quarter turns use 8 x 8 block
+// transposes of our own (libyuv's four-byte turn is slower than a plain
+// transpose); any other pixel size goes through a tiled loop templated on
+// the pixel size.
 #include <quvas/kernel/functional.h>
 
+#include <immintrin.h>
 #include <libyuv.h>
 
 #include <algorithm>
@@ -98,17 +102,100 @@ void ReverseRowsAny(const Image& src, const Image& dst, bool flip_rows) {
     }
 }
 
+// Transposes the 8 x 8 block of 4-byte pixels at s (row stride ss pixels):
+// column j of the block becomes the row at d + j * ds, in reverse order when
+// `reverse` is set.
+inline void Block8x8(const uint32_t* s, ptrdiff_t ss, uint32_t* d, ptrdiff_t ds, bool reverse) {
+    __m256i r[8];
+    for (int i = 0; i < 8; ++i) r[i] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i * ss));
+    __m256i t[8], u[8];
+    for (int i = 0; i < 4; ++i) {
+        t[2 * i] = _mm256_unpacklo_epi32(r[2 * i], r[2 * i + 1]);
+        t[2 * i + 1] = _mm256_unpackhi_epi32(r[2 * i], r[2 * i + 1]);
+    }
+    for (int h = 0; h < 2; ++h) {  // rows 0-3, then rows 4-7
+        u[4 * h + 0] = _mm256_unpacklo_epi64(t[4 * h + 0], t[4 * h + 2]);  // columns 0, 4
+        u[4 * h + 1] = _mm256_unpackhi_epi64(t[4 * h + 0], t[4 * h + 2]);  // columns 1, 5
+        u[4 * h + 2] = _mm256_unpacklo_epi64(t[4 * h + 1], t[4 * h + 3]);  // columns 2, 6
+        u[4 * h + 3] = _mm256_unpackhi_epi64(t[4 * h + 1], t[4 * h + 3]);  // columns 3, 7
+    }
+    const __m256i backwards = _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0);
+    for (int j = 0; j < 8; ++j) {
+        __m256i col = _mm256_permute2x128_si256(u[j & 3], u[4 + (j & 3)], j < 4 ? 0x20 : 0x31);
+        if (reverse) col = _mm256_permutevar8x32_epi32(col, backwards);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + j * ds), col);
+    }
+}
+
+// The same for 2-byte pixels.
+inline void Block8x8(const uint16_t* s, ptrdiff_t ss, uint16_t* d, ptrdiff_t ds, bool reverse) {
+    __m128i r[8];
+    for (int i = 0; i < 8; ++i) r[i] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i * ss));
+    __m128i a[8], b[8];
+    for (int i = 0; i < 4; ++i) {
+        a[2 * i] = _mm_unpacklo_epi16(r[2 * i], r[2 * i + 1]);
+        a[2 * i + 1] = _mm_unpackhi_epi16(r[2 * i], r[2 * i + 1]);
+    }
+    for (int h = 0; h < 2; ++h) {
+        b[4 * h + 0] = _mm_unpacklo_epi32(a[4 * h + 0], a[4 * h + 2]);  // columns 0, 1
+        b[4 * h + 1] = _mm_unpackhi_epi32(a[4 * h + 0], a[4 * h + 2]);  // columns 2, 3
+        b[4 * h + 2] = _mm_unpacklo_epi32(a[4 * h + 1], a[4 * h + 3]);  // columns 4, 5
+        b[4 * h + 3] = _mm_unpackhi_epi32(a[4 * h + 1], a[4 * h + 3]);  // columns 6, 7
+    }
+    const __m128i backwards = _mm_setr_epi8(14, 15, 12, 13, 10, 11, 8, 9, 6, 7, 4, 5, 2, 3, 0, 1);
+    for (int j = 0; j < 8; ++j) {
+        __m128i col = (j & 1) ? _mm_unpackhi_epi64(b[j / 2], b[4 + j / 2])
+                              : _mm_unpacklo_epi64(b[j / 2], b[4 + j / 2]);
+        if (reverse) col = _mm_shuffle_epi8(col, backwards);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + j * ds), col);
+    }
+}
+
+// Quarter turn of 2- or 4-byte pixels by 8 x 8 blocks, in strips of 32
+// source columns so that the 32 destination rows being written stay in
+// cache. Pixels of the partial blocks at the right and bottom go one by one.
+template <typename T>
+void TurnQuarterBlocks(const Image& src, const Image& dst, Turn turn) {
+    const T* s = reinterpret_cast<const T*>(src.data);
+    T* d = reinterpret_cast<T*>(dst.data);
+    const ptrdiff_t sw = src.w, sh = src.h, dw = dst.w;
+    const bool cw = turn == Turn::k90;
+    // Destination of source pixel (r, c).
+    auto target = [&](ptrdiff_t r, ptrdiff_t c) -> T* {
+        return cw ? d + c * dw + (sh - 1 - r) : d + (sw - 1 - c) * dw + r;
+    };
+    const ptrdiff_t full_w = sw / 8 * 8, full_h = sh / 8 * 8;
+    for (ptrdiff_t strip = 0; strip < full_w; strip += 32) {
+        const ptrdiff_t strip_end = std::min(strip + 32, full_w);
+        for (ptrdiff_t r = 0; r < full_h; r += 8) {
+            for (ptrdiff_t c = strip; c < strip_end; c += 8) {
+                // 90: column c + j -> row c + j from x = sh - 8 - r, backwards.
+                // 270: column c + j -> row sw - 1 - c - j from x = r.
+                if (cw) {
+                    Block8x8(s + r * sw + c, sw, d + c * dw + (sh - 8 - r), dw, true);
+                } else {
+                    Block8x8(s + r * sw + c, sw, d + (sw - 1 - c) * dw + r, -dw, false);
+                }
+            }
+        }
+    }
+    for (ptrdiff_t r = 0; r < sh; ++r) {
+        const ptrdiff_t c_begin = r < full_h ? full_w : 0;
+        for (ptrdiff_t c = c_begin; c < sw; ++c) *target(r, c) = s[r * sw + c];
+    }
+}
+
 void TurnQuarter(const Image& src, const Image& dst, Turn turn) {
-    const libyuv::RotationMode mode = turn == Turn::k90 ? libyuv::kRotate90 : libyuv::kRotate270;
     switch (src.c) {
         case 1:
-            libyuv::RotatePlane(src.data, src.w, dst.data, dst.w, src.w, src.h, mode);
+            libyuv::RotatePlane(src.data, src.w, dst.data, dst.w, src.w, src.h,
+                                turn == Turn::k90 ? libyuv::kRotate90 : libyuv::kRotate270);
             return;
         case 4:
-            libyuv::ARGBRotate(src.data, src.w * 4, dst.data, dst.w * 4, src.w, src.h, mode);
+            TurnQuarterBlocks<uint32_t>(src, dst, turn);
             return;
         case 2:
-            TurnQuarterTiled<2>(src, dst, turn);
+            TurnQuarterBlocks<uint16_t>(src, dst, turn);
             return;
         case 3:
             TurnQuarterTiled<3>(src, dst, turn);
@@ -125,6 +212,10 @@ void Reverse(const Image& src, const Image& dst, bool flip_rows) {
             case 1:
                 libyuv::RotatePlane(src.data, src.w, dst.data, dst.w, src.w, src.h,
                                     libyuv::kRotate180);
+                return;
+            case 2:
+                // A negative height makes libyuv read the rows bottom up.
+                libyuv::MirrorUVPlane(src.data, src.w * 2, dst.data, dst.w * 2, src.w, -src.h);
                 return;
             case 4:
                 libyuv::ARGBRotate(src.data, src.w * 4, dst.data, dst.w * 4, src.w, src.h,
