@@ -15,8 +15,9 @@
 
 #if defined(__SANITIZE_ADDRESS__)
 // The allocation-failure test asks for 2^63 bytes; let the sanitizer's
-// allocator return null (as the C library does) instead of aborting.
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+// allocator return null (as the C library does) instead of aborting. The
+// runtime looks the hook up dynamically, so it must be visible.
+extern "C" __attribute__((visibility("default"), used)) const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 #endif
 
 namespace {

@@ -119,11 +119,15 @@ inline void Block8x8(const uint32_t* s, ptrdiff_t ss, uint32_t* d, ptrdiff_t ds,
         u[4 * h + 2] = _mm256_unpacklo_epi64(t[4 * h + 1], t[4 * h + 3]);  // columns 2, 6
         u[4 * h + 3] = _mm256_unpackhi_epi64(t[4 * h + 1], t[4 * h + 3]);  // columns 3, 7
     }
+    __m256i col[8];
+    for (int j = 0; j < 4; ++j) {
+        col[j] = _mm256_permute2x128_si256(u[j], u[4 + j], 0x20);
+        col[4 + j] = _mm256_permute2x128_si256(u[j], u[4 + j], 0x31);
+    }
     const __m256i backwards = _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0);
     for (int j = 0; j < 8; ++j) {
-        __m256i col = _mm256_permute2x128_si256(u[j & 3], u[4 + (j & 3)], j < 4 ? 0x20 : 0x31);
-        if (reverse) col = _mm256_permutevar8x32_epi32(col, backwards);
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + j * ds), col);
+        if (reverse) col[j] = _mm256_permutevar8x32_epi32(col[j], backwards);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + j * ds), col[j]);
     }
 }
 
