@@ -66,38 +66,13 @@ inline WarpBlock warp_block(int col0, __m256 m0, __m256 m3, __m256 bx, __m256 by
     return b;
 }
 
-// ---- one pixel at a time (blocks that straddle the frame edge, row tails) --
+// ---- one channel --------------------------------------------------------
 
-template <int N>
-inline void warp_pixel(const unsigned char* src, ptrdiff_t stride, int ix, int iy, int w00, int w10,
-                       int w01, int w11, unsigned char* out) {
-    const unsigned char* p = src + iy * stride + static_cast<ptrdiff_t>(ix) * N;
-    const unsigned char* q = p + stride;
-    for (int c = 0; c < N; ++c) {
-        const int sum = p[c] * w00 + p[N + c] * w10 + q[c] * w01 + q[N + c] * w11 + 32768;
-        out[c] = static_cast<unsigned char>(sum >> 16);  // low byte, no clamp
-    }
+inline void warp_pixel_c1(const unsigned char* p, ptrdiff_t stride, int w00, int w10, int w01, int w11,
+                          unsigned char* out) {
+    const int sum = p[0] * w00 + p[1] * w10 + p[stride] * w01 + p[stride + 1] * w11 + 32768;
+    *out = static_cast<unsigned char>(sum >> 16);  // low byte, no clamp
 }
-
-// Four channels side by side in one 128-bit vector, narrowed with saturation.
-template <>
-inline void warp_pixel<4>(const unsigned char* src, ptrdiff_t stride, int ix, int iy, int w00,
-                          int w10, int w01, int w11, unsigned char* out) {
-    const unsigned char* p = src + iy * stride + static_cast<ptrdiff_t>(ix) * 4;
-    const unsigned char* q = p + stride;
-    const __m128i s00 = _mm_cvtepu8_epi32(_mm_loadu_si32(p));
-    const __m128i s10 = _mm_cvtepu8_epi32(_mm_loadu_si32(p + 4));
-    const __m128i s01 = _mm_cvtepu8_epi32(_mm_loadu_si32(q));
-    const __m128i s11 = _mm_cvtepu8_epi32(_mm_loadu_si32(q + 4));
-    __m128i sum = _mm_add_epi32(_mm_mullo_epi32(s00, _mm_set1_epi32(w00)), _mm_mullo_epi32(s10, _mm_set1_epi32(w10)));
-    sum = _mm_add_epi32(sum, _mm_mullo_epi32(s01, _mm_set1_epi32(w01)));
-    sum = _mm_add_epi32(sum, _mm_mullo_epi32(s11, _mm_set1_epi32(w11)));
-    sum = _mm_srai_epi32(_mm_add_epi32(sum, _mm_set1_epi32(32768)), 16);
-    const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(sum, sum), _mm_setzero_si128());
-    _mm_storeu_si32(out, packed);
-}
-
-// ---- eight pixels at once (blocks wholly inside the source) --------------
 
 // Selects byte k of every 32-bit lane into that lane's low byte.
 inline __m256i lane_byte(__m256i v, int k) {
@@ -106,29 +81,17 @@ inline __m256i lane_byte(__m256i v, int k) {
                                                     z | k, z | (4 + k), z | (8 + k), z | (12 + k)));
 }
 
-inline __m256i blend8(__m256i s00, __m256i s10, __m256i s01, __m256i s11, const WarpBlock& b) {
-    __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(s00, b.w00), _mm256_mullo_epi32(s10, b.w10));
-    sum = _mm256_add_epi32(sum, _mm256_mullo_epi32(s01, b.w01));
-    sum = _mm256_add_epi32(sum, _mm256_mullo_epi32(s11, b.w11));
-    return _mm256_srai_epi32(_mm256_add_epi32(sum, _mm256_set1_epi32(32768)), 16);
-}
-
-inline __m256i gather32(const unsigned char* base, __m256i offsets) {
-    return _mm256_i32gather_epi32(reinterpret_cast<const int*>(base), offsets, 1);
-}
-
-template <int N>
-void warp_block8(const unsigned char* src, int stride, const WarpBlock& b, unsigned char* out);
-
-// One channel: a 32-bit read at the top-left sample gives s00 and s10 in bytes
-// 0 and 1; the lower row is read two bytes early (bytes 2 and 3) so that
-// neither read runs past the source's last byte.
-template <>
-inline void warp_block8<1>(const unsigned char* src, int stride, const WarpBlock& b, unsigned char* out) {
+// Eight one-channel pixels wholly inside. A 32-bit read at the top-left
+// sample gives s00 and s10 in bytes 0 and 1; the lower row is read two bytes
+// early (bytes 2 and 3), so neither read runs past the source's last byte.
+inline void warp_block8_c1(const unsigned char* src, int stride, const WarpBlock& b, unsigned char* out) {
     const __m256i off = _mm256_add_epi32(_mm256_mullo_epi32(b.iy, _mm256_set1_epi32(stride)), b.ix);
-    const __m256i t = gather32(src, off);
-    const __m256i u = gather32(src + stride - 2, off);
-    const __m256i r = blend8(lane_byte(t, 0), lane_byte(t, 1), lane_byte(u, 2), lane_byte(u, 3), b);
+    const __m256i t = _mm256_i32gather_epi32(reinterpret_cast<const int*>(src), off, 1);
+    const __m256i u = _mm256_i32gather_epi32(reinterpret_cast<const int*>(src + stride - 2), off, 1);
+    __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(lane_byte(t, 0), b.w00), _mm256_mullo_epi32(lane_byte(t, 1), b.w10));
+    sum = _mm256_add_epi32(sum, _mm256_mullo_epi32(lane_byte(u, 2), b.w01));
+    sum = _mm256_add_epi32(sum, _mm256_mullo_epi32(lane_byte(u, 3), b.w11));
+    const __m256i r = _mm256_srai_epi32(_mm256_add_epi32(sum, _mm256_set1_epi32(32768)), 16);
     // Low byte of each result, no clamp; four bytes per 128-bit half.
     const __m256i pick = _mm256_shuffle_epi8(
         r, _mm256_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1,
@@ -137,72 +100,78 @@ inline void warp_block8<1>(const unsigned char* src, int stride, const WarpBlock
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(q));
 }
 
-template <>
-inline void warp_block8<2>(const unsigned char* src, int stride, const WarpBlock& b, unsigned char* out) {
-    const __m256i off = _mm256_add_epi32(_mm256_mullo_epi32(b.iy, _mm256_set1_epi32(stride)),
-                                         _mm256_slli_epi32(b.ix, 1));
-    const __m256i t = gather32(src, off);           // s00.c0 s00.c1 s10.c0 s10.c1
-    const __m256i u = gather32(src + stride, off);  // s01.c0 s01.c1 s11.c0 s11.c1
-    const __m256i r0 = blend8(lane_byte(t, 0), lane_byte(t, 2), lane_byte(u, 0), lane_byte(u, 2), b);
-    const __m256i r1 = blend8(lane_byte(t, 1), lane_byte(t, 3), lane_byte(u, 1), lane_byte(u, 3), b);
-    const __m256i v = _mm256_or_si256(lane_byte(r0, 0), _mm256_slli_epi32(lane_byte(r1, 0), 8));
-    const __m256i pack = _mm256_shuffle_epi8(
-        v, _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1,
-                            0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1));
-    const __m256i q = _mm256_permute4x64_epi64(pack, 0x08);  // 64-bit lanes 0 and 2 to the front
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(q));
+// ---- two to four channels: one pixel per 256-bit vector ------------------
+//
+// Two 8-byte reads fetch a pixel's neighbourhood: the top row from the
+// top-left sample on, the lower row ending at the bottom-right sample's last
+// byte (8 - 2N bytes early), so no read leaves the source. One byte shuffle
+// spreads the channels of the left samples (s00 | s01) over the 32-bit lanes
+// of the two halves, another those of the right samples (s10 | s11); lanes
+// past N hold zero. Two multiplies by (w00 | w01) and (w10 | w11) and a sum
+// of the halves give the channel sums side by side.
+
+struct alignas(32) ByteMask {
+    int8_t v[32];
+};
+
+template <int N>
+constexpr ByteMask pixel_mask(bool right) {
+    ByteMask m{};
+    const int back = 8 - 2 * N;
+    for (int half = 0; half < 2; ++half)
+        for (int lane = 0; lane < 4; ++lane)
+            for (int k = 0; k < 4; ++k) {
+                int v = -128;  // high bit: the byte becomes zero
+                if (k == 0 && lane < N) v = (half == 0 ? 0 : 8 + back) + (right ? N : 0) + lane;
+                m.v[half * 16 + lane * 4 + k] = static_cast<int8_t>(v);
+            }
+    return m;
 }
 
-// Three channels: two 32-bit reads per row, at the pixel and two bytes on,
-// cover both 3-byte neighbours without reading past the right-hand one.
-template <>
-inline void warp_block8<3>(const unsigned char* src, int stride, const WarpBlock& b, unsigned char* out) {
-    const __m256i off = _mm256_add_epi32(_mm256_mullo_epi32(b.iy, _mm256_set1_epi32(stride)),
-                                         _mm256_add_epi32(b.ix, _mm256_slli_epi32(b.ix, 1)));
-    const __m256i t0 = gather32(src, off);               // s00.c0 s00.c1 s00.c2 s10.c0
-    const __m256i t1 = gather32(src + 2, off);           // s00.c2 s10.c0 s10.c1 s10.c2
-    const __m256i u0 = gather32(src + stride, off);      // s01.c0 s01.c1 s01.c2 s11.c0
-    const __m256i u1 = gather32(src + stride + 2, off);  // s01.c2 s11.c0 s11.c1 s11.c2
-    const __m256i r0 = blend8(lane_byte(t0, 0), lane_byte(t0, 3), lane_byte(u0, 0), lane_byte(u0, 3), b);
-    const __m256i r1 = blend8(lane_byte(t0, 1), lane_byte(t1, 2), lane_byte(u0, 1), lane_byte(u1, 2), b);
-    const __m256i r2 = blend8(lane_byte(t0, 2), lane_byte(t1, 3), lane_byte(u0, 2), lane_byte(u1, 3), b);
-    __m256i v = _mm256_or_si256(lane_byte(r0, 0), _mm256_slli_epi32(lane_byte(r1, 0), 8));
-    v = _mm256_or_si256(v, _mm256_slli_epi32(lane_byte(r2, 0), 16));
-    const __m256i pack = _mm256_shuffle_epi8(
-        v, _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,
-                            0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
-    // Exactly 24 bytes: nothing past the block may be touched.
-    const __m128i lo = _mm256_castsi256_si128(pack);
-    const __m128i hi = _mm256_extracti128_si256(pack, 1);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), lo);
-    _mm_storeu_si32(out + 8, _mm_srli_si128(lo, 8));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 12), hi);
-    _mm_storeu_si32(out + 20, _mm_srli_si128(hi, 8));
-}
+template <int N>
+struct PixelMasks {
+    static constexpr ByteMask left = pixel_mask<N>(false);
+    static constexpr ByteMask right = pixel_mask<N>(true);
+};
 
-template <>
-inline void warp_block8<4>(const unsigned char* src, int stride, const WarpBlock& b, unsigned char* out) {
-    const __m256i off = _mm256_add_epi32(_mm256_mullo_epi32(b.iy, _mm256_set1_epi32(stride)),
-                                         _mm256_slli_epi32(b.ix, 2));
-    const __m256i t0 = gather32(src, off);           // s00, four channels
-    const __m256i t1 = gather32(src + 4, off);       // s10
-    const __m256i u0 = gather32(src + stride, off);  // s01
-    const __m256i u1 = gather32(src + stride + 4, off);
-    const __m256i zero = _mm256_setzero_si256();
-    const __m256i top = _mm256_set1_epi32(255);
-    __m256i v = zero;
-    for (int c = 0; c < 4; ++c) {
-        __m256i r = blend8(lane_byte(t0, c), lane_byte(t1, c), lane_byte(u0, c), lane_byte(u1, c), b);
-        r = _mm256_min_epi32(_mm256_max_epi32(r, zero), top);  // the saturation of the 4-channel kernel
-        v = _mm256_or_si256(v, _mm256_slli_epi32(r, 8 * c));
+template <int N>
+inline void warp_pixel_vec(const unsigned char* p, ptrdiff_t stride, __m256i w_left, __m256i w_right,
+                           unsigned char* out) {
+    constexpr int kBack = 8 - 2 * N;
+    const __m128i top = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+    const __m128i bottom = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + stride - kBack));
+    const __m256i both = _mm256_broadcastsi128_si256(_mm_unpacklo_epi64(top, bottom));
+    const __m256i left = _mm256_shuffle_epi8(both, _mm256_load_si256(reinterpret_cast<const __m256i*>(PixelMasks<N>::left.v)));
+    const __m256i right = _mm256_shuffle_epi8(both, _mm256_load_si256(reinterpret_cast<const __m256i*>(PixelMasks<N>::right.v)));
+    const __m256i prod = _mm256_add_epi32(_mm256_mullo_epi32(left, w_left), _mm256_mullo_epi32(right, w_right));
+    __m128i sum = _mm_add_epi32(_mm256_castsi256_si128(prod), _mm256_extracti128_si256(prod, 1));
+    sum = _mm_srai_epi32(_mm_add_epi32(sum, _mm_set1_epi32(32768)), 16);
+    if (N == 4) {
+        // Four channels side by side, narrowed with saturation to 0..255.
+        _mm_storeu_si32(out, _mm_packus_epi16(_mm_packs_epi32(sum, sum), _mm_setzero_si128()));
+    } else {
+        // Low byte of each channel's sum, no clamp; exactly N bytes stored.
+        const uint32_t v = static_cast<uint32_t>(_mm_cvtsi128_si32(
+            _mm_shuffle_epi8(sum, _mm_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1))));
+        std::memcpy(out, &v, N);
     }
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), v);
 }
 
 template <int N>
 inline void warp_border_pixel(unsigned char* out, unsigned int border) {
     if (N == 1) return;  // the one-channel kernel leaves outside pixels alone
     for (int c = 0; c < N; ++c) out[c] = static_cast<unsigned char>(border >> (8 * c));
+}
+
+// Weights of pixel i as (w00 x4 | w01 x4) and (w10 x4 | w11 x4). `lo` and
+// `hi` are the 32-bit interleavings of the two weight vectors: pixels
+// 0, 1, 4, 5 sit in `lo`, pixels 2, 3, 6, 7 in `hi`.
+alignas(32) constexpr int32_t kPairIndex[4][8] = {
+    {0, 0, 0, 0, 1, 1, 1, 1}, {2, 2, 2, 2, 3, 3, 3, 3}, {4, 4, 4, 4, 5, 5, 5, 5}, {6, 6, 6, 6, 7, 7, 7, 7}};
+
+inline __m256i pixel_weights(__m256i lo, __m256i hi, int i) {
+    const __m256i idx = _mm256_load_si256(reinterpret_cast<const __m256i*>(kPairIndex[(i & 1) | ((i >> 1) & 2)]));
+    return _mm256_permutevar8x32_epi32((i & 2) ? hi : lo, idx);
 }
 
 template <int N>
@@ -217,10 +186,11 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
     const __m256 m3 = _mm256_set1_ps(M[3]);
     const __m256i w_lim = _mm256_set1_epi32(srcWidth - 1);
     const __m256i h_lim = _mm256_set1_epi32(srcHeight - 1);
-    unsigned char fill[8 * N];
+    const __m256i stride_v = _mm256_set1_epi32(srcStride);
+    unsigned char fill[8 * N] = {};
     for (int i = 0; i < 8; ++i) warp_border_pixel<N>(fill + i * N, border);
 
-    alignas(32) int32_t ix[8], iy[8], w00[8], w10[8], w01[8], w11[8], in[8];
+    alignas(32) int32_t off[8], w00[8], w10[8], w01[8], w11[8];
     for (int y = 0; y < dstHeight; ++y) {
         const float row = static_cast<float>(y);
         const __m256 bx = _mm256_set1_ps(std::fma(row, M[1], M[2]));
@@ -231,25 +201,42 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             const int mask = _mm256_movemask_ps(_mm256_castsi256_ps(b.inside));
             const int count = std::min(8, dstWidth - j);
             unsigned char* o = out + static_cast<ptrdiff_t>(j) * N;
-            if (mask == 0xff && count == 8) {
-                warp_block8<N>(src, srcStride, b, o);
-                continue;
-            }
-            if (mask == 0) {
+            if (mask == 0) {  // wholly outside the source
                 if (N != 1) std::memcpy(o, fill, static_cast<size_t>(count) * N);
                 continue;
             }
-            // Straddles the edge of the source (or the end of the row).
-            _mm256_store_si256(reinterpret_cast<__m256i*>(ix), b.ix);
-            _mm256_store_si256(reinterpret_cast<__m256i*>(iy), b.iy);
-            _mm256_store_si256(reinterpret_cast<__m256i*>(w00), b.w00);
-            _mm256_store_si256(reinterpret_cast<__m256i*>(w10), b.w10);
-            _mm256_store_si256(reinterpret_cast<__m256i*>(w01), b.w01);
-            _mm256_store_si256(reinterpret_cast<__m256i*>(w11), b.w11);
-            _mm256_store_si256(reinterpret_cast<__m256i*>(in), b.inside);
+            // Source offsets of the top-left samples (garbage where outside, never used).
+            const __m256i offs = _mm256_add_epi32(_mm256_mullo_epi32(b.iy, stride_v),
+                                                  _mm256_mullo_epi32(b.ix, _mm256_set1_epi32(N)));
+            if (N == 1) {
+                if (mask == 0xff && count == 8) {
+                    warp_block8_c1(src, srcStride, b, o);
+                    continue;
+                }
+                _mm256_store_si256(reinterpret_cast<__m256i*>(off), offs);
+                _mm256_store_si256(reinterpret_cast<__m256i*>(w00), b.w00);
+                _mm256_store_si256(reinterpret_cast<__m256i*>(w10), b.w10);
+                _mm256_store_si256(reinterpret_cast<__m256i*>(w01), b.w01);
+                _mm256_store_si256(reinterpret_cast<__m256i*>(w11), b.w11);
+                for (int i = 0; i < count; ++i)
+                    if ((mask >> i) & 1) warp_pixel_c1(src + off[i], srcStride, w00[i], w10[i], w01[i], w11[i], o + i);
+                continue;
+            }
+            _mm256_store_si256(reinterpret_cast<__m256i*>(off), offs);
+            const __m256i l_lo = _mm256_unpacklo_epi32(b.w00, b.w01), l_hi = _mm256_unpackhi_epi32(b.w00, b.w01);
+            const __m256i r_lo = _mm256_unpacklo_epi32(b.w10, b.w11), r_hi = _mm256_unpackhi_epi32(b.w10, b.w11);
+            if (mask == 0xff && count == 8) {
+#pragma GCC unroll 8
+                for (int i = 0; i < 8; ++i)
+                    warp_pixel_vec<N>(src + off[i], srcStride, pixel_weights(l_lo, l_hi, i),
+                                      pixel_weights(r_lo, r_hi, i), o + i * N);
+                continue;
+            }
+            // Straddles the edge of the source, or the end of the row.
             for (int i = 0; i < count; ++i) {
-                if (in[i]) {
-                    warp_pixel<N>(src, srcStride, ix[i], iy[i], w00[i], w10[i], w01[i], w11[i], o + i * N);
+                if ((mask >> i) & 1) {
+                    warp_pixel_vec<N>(src + off[i], srcStride, pixel_weights(l_lo, l_hi, i),
+                                      pixel_weights(r_lo, r_hi, i), o + i * N);
                 } else {
                     warp_border_pixel<N>(o + i * N, border);
                 }
