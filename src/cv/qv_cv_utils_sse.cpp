@@ -134,16 +134,24 @@ struct PixelMasks {
     static constexpr ByteMask right = pixel_mask<N>(true);
 };
 
+// Channel products of one pixel: (s00 * w00 | s01 * w01) + (s10 * w10 | s11 * w11),
+// each half N lanes wide, zero beyond.
 template <int N>
-inline void warp_pixel_vec(const unsigned char* p, ptrdiff_t stride, __m256i w_left, __m256i w_right,
-                           unsigned char* out) {
+inline __m256i pixel_products(const unsigned char* p, ptrdiff_t stride, __m256i w_left, __m256i w_right) {
     constexpr int kBack = 8 - 2 * N;
     const __m128i top = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
     const __m128i bottom = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + stride - kBack));
     const __m256i both = _mm256_broadcastsi128_si256(_mm_unpacklo_epi64(top, bottom));
     const __m256i left = _mm256_shuffle_epi8(both, _mm256_load_si256(reinterpret_cast<const __m256i*>(PixelMasks<N>::left.v)));
     const __m256i right = _mm256_shuffle_epi8(both, _mm256_load_si256(reinterpret_cast<const __m256i*>(PixelMasks<N>::right.v)));
-    const __m256i prod = _mm256_add_epi32(_mm256_mullo_epi32(left, w_left), _mm256_mullo_epi32(right, w_right));
+    return _mm256_add_epi32(_mm256_mullo_epi32(left, w_left), _mm256_mullo_epi32(right, w_right));
+}
+
+// One pixel finished on its own (blocks at the source's edge, row tails).
+template <int N>
+inline void warp_pixel_vec(const unsigned char* p, ptrdiff_t stride, __m256i w_left, __m256i w_right,
+                           unsigned char* out) {
+    const __m256i prod = pixel_products<N>(p, stride, w_left, w_right);
     __m128i sum = _mm_add_epi32(_mm256_castsi256_si128(prod), _mm256_extracti128_si256(prod, 1));
     sum = _mm_srai_epi32(_mm_add_epi32(sum, _mm_set1_epi32(32768)), 16);
     if (N == 4) {
@@ -155,6 +163,57 @@ inline void warp_pixel_vec(const unsigned char* p, ptrdiff_t stride, __m256i w_l
             _mm_shuffle_epi8(sum, _mm_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1))));
         std::memcpy(out, &v, N);
     }
+}
+
+// Sums of the halves of two pixels' products, rounded and shifted: (a | b).
+inline __m256i finish_pair(__m256i a, __m256i b) {
+    const __m256i sum = _mm256_add_epi32(_mm256_permute2x128_si256(a, b, 0x20), _mm256_permute2x128_si256(a, b, 0x31));
+    return _mm256_srai_epi32(_mm256_add_epi32(sum, _mm256_set1_epi32(32768)), 16);
+}
+
+// Eight pixels' products to 8 x 4 bytes in pixel order. The four-channel
+// kernel narrows with saturation; the others keep each result's low byte.
+template <int N>
+inline __m256i finish_block(const __m256i* prod) {
+    __m256i r[4];
+    for (int k = 0; k < 4; ++k) {
+        r[k] = finish_pair(prod[2 * k], prod[2 * k + 1]);
+        if (N != 4) r[k] = _mm256_and_si256(r[k], _mm256_set1_epi32(0xff));
+    }
+    // packs: (p0 p2 | p1 p3) and (p4 p6 | p5 p7); packus: (p0 p2 p4 p6 | p1 p3 p5 p7).
+    const __m256i bytes = _mm256_packus_epi16(_mm256_packs_epi32(r[0], r[1]), _mm256_packs_epi32(r[2], r[3]));
+    return _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
+}
+
+template <int N>
+inline void store_block(__m256i px, unsigned char* out);
+
+template <>
+inline void store_block<4>(__m256i px, unsigned char* out) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), px);
+}
+
+template <>
+inline void store_block<3>(__m256i px, unsigned char* out) {
+    // Drop every fourth byte; exactly 24 bytes stored.
+    const __m256i packed = _mm256_shuffle_epi8(
+        px, _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,
+                             0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
+    const __m128i lo = _mm256_castsi256_si128(packed);
+    const __m128i hi = _mm256_extracti128_si256(packed, 1);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), lo);
+    _mm_storeu_si32(out + 8, _mm_srli_si128(lo, 8));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 12), hi);
+    _mm_storeu_si32(out + 20, _mm_srli_si128(hi, 8));
+}
+
+template <>
+inline void store_block<2>(__m256i px, unsigned char* out) {
+    const __m256i packed = _mm256_shuffle_epi8(
+        px, _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1,
+                             0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
+                     _mm256_castsi256_si128(_mm256_permute4x64_epi64(packed, 0x08)));
 }
 
 template <int N>
@@ -174,6 +233,52 @@ inline __m256i pixel_weights(__m256i lo, __m256i hi, int i) {
     return _mm256_permutevar8x32_epi32((i & 2) ? hi : lo, idx);
 }
 
+// One block of eight one-channel pixels, at least one of them inside.
+inline void warp_block_c1(const unsigned char* src, int stride, const WarpBlock& b, __m256i offs, int mask,
+                          int count, unsigned char* o) {
+    if (mask == 0xff && count == 8) {
+        warp_block8_c1(src, stride, b, o);
+        return;
+    }
+    alignas(32) int32_t off[8], w00[8], w10[8], w01[8], w11[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(off), offs);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(w00), b.w00);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(w10), b.w10);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(w01), b.w01);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(w11), b.w11);
+    for (int i = 0; i < count; ++i)  // outside pixels are left alone
+        if ((mask >> i) & 1) warp_pixel_c1(src + off[i], stride, w00[i], w10[i], w01[i], w11[i], o + i);
+}
+
+// One block of eight pixels of N = 2..4 channels, at least one inside.
+template <int N>
+inline void warp_block_cn(const unsigned char* src, int stride, const WarpBlock& b, __m256i offs, int mask,
+                          int count, unsigned int border, unsigned char* o) {
+    alignas(32) int32_t off[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(off), offs);
+    const __m256i l_lo = _mm256_unpacklo_epi32(b.w00, b.w01), l_hi = _mm256_unpackhi_epi32(b.w00, b.w01);
+    const __m256i r_lo = _mm256_unpacklo_epi32(b.w10, b.w11), r_hi = _mm256_unpackhi_epi32(b.w10, b.w11);
+    if (mask == 0xff && count == 8) {
+        __m256i prod[8];
+#pragma GCC unroll 8
+        for (int i = 0; i < 8; ++i)
+            prod[i] = pixel_products<N>(src + off[i], stride, pixel_weights(l_lo, l_hi, i), pixel_weights(r_lo, r_hi, i));
+        store_block<N>(finish_block<N>(prod), o);
+        return;
+    }
+    // Straddles the edge of the source, or the end of the row.
+    for (int i = 0; i < count; ++i) {
+        if ((mask >> i) & 1) {
+            warp_pixel_vec<N>(src + off[i], stride, pixel_weights(l_lo, l_hi, i), pixel_weights(r_lo, r_hi, i),
+                              o + i * N);
+        } else {
+            warp_border_pixel<N>(o + i * N, border);
+        }
+    }
+}
+
+// The driver shared by the four kernels: rows, blocks of eight columns, and
+// the split of blocks into wholly outside / wholly inside / mixed.
 template <int N>
 void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeight, int dstWidth,
                         int dstStride, unsigned char* dst, const unsigned char* src, const float* M,
@@ -187,10 +292,10 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
     const __m256i w_lim = _mm256_set1_epi32(srcWidth - 1);
     const __m256i h_lim = _mm256_set1_epi32(srcHeight - 1);
     const __m256i stride_v = _mm256_set1_epi32(srcStride);
+    const __m256i pixel_v = _mm256_set1_epi32(N);
     unsigned char fill[8 * N] = {};
     for (int i = 0; i < 8; ++i) warp_border_pixel<N>(fill + i * N, border);
 
-    alignas(32) int32_t off[8], w00[8], w10[8], w01[8], w11[8];
     for (int y = 0; y < dstHeight; ++y) {
         const float row = static_cast<float>(y);
         const __m256 bx = _mm256_set1_ps(std::fma(row, M[1], M[2]));
@@ -205,41 +310,12 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
                 if (N != 1) std::memcpy(o, fill, static_cast<size_t>(count) * N);
                 continue;
             }
-            // Source offsets of the top-left samples (garbage where outside, never used).
-            const __m256i offs = _mm256_add_epi32(_mm256_mullo_epi32(b.iy, stride_v),
-                                                  _mm256_mullo_epi32(b.ix, _mm256_set1_epi32(N)));
-            if (N == 1) {
-                if (mask == 0xff && count == 8) {
-                    warp_block8_c1(src, srcStride, b, o);
-                    continue;
-                }
-                _mm256_store_si256(reinterpret_cast<__m256i*>(off), offs);
-                _mm256_store_si256(reinterpret_cast<__m256i*>(w00), b.w00);
-                _mm256_store_si256(reinterpret_cast<__m256i*>(w10), b.w10);
-                _mm256_store_si256(reinterpret_cast<__m256i*>(w01), b.w01);
-                _mm256_store_si256(reinterpret_cast<__m256i*>(w11), b.w11);
-                for (int i = 0; i < count; ++i)
-                    if ((mask >> i) & 1) warp_pixel_c1(src + off[i], srcStride, w00[i], w10[i], w01[i], w11[i], o + i);
-                continue;
-            }
-            _mm256_store_si256(reinterpret_cast<__m256i*>(off), offs);
-            const __m256i l_lo = _mm256_unpacklo_epi32(b.w00, b.w01), l_hi = _mm256_unpackhi_epi32(b.w00, b.w01);
-            const __m256i r_lo = _mm256_unpacklo_epi32(b.w10, b.w11), r_hi = _mm256_unpackhi_epi32(b.w10, b.w11);
-            if (mask == 0xff && count == 8) {
-#pragma GCC unroll 8
-                for (int i = 0; i < 8; ++i)
-                    warp_pixel_vec<N>(src + off[i], srcStride, pixel_weights(l_lo, l_hi, i),
-                                      pixel_weights(r_lo, r_hi, i), o + i * N);
-                continue;
-            }
-            // Straddles the edge of the source, or the end of the row.
-            for (int i = 0; i < count; ++i) {
-                if ((mask >> i) & 1) {
-                    warp_pixel_vec<N>(src + off[i], srcStride, pixel_weights(l_lo, l_hi, i),
-                                      pixel_weights(r_lo, r_hi, i), o + i * N);
-                } else {
-                    warp_border_pixel<N>(o + i * N, border);
-                }
+            // Offsets of the top-left samples (wrapped garbage where outside, never used).
+            const __m256i offs = _mm256_add_epi32(_mm256_mullo_epi32(b.iy, stride_v), _mm256_mullo_epi32(b.ix, pixel_v));
+            if constexpr (N == 1) {
+                warp_block_c1(src, srcStride, b, offs, mask, count, o);
+            } else {
+                warp_block_cn<N>(src, srcStride, b, offs, mask, count, border, o);
             }
         }
     }
