@@ -21,7 +21,10 @@
 namespace quvas {
 namespace kit {
 
+// Internals live in their own namespace: other parts of this file keep
+// helpers of their own in the same anonymous namespace.
 namespace {
+namespace warp_impl {
 
 // Positions and 16-bit fixed-point weights of one block of eight destination
 // columns. Every kernel shares this; only the per-pixel blend differs.
@@ -102,7 +105,8 @@ inline void warp_block8_c1(const unsigned char* src, int stride, const WarpBlock
 
 // ---- two to four channels: one pixel per 256-bit vector ------------------
 //
-// Two 8-byte reads fetch a pixel's neighbourhood: the top row from the
+// Two 8-byte reads fetch a pixel's neighbourhood (16-byte reads measured
+// slower: they split cache lines twice as often): the top row from the
 // top-left sample on, the lower row ending at the bottom-right sample's last
 // byte (8 - 2N bytes early), so no read leaves the source. One byte shuffle
 // spreads the channels of the left samples (s00 | s01) over the 32-bit lanes
@@ -321,30 +325,31 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
     }
 }
 
+}  // namespace warp_impl
 }  // namespace
 
 void warpaffine_linear_SSE_C1(int srcHeight, int srcWidth, int srcStride, int /*channels*/,
                               int dstHeight, int dstWidth, int dstStride, unsigned char* dst,
                               const unsigned char* src, const float* M, unsigned int border) {
-    warp_affine_kernel<1>(srcHeight, srcWidth, srcStride, dstHeight, dstWidth, dstStride, dst, src, M, border);
+    warp_impl::warp_affine_kernel<1>(srcHeight, srcWidth, srcStride, dstHeight, dstWidth, dstStride, dst, src, M, border);
 }
 
 void warpaffine_linear_SSE_C2(int srcHeight, int srcWidth, int srcStride, int /*channels*/,
                               int dstHeight, int dstWidth, int dstStride, unsigned char* dst,
                               const unsigned char* src, const float* M, unsigned int border) {
-    warp_affine_kernel<2>(srcHeight, srcWidth, srcStride, dstHeight, dstWidth, dstStride, dst, src, M, border);
+    warp_impl::warp_affine_kernel<2>(srcHeight, srcWidth, srcStride, dstHeight, dstWidth, dstStride, dst, src, M, border);
 }
 
 void warpaffine_linear_SSE_C3(int srcHeight, int srcWidth, int srcStride, int /*channels*/,
                               int dstHeight, int dstWidth, int dstStride, unsigned char* dst,
                               const unsigned char* src, const float* M, unsigned int border) {
-    warp_affine_kernel<3>(srcHeight, srcWidth, srcStride, dstHeight, dstWidth, dstStride, dst, src, M, border);
+    warp_impl::warp_affine_kernel<3>(srcHeight, srcWidth, srcStride, dstHeight, dstWidth, dstStride, dst, src, M, border);
 }
 
 void warpaffine_linear_SSE_C4(int srcHeight, int srcWidth, int srcStride, int /*channels*/,
                               int dstHeight, int dstWidth, int dstStride, unsigned char* dst,
                               const unsigned char* src, const float* M, unsigned int border) {
-    warp_affine_kernel<4>(srcHeight, srcWidth, srcStride, dstHeight, dstWidth, dstStride, dst, src, M, border);
+    warp_impl::warp_affine_kernel<4>(srcHeight, srcWidth, srcStride, dstHeight, dstWidth, dstStride, dst, src, M, border);
 }
 
 void AffineInvQvimageBilinearSSE(const QVN_Image* src, QVN_Image* dst, unsigned int border, float* M) {
