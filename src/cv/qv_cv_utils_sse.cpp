@@ -106,7 +106,7 @@ inline void warp_block8_c1(const unsigned char* src, int stride, const WarpBlock
 // ---- two to four channels: one pixel per 256-bit vector ------------------
 //
 // Two 8-byte reads fetch a pixel's neighbourhood (16-byte reads measured
-// slower: they split cache lines twice as often): the top row from the
+// slower on a whole-frame turn): the top row from the
 // top-left sample on, the lower row ending at the bottom-right sample's last
 // byte (8 - 2N bytes early), so no read leaves the source. One byte shuffle
 // spreads the channels of the left samples (s00 | s01) over the 32-bit lanes
