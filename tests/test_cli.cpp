@@ -606,19 +606,30 @@ TEST_F(Cli, PreprocessPicturesMatchTheLibrary) {
         EXPECT_EQ(pa.px[3 * i + 1], a[192 + i]);
         EXPECT_EQ(pa.px[3 * i + 2], a[384 + i]);
     }
-    // A flat colour survives PNG -> NV21 (BT.601 full range) -> RGB tensor
-    // up to the rounding of both conversions.
-    Img flat{16, 16, 3, {}};
-    for (int i = 0; i < 256; ++i) flat.px.insert(flat.px.end(), {200, 120, 40});
-    WritePngFile(P("flat.png"), flat);
-    ASSERT_EQ(Run("preprocess " + P("flat.png") + " " + P("flat.npy") +
-                  " --format nv21 --tensor 3x8x8").code, 0);
-    std::vector<uint8_t> f = ReadNpyU8(P("flat.npy")).body;
-    ASSERT_EQ(f.size(), 192u);
-    for (size_t i = 0; i < 64; ++i) {
-        EXPECT_NEAR(f[i], 200, 4);
-        EXPECT_NEAR(f[64 + i], 120, 4);
-        EXPECT_NEAR(f[128 + i], 40, 4);
+    // A flat colour through PNG -> NV21 -> RGB tensor. The tool encodes with
+    // BT.601 full range: Y = .299 R + .587 G + .114 B, U - 128 = (B - Y) / 1.772,
+    // V - 128 = (R - Y) / 1.402; the kit decodes nv21 with its weights in
+    // 64ths: R = Y + 90/64 (V-128), G = Y - 22/64 (U-128) - 46/64 (V-128),
+    // B = Y + 133/64 (U-128). Up to the rounding of both steps.
+    for (const std::array<double, 3>& rgb :
+         {std::array<double, 3>{200, 120, 40}, std::array<double, 3>{90, 90, 90},
+          std::array<double, 3>{30, 160, 220}}) {
+        Img flat{16, 16, 3, {}};
+        for (int i = 0; i < 256; ++i)
+            for (double v : rgb) flat.px.push_back(static_cast<uint8_t>(v));
+        WritePngFile(P("flat.png"), flat);
+        ASSERT_EQ(Run("preprocess " + P("flat.png") + " " + P("flat.npy") +
+                      " --format nv21 --tensor 3x8x8").code, 0);
+        std::vector<uint8_t> f = ReadNpyU8(P("flat.npy")).body;
+        ASSERT_EQ(f.size(), 192u);
+        double y = 0.299 * rgb[0] + 0.587 * rgb[1] + 0.114 * rgb[2];
+        double u = (rgb[2] - y) / 1.772, v = (rgb[0] - y) / 1.402;
+        double want[3] = {y + 90.0 / 64 * v, y - 22.0 / 64 * u - 46.0 / 64 * v,
+                          y + 133.0 / 64 * u};
+        for (int c = 0; c < 3; ++c) {
+            double expect = std::min(255.0, std::max(0.0, want[c]));
+            for (size_t i = 0; i < 64; ++i) EXPECT_NEAR(f[64 * c + i], expect, 3.0) << c;
+        }
     }
 }
 

@@ -4,9 +4,10 @@
 // 4:2:0 frame through ARGBToJ420 (BT.601 full range, 2x2 chroma averages)
 // and I420ToNV12 / I420ToNV21, which only interleave the chroma planes; a
 // frame is shown through NV12ToARGBMatrix / NV21ToARGBMatrix with the same
-// BT.601 full-range constants. Those are the weights the kit uses for the
-// nv12 and nv21 formats (in 64ths), so a picture survives the round trip up
-// to chroma subsampling.
+// BT.601 full-range constants. The kit decodes nv12/nv21 with BT.601 weights
+// in 64ths whose blue weight (133/64) is above the standard's 1.772, so a
+// tensor made from a picture shows blues and yellows a little stronger than
+// the picture; that is the kit's colour handling, not the tool's.
 #ifndef QVN_TOOL_FRAMES_HPP
 #define QVN_TOOL_FRAMES_HPP
 
