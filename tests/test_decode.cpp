@@ -289,7 +289,7 @@ TEST(SoftArgMax, VectorDecodersMatchLaneReferenceBitForBit) {
     // Multiples of 4, plus W = 6 / 3 / 9 whose rows are read from a shifted
     // stream (and W < 4, which contributes nothing: x = y = 0/0).
     for (Shape sh : {Shape{64, 48, 17}, Shape{96, 72, 3}, Shape{8, 2, 2}, Shape{6, 5, 3},
-                     Shape{9, 4, 2}, Shape{3, 4, 2}}) {
+                     Shape{9, 4, 2}, Shape{3, 4, 2}, Shape{4, 3, 1}}) {
         const auto d = Random(sh.W * sh.H * sh.C, 17 + sh.W, -3.0f, 3.0f);
         SoftArgMax s(sh.W, sh.H, sh.C, 1.75f);
         s.weight_sum[0] = -5.0f;

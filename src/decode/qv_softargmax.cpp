@@ -32,6 +32,42 @@ inline float* AllocFloats(int32_t count) {
         std::calloc(static_cast<size_t>(static_cast<int64_t>(count)), sizeof(float)));
 }
 
+struct PlaneSums {
+    float sum, sx, sy;  // exponentials of the plane just computed
+    float var;          // spread of the plane whose exponentials were in temp
+};
+
+// One sweep over an H x W plane of the variance decoder. kSpread: accumulate
+// the weighted squared distance about (x, y) of the exponentials held in
+// `temp` (each term formed in f64, the running total kept in f32). kExp:
+// compute the exponentials of `plane` and their sums, storing each into
+// `temp` right after the spread has read that element.
+template <bool kSpread, bool kExp>
+PlaneSums PlanePass(const float* plane, float beta, float* temp, const float* line_x,
+                    const float* line_y, int W, int H, float x, float y) {
+    float sum = 0.0f, sx = 0.0f, sy = 0.0f, var = 0.0f;
+    for (int r = 0; r < H; ++r) {
+        const double dy = static_cast<double>(line_y[r] - y);
+        const double dy2 = dy * dy;
+        for (int k = 0; k < W; ++k) {
+            float* t = temp + r * W + k;
+            if (kSpread) {
+                const double dx = static_cast<double>(line_x[k] - x);
+                var = static_cast<float>(static_cast<double>(var) +
+                                         static_cast<double>(*t) * (dx * dx + dy2));
+            }
+            if (kExp) {
+                const float e = detail::FastExp(plane[r * W + k] * beta);
+                sx = std::fmaf(e, line_x[k], sx);
+                sy = std::fmaf(e, line_y[r], sy);
+                sum += e;
+                *t = e;
+            }
+        }
+    }
+    return {sum, sx, sy, var};
+}
+
 }  // namespace
 
 SoftArgMax::SoftArgMax(const int& width_, const int& height_, const int& channels_,
@@ -82,23 +118,26 @@ void SoftArgMax::Decode_CHW_F32(const float* data, const int& channels_, const i
 
     int index = 0;  // runs on from plane to plane over the whole CHW array
     for (int c = 0; c < channels; ++c) {
-        weight_sum[c] = 0.0f;
-        x_out[c] = 0.0f;
-        y_out[c] = 0.0f;
         confidence[c] = 0.0f;
+        // f32 accumulators in registers: the same operations in the same order
+        // as accumulating in weight_sum / x_out / y_out, without a store and
+        // reload per element (exp_buffer might alias them as far as the
+        // compiler knows).
+        float sum = 0.0f, sx = 0.0f, sy = 0.0f;
         for (int r = 0; r < height; ++r) {
             const float y = detail::NormalisedCoord(r, height);
             for (int k = 0; k < width; ++k, ++index) {
                 const float x = detail::NormalisedCoord(k, width);
                 const float e = detail::FastExp(data[index] * beta);
                 exp_buffer[index] = e;
-                weight_sum[c] += e;
-                x_out[c] = std::fmaf(x, e, x_out[c]);
-                y_out[c] = std::fmaf(y, e, y_out[c]);
+                sum += e;
+                sx = std::fmaf(x, e, sx);
+                sy = std::fmaf(y, e, sy);
             }
         }
-        x_out[c] /= weight_sum[c];
-        y_out[c] /= weight_sum[c];
+        weight_sum[c] = sum;
+        x_out[c] = sx / sum;
+        y_out[c] = sy / sum;
         confidence[c] = 1.0f;
     }
 }
@@ -114,38 +153,27 @@ void SoftArgMax::Decode_WithConfidenceNoSqrt_CHW_F32(const float* data, const in
         y_out[c] = 0.0f;
     }
 
-    const float* plane = data;
-    for (int c = 0; c < channels; ++c) {
-        float sum = 0.0f, sx = 0.0f, sy = 0.0f;
-        for (int r = 0; r < height; ++r) {
-            for (int k = 0; k < width; ++k) {
-                const float e = detail::FastExp(plane[r * width + k] * beta);
-                sx = std::fmaf(e, line_x[k], sx);
-                sy = std::fmaf(e, line_y[r], sy);
-                sum += e;
-                temp[r * width + k] = e;
+    if (channels > 0) {
+        const int64_t plane_size = Mul32(height, width);
+        PlaneSums next = PlanePass<false, true>(data, beta, temp, line_x, line_y, width, height,
+                                           0.0f, 0.0f);
+        for (int c = 0; c < channels; ++c) {
+            const PlaneSums cur = next;
+            const float x = cur.sx / cur.sum;
+            const float y = cur.sy / cur.sum;
+            x_out[c] = x;
+            y_out[c] = y;
+            // The spread of plane c and the exponentials of plane c + 1 share
+            // one loop: both are long serial chains, so they overlap.
+            if (c + 1 < channels) {
+                next = PlanePass<true, true>(data + (c + 1) * plane_size, beta, temp, line_x,
+                                             line_y, width, height, x, y);
+            } else {
+                next = PlanePass<true, false>(nullptr, beta, temp, line_x, line_y, width,
+                                              height, x, y);
             }
+            confidence[c] = next.var / cur.sum;
         }
-        const float x = sx / sum;
-        const float y = sy / sum;
-        x_out[c] = x;
-        y_out[c] = y;
-
-        // Weighted squared distance from the expected point; each term is
-        // formed in f64 and the running total is kept in f32.
-        float var = 0.0f;
-        for (int r = 0; r < height; ++r) {
-            const double dy = static_cast<double>(line_y[r] - y);
-            const double dy2 = dy * dy;
-            for (int k = 0; k < width; ++k) {
-                const double dx = static_cast<double>(line_x[k] - x);
-                var = static_cast<float>(static_cast<double>(var) +
-                                         static_cast<double>(temp[r * width + k]) *
-                                             (dx * dx + dy2));
-            }
-        }
-        confidence[c] = var / sum;
-        plane += Mul32(height, width);
     }
     delete[] temp;
 }

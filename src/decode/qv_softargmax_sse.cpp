@@ -50,8 +50,62 @@ inline float ReduceHighFirst(__m128 v) {  // ((l2 + l3) + l1) + l0
     return ((l[2] + l[3]) + l[1]) + l[0];
 }
 
-// Shared body of the two vector variants. Returns nothing; writes x_out,
-// y_out and the weighted variance (or its square root) into confidence.
+struct PlaneSums {
+    __m128 e = _mm_setzero_ps();  // lane sums of exponentials
+    __m128 x = _mm_setzero_ps();  // lane sums of e * column x
+    __m128 y = _mm_setzero_ps();  // lane sums of e * row y
+};
+
+// One group of four: exponentials of the next four stream values, kept for
+// the spread pass and accumulated into the plane's lane sums.
+inline void ExpGroup(const float* src, __m128 beta, const float* col, __m128 y, float* e_out,
+                     PlaneSums& s) {
+    const __m128 e = FastExp4(_mm_mul_ps(_mm_loadu_ps(src), beta));
+    _mm_storeu_ps(e_out, e);
+    s.e = _mm_add_ps(s.e, e);
+    s.x = _mm_fmadd_ps(e, _mm_loadu_ps(col), s.x);
+    s.y = _mm_fmadd_ps(e, y, s.y);
+}
+
+// Spread pass of one plane over the exponential buffer. When kNext is set the
+// same loop also runs the exponential pass of the following plane, which
+// overwrites each group of the buffer right after it has been read: the two
+// dependency chains overlap, and every value is computed in the same order as
+// in two separate passes.
+template <bool kNext>
+__m128 SpreadPass(int H, int groups, int W, const float* row, const float* col, float* ebuf,
+                  float my, float mx, float sum, __m128 beta, const float*& stream,
+                  PlaneSums& next_out) {
+    // Locals, so that the accumulators stay in registers.
+    const float* src = stream;
+    PlaneSums next = next_out;
+    const __m128 vsum = _mm_set1_ps(sum);
+    const __m128 vmx = _mm_set1_ps(mx);
+    __m128 acc = _mm_setzero_ps();
+    for (int r = 0; r < H; ++r) {
+        const float dy = row[r] - my;
+        const __m128 dy2 = _mm_set1_ps(dy * dy);
+        const __m128 y = _mm_set1_ps(row[r]);
+        float* erow = ebuf + r * W;
+        for (int g = 0; g < groups; ++g) {
+            const __m128 dx = _mm_sub_ps(_mm_loadu_ps(col + 4 * g), vmx);
+            const __m128 t = _mm_fmadd_ps(dx, dx, dy2);
+            // Each weight is divided by the plane's sum before accumulation.
+            const __m128 w = _mm_div_ps(_mm_loadu_ps(erow + 4 * g), vsum);
+            acc = _mm_add_ps(acc, _mm_mul_ps(w, t));
+            if (kNext) {
+                ExpGroup(src, beta, col + 4 * g, y, erow + 4 * g, next);
+                src += 4;
+            }
+        }
+    }
+    stream = src;
+    next_out = next;
+    return acc;
+}
+
+// Shared body of the two vector variants: x_out, y_out and the weighted
+// variance (or its square root) in confidence.
 template <bool kSqrt>
 void DecodeWithConfidence4(const SoftArgMax& sam, const float* data) {
     const int W = sam.width;
@@ -71,46 +125,32 @@ void DecodeWithConfidence4(const SoftArgMax& sam, const float* data) {
         sam.y_out[c] = 0.0f;
         sam.confidence[c] = 0.0f;
     }
+    if (C <= 0) return;
 
     const __m128 beta = _mm_set1_ps(sam.beta);
     const float* src = data;  // continuous stream over all rows and planes
+    PlaneSums next;
+    for (int r = 0; r < H; ++r) {
+        const __m128 y = _mm_set1_ps(row[r]);
+        float* erow = ebuf.get() + r * W;
+        for (int g = 0; g < groups; ++g, src += 4)
+            ExpGroup(src, beta, col.get() + 4 * g, y, erow + 4 * g, next);
+    }
     for (int c = 0; c < C; ++c) {
-        __m128 acc_e = _mm_setzero_ps();
-        __m128 acc_x = _mm_setzero_ps();
-        __m128 acc_y = _mm_setzero_ps();
-        for (int r = 0; r < H; ++r) {
-            const __m128 y = _mm_set1_ps(row[r]);
-            float* erow = ebuf.get() + r * W;
-            for (int g = 0; g < groups; ++g, src += 4) {
-                const __m128 e = FastExp4(_mm_mul_ps(_mm_loadu_ps(src), beta));
-                _mm_storeu_ps(erow + 4 * g, e);
-                acc_e = _mm_add_ps(acc_e, e);
-                acc_x = _mm_fmadd_ps(e, _mm_loadu_ps(col.get() + 4 * g), acc_x);
-                acc_y = _mm_fmadd_ps(e, y, acc_y);
-            }
-        }
-        const float sum = ReduceForward(acc_e);
-        const float mx = ReduceForward(acc_x) / sum;
-        const float my = ReduceForward(acc_y) / sum;
+        const PlaneSums cur = next;
+        next = PlaneSums();
+        const float sum = ReduceForward(cur.e);
+        const float mx = ReduceForward(cur.x) / sum;
+        const float my = ReduceForward(cur.y) / sum;
         sam.x_out[c] = mx;
         sam.y_out[c] = my;
-
-        // Weights are divided by the plane's sum before they are accumulated.
-        const __m128 vsum = _mm_set1_ps(sum);
-        const __m128 vmx = _mm_set1_ps(mx);
-        __m128 acc_v = _mm_setzero_ps();
-        for (int r = 0; r < H; ++r) {
-            const float dy = row[r] - my;
-            const __m128 dy2 = _mm_set1_ps(dy * dy);
-            const float* erow = ebuf.get() + r * W;
-            for (int g = 0; g < groups; ++g) {
-                const __m128 dx = _mm_sub_ps(_mm_loadu_ps(col.get() + 4 * g), vmx);
-                const __m128 t = _mm_fmadd_ps(dx, dx, dy2);
-                const __m128 w = _mm_div_ps(_mm_loadu_ps(erow + 4 * g), vsum);
-                acc_v = _mm_add_ps(acc_v, _mm_mul_ps(w, t));
-            }
-        }
-        const float var = ReduceHighFirst(acc_v);
+        const __m128 acc =
+            c + 1 < C
+                ? SpreadPass<true>(H, groups, W, row.get(), col.get(), ebuf.get(), my, mx, sum,
+                                   beta, src, next)
+                : SpreadPass<false>(H, groups, W, row.get(), col.get(), ebuf.get(), my, mx, sum,
+                                    beta, src, next);
+        const float var = ReduceHighFirst(acc);
         sam.confidence[c] = kSqrt ? std::sqrt(var) : var;
     }
 }
