@@ -74,13 +74,20 @@ void BM_SoftArgMax_OpenCV(benchmark::State& state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * W * H * kChannels * 4);
 }
 
-void BM_Memcpy_Heatmaps(benchmark::State& state) {
-    const size_t bytes = size_t(state.range(0)) * state.range(1) * kChannels * 4;
-    std::vector<char> a(bytes, 1), b(bytes);
+// Large vectors come page-aligned from mmap. With source and destination at
+// the same page offset, glibc's memcpy (rep movsb) runs about 14x slower here
+// (measured: 2.1 vs 29 GB/s for 256 KiB), so the copy lands 64 bytes in.
+void CopyBytes(benchmark::State& state, size_t bytes) {
+    std::vector<char> a(bytes, 1), b(bytes + 64);
     for (auto _ : state) {
-        std::memcpy(b.data(), a.data(), bytes);
+        std::memcpy(b.data() + 64, a.data(), bytes);
         benchmark::ClobberMemory();
     }
+}
+
+void BM_Memcpy_Heatmaps(benchmark::State& state) {
+    const size_t bytes = size_t(state.range(0)) * state.range(1) * kChannels * 4;
+    CopyBytes(state, bytes);
     state.SetBytesProcessed(int64_t(state.iterations()) * bytes);
 }
 
@@ -152,12 +159,7 @@ void BM_SigmoidToByte_OpenCV(benchmark::State& state) {
 }
 
 void BM_Memcpy_Floats(benchmark::State& state) {
-    const size_t bytes = size_t(state.range(0)) * state.range(1) * 4;
-    std::vector<char> a(bytes, 1), b(bytes);
-    for (auto _ : state) {
-        std::memcpy(b.data(), a.data(), bytes);
-        benchmark::ClobberMemory();
-    }
+    CopyBytes(state, size_t(state.range(0)) * state.range(1) * 4);
     SetConvertBytes(state);
 }
 
