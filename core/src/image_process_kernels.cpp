@@ -299,6 +299,33 @@ int HorizontalAVX2_1(const uint8_t* s, const Axis& axis, int safe, int32_t* h) {
     return d;
 }
 
+// Both rows of a pair at once, sharing the column indices: when downsizing
+// neither row is cached, and two independent load streams keep more loads
+// in flight.
+int HorizontalAVX2_1x2(const uint8_t* s0, const uint8_t* s1, const Axis& axis, int safe,
+                       int32_t* h0, int32_t* h1) {
+    const int32_t* index = axis.index.data();
+    int d = 0;
+    for (; d + 8 <= safe; d += 8) {
+        uint64_t a[2] = {0, 0}, b[2] = {0, 0};
+        for (int k = 0; k < 8; ++k) {
+            uint16_t p, q;
+            std::memcpy(&p, s0 + index[d + k], 2);
+            std::memcpy(&q, s1 + index[d + k], 2);
+            a[k >> 2] |= static_cast<uint64_t>(p) << (16 * (k & 3));
+            b[k >> 2] |= static_cast<uint64_t>(q) << (16 * (k & 3));
+        }
+        const __m256i wt = Load256(axis.pair.data() + d);
+        const __m256i pa = _mm256_cvtepu8_epi16(
+            _mm_set_epi64x(static_cast<long long>(a[1]), static_cast<long long>(a[0])));
+        const __m256i pb = _mm256_cvtepu8_epi16(
+            _mm_set_epi64x(static_cast<long long>(b[1]), static_cast<long long>(b[0])));
+        Store256(h0 + d, _mm256_madd_epi16(pa, wt));
+        Store256(h1 + d, _mm256_madd_epi16(pb, wt));
+    }
+    return d;
+}
+
 int HorizontalAVX2_4(const uint8_t* s, const Axis& axis, int safe, int32_t* h) {
     // Two 4-byte pixels -> (p0c0, p1c0, p0c1, p1c1, ...) as int16.
     const __m256i spread = _mm256_setr_epi8(0, -1, 4, -1, 1, -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1,
@@ -387,6 +414,15 @@ void Resample(const uint8_t* src, int sw, int sh, uint8_t* dst, int dw, int dh, 
     for (int dy = 0; dy < dh; ++dy) {
         const int r0 = ys.index[dy];
         const int r1 = sh >= 2 ? r0 + 1 : r0;
+        if (C == 1 && r0 != r1 && have[0] != r0 && have[1] != r0 && have[1] != r1) {
+            const uint8_t* s0 = src + r0 * stride;
+            const uint8_t* s1 = src + r1 * stride;
+            const int d = HorizontalAVX2_1x2(s0, s1, xs, safe, rows[0], rows[1]);
+            HorizontalScalar<C>(s0, xs, next, d, dw, rows[0]);
+            HorizontalScalar<C>(s1, xs, next, d, dw, rows[1]);
+            have[0] = r0;
+            have[1] = r1;
+        }
         if (have[0] != r0) {
             if (have[1] == r0) {
                 std::swap(rows[0], rows[1]);
