@@ -101,8 +101,12 @@ using Unary = void (*)(const TensorPtr&, const TensorPtr&);
 
 }  // namespace
 
+// Built with hidden visibility like everything here, the wrappers must be
+// exported explicitly to take the core's place.
+#define QVN_INTERPOSE __attribute__((visibility("default")))
+
 #define QVN_FORWARD_UNARY(fn, mangled)                                 \
-    void fn(const TensorPtr& src, const TensorPtr& dst) {              \
+    QVN_INTERPOSE void fn(const TensorPtr& src, const TensorPtr& dst) {              \
         static const Unary real = RealKernel<Unary>(mangled);          \
         Note(#fn, src, dst);                                           \
         real(src, dst);                                                \
@@ -112,7 +116,7 @@ namespace quvas {
 namespace kernel {
 namespace functional {
 
-void F_Crop_U8_HWC_Memcpy(const TensorPtr& src, int x, int y, int w, int h, uint8_t pad_value,
+QVN_INTERPOSE void F_Crop_U8_HWC_Memcpy(const TensorPtr& src, int x, int y, int w, int h, uint8_t pad_value,
                           const TensorPtr& dst) {
     using Fn = void (*)(const TensorPtr&, int, int, int, int, uint8_t, const TensorPtr&);
     static const Fn real = RealKernel<Fn>(
@@ -126,9 +130,9 @@ void F_Crop_U8_HWC_Memcpy(const TensorPtr& src, int x, int y, int w, int h, uint
     real(src, x, y, w, h, pad_value, dst);
 }
 
-void F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(const TensorPtr& y, const TensorPtr& uv,
-                                                       const std::shared_ptr<YUVCvtMatrix>& m,
-                                                       const TensorPtr& dst) {
+QVN_INTERPOSE void F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(
+    const TensorPtr& y, const TensorPtr& uv, const std::shared_ptr<YUVCvtMatrix>& m,
+    const TensorPtr& dst) {
     using Fn = void (*)(const TensorPtr&, const TensorPtr&, const std::shared_ptr<YUVCvtMatrix>&,
                         const TensorPtr&);
     static const Fn real = RealKernel<Fn>(
