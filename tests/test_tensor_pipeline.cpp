@@ -17,8 +17,9 @@
 
 // The transform's throw-away allocation is observed by making it fail: with
 // AddressSanitizer an impossible allocation must come back as a failure (and
-// so as std::bad_alloc) rather than end the program.
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+// so as std::bad_alloc) rather than end the program. The sanitizer runtime
+// looks this hook up by name, so it must be exported.
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 
 namespace {
 
