@@ -588,6 +588,19 @@ TEST_F(FrameToTensor, GrayIgnoresChroma) {
     EXPECT_EQ(0, std::memcmp(ga->data(), gb->data(), ga->byte_size()));
 }
 
+// A one-row frame has no chroma rows at all; gray never needs them.
+TEST_F(FrameToTensor, GrayOfOneRowFrameNeedsNoChroma) {
+    for (uint32_t fmt : {2u, 9u}) {
+        const Frame f = MakeFrame(fmt, 0, 16, 1, 12);  // 16 luma bytes, nothing else
+        ASSERT_EQ(f.bytes.size(), 16u);
+        TensorPtr out = Output({1, 8, 1}, 1);
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+            &f.img, out, 0, 0, 0, 0, 0);
+        EXPECT_TRUE(Within(ExpectedGray(f, Box(), 0, 1, 8, ResizeCore), out, 0));
+        EXPECT_TRUE(Within(ExpectedGray(f, Box(), 0, 1, 8, ResizeOpenCV), out, 2));
+    }
+}
+
 // ---------------------------------------------------------------------------
 // The kernels behind one conversion, in order, with their sizes.
 // ---------------------------------------------------------------------------

@@ -192,9 +192,10 @@ bool IsTwoPlaneYUV(uint32_t pix_fmt) {
            pix_fmt == QVN_PIX_FMT_YUV420SP_C || pix_fmt == QVN_PIX_FMT_YUV420SP_D;
 }
 
-// Wraps the caller's frame (no copy) as the planes the geometry works on.
-// Returns the number of planes, 0 for a format that is not an input frame.
-int WrapFrame(const QVN_Image* img, DeviceCPU* dev, Plane* planes) {
+// Wraps the caller's frame (no copy) as the planes the geometry works on;
+// `luma_only` leaves the chroma plane of a YUV frame unwrapped. Returns the
+// number of planes, 0 for a format that is not an input frame.
+int WrapFrame(const QVN_Image* img, DeviceCPU* dev, Plane* planes, bool luma_only = false) {
     const unsigned h = static_cast<unsigned>(img->height);
     const unsigned w = static_cast<unsigned>(img->width);
     uint8_t* data = img->data;
@@ -202,6 +203,7 @@ int WrapFrame(const QVN_Image* img, DeviceCPU* dev, Plane* planes) {
         planes[0] = {dev->CreateYPlane8BitTensorExternal(h, w, data),
                      &DeviceCPU::CreateYPlane8BitTensor, false,
                      &F::F_Resize_Bilinear_HWC_U8_C1_Fallback};
+        if (luma_only) return 1;
         planes[1] = {dev->CreateUVPlane8BitTensorExternal(h >> 1, w >> 1,
                                                           data + static_cast<size_t>(h) * w),
                      &DeviceCPU::CreateUVPlane8BitTensor, true,
@@ -304,8 +306,8 @@ QVN_API void QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_
     const unsigned r_w = quarter ? t_h : t_w;
 
     Plane planes[2] = {};
-    WrapFrame(img, dev, planes);
     // Gray needs luma only: the chroma plane of a YUV frame is never touched.
+    WrapFrame(img, dev, planes, /*luma_only=*/true);
     if (box.active) CropPlanes(planes, 1, dev, box, pad_value);
     if (IsTwoPlaneYUV(img->pix_fmt)) {
         F::F_Resize_Bilinear_HWC_U8_C1_Fallback(planes[0].t, o_tensor);
