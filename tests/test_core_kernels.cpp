@@ -1,0 +1,798 @@
+// The core's image kernels against OpenCV and against plain scalar
+// definitions written here, on random images of awkward sizes; and every
+// refusal with its message and an untouched destination.
+#include <quvas/kernel/functional.h>
+#include <quvas/runtime/tensor.h>
+
+#include <gtest/gtest.h>
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "log_capture.hpp"
+
+namespace {
+
+namespace rt = quvas::runtime;
+namespace fn = quvas::kernel::functional;
+using quvas::kernel::YUVCvtMatrix;
+using rt::TensorPtr;
+using rt::TensorShape;
+
+rt::DeviceCPU& Device() {
+    static rt::DeviceCPU device;
+    return device;
+}
+
+TensorPtr Hwc(int h, int w, int c, uint8_t fill = 0) {
+    TensorPtr t = Device().CreateTensor(TensorShape({h, w, c}, rt::data_type::kUInt8, rt::layout::kHWC),
+                                        nullptr);
+    std::memset(t->data(), fill, t->byte_size());
+    return t;
+}
+
+TensorPtr Chw(int c, int h, int w, uint8_t fill = 0) {
+    TensorPtr t = Device().CreateTensor(TensorShape({c, h, w}, rt::data_type::kUInt8, rt::layout::kCHW),
+                                        nullptr);
+    std::memset(t->data(), fill, t->byte_size());
+    return t;
+}
+
+// An owned copy of a continuous u8 Mat as {rows, cols, channels}.
+TensorPtr FromMat(const cv::Mat& m) {
+    return Device().CreateTensor(
+        TensorShape({m.rows, m.cols, m.channels()}, rt::data_type::kUInt8, rt::layout::kHWC), m.data);
+}
+
+// A view of an HWC tensor as a Mat.
+cv::Mat AsMat(const TensorPtr& t) {
+    const auto& d = t->shape().dims;
+    return cv::Mat(d[0], d[1], CV_8UC(d[2]), t->data());
+}
+
+cv::Mat RandomMat(int h, int w, int c, std::mt19937& rng) {
+    cv::Mat m(h, w, CV_8UC(c));
+    std::uniform_int_distribution<int> byte(0, 255);
+    for (size_t i = 0; i < m.total() * m.elemSize(); ++i) m.data[i] = static_cast<uint8_t>(byte(rng));
+    return m;
+}
+
+// Largest byte difference of two Mats of the same size and type.
+int MaxDiff(const cv::Mat& a, const cv::Mat& b) {
+    EXPECT_EQ(a.size(), b.size());
+    EXPECT_EQ(a.type(), b.type());
+    int worst = 0;
+    const size_t n = a.total() * a.elemSize();
+    for (size_t i = 0; i < n; ++i) worst = std::max(worst, std::abs(a.data[i] - b.data[i]));
+    return worst;
+}
+
+bool Identical(const cv::Mat& a, const cv::Mat& b) {
+    return a.size() == b.size() && a.type() == b.type() &&
+           std::memcmp(a.data, b.data, a.total() * a.elemSize()) == 0;
+}
+
+bool AllBytes(const TensorPtr& t, uint8_t value) {
+    for (size_t i = 0; i < t->byte_size(); ++i) {
+        if (t->data()[i] != value) return false;
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Crop
+// ---------------------------------------------------------------------------
+
+// Pixel (c, r) of the region is src(x + c, y + r) when that lies inside src,
+// pad otherwise.
+cv::Mat CropReference(const cv::Mat& src, int x, int y, int w, int h, uint8_t pad) {
+    const int ch = src.channels();
+    cv::Mat out(h, w, src.type());
+    std::memset(out.data, pad, out.total() * out.elemSize());
+    for (int r = 0; r < h; ++r) {
+        for (int c = 0; c < w; ++c) {
+            const int sx = x + c, sy = y + r;
+            if (sx < 0 || sy < 0 || sx >= src.cols || sy >= src.rows) continue;
+            std::memcpy(out.ptr(r) + c * ch, src.ptr(sy) + sx * ch, ch);
+        }
+    }
+    return out;
+}
+
+TEST(Crop, InsideEqualsOpenCVRegionOfInterest) {
+    std::mt19937 rng(11);
+    for (int ch : {1, 2, 3, 4}) {
+        const cv::Mat src = RandomMat(37, 53, ch, rng);
+        TensorPtr s = FromMat(src);
+        TensorPtr d = Hwc(20, 31, ch, 0xEE);
+        fn::F_Crop_U8_HWC_Memcpy(s, 5, 9, 31, 20, 7, d);
+        EXPECT_TRUE(Identical(AsMat(d), src(cv::Rect(5, 9, 31, 20)).clone())) << "channels " << ch;
+    }
+}
+
+TEST(Crop, OutsideIsPaddedOnEverySide) {
+    std::mt19937 rng(12);
+    struct Region {
+        int x, y, w, h;
+    };
+    // Left/top overhang, right/bottom overhang, larger than src on all sides,
+    // wholly outside each way, one pixel, the whole image.
+    const Region regions[] = {{-3, -2, 10, 8},  {15, 9, 12, 7},  {-5, -4, 30, 21}, {40, 0, 3, 3},
+                              {-9, 0, 4, 4},    {0, 30, 5, 2},   {0, -7, 5, 3},    {6, 4, 1, 1},
+                              {0, 0, 19, 13},   {18, 12, 1, 1}};
+    for (int ch : {1, 2, 3, 4, 5}) {
+        const cv::Mat src = RandomMat(13, 19, ch, rng);
+        TensorPtr s = FromMat(src);
+        for (const Region& r : regions) {
+            TensorPtr d = Hwc(r.h, r.w, ch, 0xEE);
+            fn::F_Crop_U8_HWC_Memcpy(s, r.x, r.y, r.w, r.h, 99, d);
+            EXPECT_TRUE(Identical(AsMat(d), CropReference(src, r.x, r.y, r.w, r.h, 99)))
+                << "channels " << ch << " region " << r.x << "," << r.y << " " << r.w << "x" << r.h;
+        }
+    }
+}
+
+TEST(Crop, FarOutsideCoordinatesDoNotOverflow) {
+    TensorPtr s = Hwc(4, 4, 1, 5);
+    TensorPtr d = Hwc(2, 3, 1, 0);
+    fn::F_Crop_U8_HWC_Memcpy(s, 2147483647 - 1, 2147483647 - 1, 3, 2, 42, d);
+    EXPECT_TRUE(AllBytes(d, 42));
+    fn::F_Crop_U8_HWC_Memcpy(s, -2147483647, -2147483647, 3, 2, 43, d);
+    EXPECT_TRUE(AllBytes(d, 43));
+}
+
+TEST(Crop, OnePixelSource) {
+    TensorPtr s = Hwc(1, 1, 3);
+    s->data()[0] = 1, s->data()[1] = 2, s->data()[2] = 3;
+    TensorPtr d = Hwc(3, 3, 3);
+    fn::F_Crop_U8_HWC_Memcpy(s, -1, -1, 3, 3, 0, d);
+    for (int i = 0; i < 9; ++i) {
+        const uint8_t* p = d->data() + i * 3;
+        if (i == 4) {
+            EXPECT_EQ(p[0], 1);
+            EXPECT_EQ(p[1], 2);
+            EXPECT_EQ(p[2], 3);
+        } else {
+            EXPECT_EQ(p[0] | p[1] | p[2], 0) << "pixel " << i;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Resize
+// ---------------------------------------------------------------------------
+
+struct ResizeCase {
+    int sw, sh, dw, dh;
+};
+
+// Down and up by several factors, odd sizes, width + 1, one-pixel sources
+// and destinations, one axis unchanged.
+const ResizeCase kResizeCases[] = {
+    {1920, 1080, 256, 256}, {640, 480, 320, 240}, {640, 480, 160, 120}, {300, 200, 40, 27},
+    {97, 61, 73, 45},       {64, 48, 48, 36},     {64, 48, 24, 18},     {33, 17, 66, 34},
+    {31, 19, 100, 77},      {64, 64, 65, 65},     {65, 1, 130, 3},      {1, 1, 5, 7},
+    {1, 9, 4, 4},           {10, 10, 1, 1},       {257, 129, 257, 131}, {129, 257, 131, 257},
+    {2, 2, 3, 3},           {7, 3, 2, 9},         {256, 256, 640, 360}, {45, 45, 45, 45},
+};
+
+using ResizeFn = void (*)(const TensorPtr&, const TensorPtr&);
+
+ResizeFn ResizeFor(int ch) {
+    return ch == 1   ? fn::F_Resize_Bilinear_HWC_U8_C1_Fallback
+           : ch == 2 ? fn::F_Resize_Bilinear_HWC_U8_C2_Fallback
+                     : fn::F_Resize_Bilinear_HWC_U8_C4_Fallback;
+}
+
+// Real-valued bilinear interpolation with half-pixel centres, each axis
+// clamped to the edge pixel, rounded to nearest.
+cv::Mat BilinearReference(const cv::Mat& src, int dw, int dh) {
+    const int ch = src.channels();
+    cv::Mat out(dh, dw, src.type());
+    auto taps = [](int d, int s_size, int d_size, int* i0, int* i1, double* a) {
+        double f = (d + 0.5) * s_size / d_size - 0.5;
+        if (f < 0) f = 0;
+        *i0 = static_cast<int>(std::floor(f));
+        *a = f - *i0;
+        if (*i0 >= s_size - 1) {
+            *i0 = s_size - 1;
+            *a = 0;
+        }
+        *i1 = std::min(*i0 + 1, s_size - 1);
+    };
+    for (int y = 0; y < dh; ++y) {
+        int y0, y1;
+        double ay;
+        taps(y, src.rows, dh, &y0, &y1, &ay);
+        for (int x = 0; x < dw; ++x) {
+            int x0, x1;
+            double ax;
+            taps(x, src.cols, dw, &x0, &x1, &ax);
+            for (int c = 0; c < ch; ++c) {
+                auto p = [&](int yy, int xx) { return static_cast<double>(src.ptr(yy)[xx * ch + c]); };
+                const double top = p(y0, x0) * (1 - ax) + p(y0, x1) * ax;
+                const double bottom = p(y1, x0) * (1 - ax) + p(y1, x1) * ax;
+                out.ptr(y)[x * ch + c] =
+                    static_cast<uint8_t>(std::lround(top * (1 - ay) + bottom * ay));
+            }
+        }
+    }
+    return out;
+}
+
+TEST(Resize, WithinTwoOfOpenCVAndOneOfExactBilinear) {
+    cv::setNumThreads(1);
+    std::mt19937 rng(21);
+    for (int ch : {1, 2, 4}) {
+        for (const ResizeCase& k : kResizeCases) {
+            const cv::Mat src = RandomMat(k.sh, k.sw, ch, rng);
+            TensorPtr s = FromMat(src);
+            TensorPtr d = Hwc(k.dh, k.dw, ch, 0xEE);
+            ResizeFn(ResizeFor(ch))(s, d);
+            cv::Mat ref;
+            cv::resize(src, ref, cv::Size(k.dw, k.dh), 0, 0, cv::INTER_LINEAR);
+            const std::string what = std::to_string(ch) + " ch " + std::to_string(k.sw) + "x" +
+                                     std::to_string(k.sh) + " -> " + std::to_string(k.dw) + "x" +
+                                     std::to_string(k.dh);
+            EXPECT_LE(MaxDiff(AsMat(d), ref), 2) << what;
+            EXPECT_LE(MaxDiff(AsMat(d), BilinearReference(src, k.dw, k.dh)), 1) << what;
+        }
+    }
+}
+
+TEST(Resize, FlatImageStaysFlatAndSameSizeCopies) {
+    for (int ch : {1, 2, 4}) {
+        for (uint8_t v : {0, 1, 128, 254, 255}) {
+            TensorPtr s = Hwc(37, 91, ch, v);
+            TensorPtr d = Hwc(13, 200, ch, 0xEE);
+            ResizeFor(ch)(s, d);
+            EXPECT_TRUE(AllBytes(d, v)) << "channels " << ch << " value " << int(v);
+        }
+    }
+    std::mt19937 rng(22);
+    const cv::Mat src = RandomMat(17, 29, 4, rng);
+    TensorPtr d = Hwc(17, 29, 4);
+    fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(FromMat(src), d);
+    EXPECT_TRUE(Identical(AsMat(d), src));
+}
+
+// A horizontal ramp doubled in width: exact values of the half-pixel rule.
+// Destination x maps to (x + 0.5) / 2 - 0.5 = x/2 - 0.25.
+TEST(Resize, RampUpByTwoHasQuarterWeights) {
+    TensorPtr s = Hwc(1, 4, 1);
+    const uint8_t ramp[4] = {0, 100, 200, 240};
+    std::memcpy(s->data(), ramp, 4);
+    TensorPtr d = Hwc(1, 8, 1);
+    fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(s, d);
+    // x=0: -0.25 -> edge 0; x=1: 0.25 -> 25; x=2: 0.75 -> 75; x=3: 1.25 -> 125;
+    // x=4: 1.75 -> 175; x=5: 2.25 -> 210; x=6: 2.75 -> 230; x=7: 3.25 -> edge 240.
+    const uint8_t want[8] = {0, 25, 75, 125, 175, 210, 230, 240};
+    EXPECT_EQ(0, std::memcmp(d->data(), want, 8));
+}
+
+TEST(Resize, PlaneLayoutIsAcceptedForOneChannel) {
+    TensorPtr s = Device().CreateTensor(TensorShape({4, 4, 1}, rt::data_type::kUInt8, rt::layout::kPlane),
+                                        nullptr);
+    std::memset(s->data(), 77, 16);
+    TensorPtr d = Hwc(2, 2, 1);
+    fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(s, d);
+    EXPECT_TRUE(AllBytes(d, 77));
+}
+
+// ---------------------------------------------------------------------------
+// Turns and flips
+// ---------------------------------------------------------------------------
+
+struct MoveCase {
+    const char* name;
+    void (*kernel)(const TensorPtr&, const TensorPtr&);
+    bool quarter;
+    std::function<void(const cv::Mat&, cv::Mat&)> reference;
+};
+
+std::vector<MoveCase> MoveCases() {
+    return {
+        {"rotate90", fn::F_Rotate_Clockwise90_HWC_Fallback, true,
+         [](const cv::Mat& s, cv::Mat& d) { cv::rotate(s, d, cv::ROTATE_90_CLOCKWISE); }},
+        {"rotate180", fn::F_Rotate_Clockwise180_HWC_Fallback, false,
+         [](const cv::Mat& s, cv::Mat& d) { cv::rotate(s, d, cv::ROTATE_180); }},
+        {"rotate270", fn::F_Rotate_Clockwise270_HWC_Fallback, true,
+         [](const cv::Mat& s, cv::Mat& d) { cv::rotate(s, d, cv::ROTATE_90_COUNTERCLOCKWISE); }},
+        {"hflip", fn::F_HFlip_HWC_Fallback, false,
+         [](const cv::Mat& s, cv::Mat& d) { cv::flip(s, d, 1); }},
+        {"vflip", fn::F_VFlip_HWC_Fallback, false,
+         [](const cv::Mat& s, cv::Mat& d) { cv::flip(s, d, 0); }},
+    };
+}
+
+TEST(TurnAndFlip, ByteIdenticalToOpenCV) {
+    std::mt19937 rng(31);
+    const cv::Size sizes[] = {{1, 1}, {7, 1}, {1, 7}, {33, 65}, {64, 64}, {127, 45}, {65, 64}, {301, 3}};
+    for (const MoveCase& m : MoveCases()) {
+        for (int ch : {1, 2, 3, 4, 6, 8}) {
+            for (const cv::Size& size : sizes) {
+                const cv::Mat src = RandomMat(size.height, size.width, ch, rng);
+                TensorPtr d = m.quarter ? Hwc(size.width, size.height, ch, 0xEE)
+                                        : Hwc(size.height, size.width, ch, 0xEE);
+                m.kernel(FromMat(src), d);
+                cv::Mat ref;
+                m.reference(src, ref);
+                EXPECT_TRUE(Identical(AsMat(d), ref))
+                    << m.name << " channels " << ch << " " << size.width << "x" << size.height;
+            }
+        }
+    }
+}
+
+// Pixel sizes OpenCV does not turn (5, 7 bytes) against the definitions:
+// 90: dst(x, y) = src(y, H-1-x); 270: dst(x, y) = src(W-1-y, x);
+// 180: src(W-1-x, H-1-y); mirror: src(W-1-x, y); flip: src(x, H-1-y).
+TEST(TurnAndFlip, OddPixelSizesFollowTheDefinitions) {
+    std::mt19937 rng(33);
+    const std::vector<MoveCase> cases = MoveCases();
+    for (int ch : {5, 7}) {
+        for (const cv::Size& size : {cv::Size(1, 1), cv::Size(9, 4), cv::Size(33, 35)}) {
+            const cv::Mat src = RandomMat(size.height, size.width, ch, rng);
+            const int W = size.width, H = size.height;
+            for (size_t k = 0; k < cases.size(); ++k) {
+                const bool quarter = cases[k].quarter;
+                const int dh = quarter ? W : H, dw = quarter ? H : W;
+                TensorPtr d = Hwc(dh, dw, ch, 0xEE);
+                cases[k].kernel(FromMat(src), d);
+                bool same = true;
+                for (int y = 0; y < dh; ++y) {
+                    for (int x = 0; x < dw; ++x) {
+                        int sx = x, sy = y;
+                        if (k == 0) sx = y, sy = H - 1 - x;
+                        if (k == 1) sx = W - 1 - x, sy = H - 1 - y;
+                        if (k == 2) sx = W - 1 - y, sy = x;
+                        if (k == 3) sx = W - 1 - x;
+                        if (k == 4) sy = H - 1 - y;
+                        same = same && std::memcmp(d->data() + (static_cast<size_t>(y) * dw + x) * ch,
+                                                   src.ptr(sy) + sx * ch, ch) == 0;
+                    }
+                }
+                EXPECT_TRUE(same) << cases[k].name << " channels " << ch << " " << W << "x" << H;
+            }
+        }
+    }
+}
+
+TEST(TurnAndFlip, RoundTripsRestoreTheImage) {
+    std::mt19937 rng(32);
+    for (int ch : {1, 2, 3, 4}) {
+        const cv::Mat src = RandomMat(23, 41, ch, rng);
+        TensorPtr a = FromMat(src);
+        TensorPtr b = Hwc(41, 23, ch), c = Hwc(23, 41, ch), d = Hwc(41, 23, ch), e = Hwc(23, 41, ch);
+        // Four quarter turns.
+        fn::F_Rotate_Clockwise90_HWC_Fallback(a, b);
+        fn::F_Rotate_Clockwise90_HWC_Fallback(b, c);
+        fn::F_Rotate_Clockwise90_HWC_Fallback(c, d);
+        fn::F_Rotate_Clockwise90_HWC_Fallback(d, e);
+        EXPECT_TRUE(Identical(AsMat(e), src)) << ch;
+        // 90 then 270.
+        fn::F_Rotate_Clockwise270_HWC_Fallback(b, e);
+        EXPECT_TRUE(Identical(AsMat(e), src)) << ch;
+        // Two half turns, two mirrors, two flips; a mirror and a flip is a half turn.
+        TensorPtr f = Hwc(23, 41, ch), g = Hwc(23, 41, ch);
+        fn::F_Rotate_Clockwise180_HWC_Fallback(a, f);
+        fn::F_Rotate_Clockwise180_HWC_Fallback(f, g);
+        EXPECT_TRUE(Identical(AsMat(g), src)) << ch;
+        fn::F_HFlip_HWC_Fallback(a, f);
+        fn::F_HFlip_HWC_Fallback(f, g);
+        EXPECT_TRUE(Identical(AsMat(g), src)) << ch;
+        fn::F_VFlip_HWC_Fallback(a, f);
+        fn::F_VFlip_HWC_Fallback(f, g);
+        EXPECT_TRUE(Identical(AsMat(g), src)) << ch;
+        fn::F_HFlip_HWC_Fallback(a, f);
+        fn::F_VFlip_HWC_Fallback(f, g);
+        fn::F_Rotate_Clockwise180_HWC_Fallback(a, f);
+        EXPECT_TRUE(Identical(AsMat(g), AsMat(f))) << ch;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Four-byte pixels to planes, gray
+// ---------------------------------------------------------------------------
+
+const cv::Size kColourSizes[] = {{1, 1}, {5, 7}, {31, 1}, {33, 17}, {64, 2}, {641, 481}, {256, 256}};
+
+TEST(ColourPlanes, BgraAndRgbaToRgbPlanesEqualOpenCV) {
+    std::mt19937 rng(41);
+    for (const cv::Size& size : kColourSizes) {
+        const cv::Mat src = RandomMat(size.height, size.width, 4, rng);
+        for (bool bgra : {true, false}) {
+            TensorPtr d = Chw(3, size.height, size.width, 0xEE);
+            if (bgra) {
+                fn::F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(FromMat(src), d);
+            } else {
+                fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(FromMat(src), d);
+            }
+            cv::Mat rgb;
+            cv::cvtColor(src, rgb, bgra ? cv::COLOR_BGRA2RGB : cv::COLOR_RGBA2RGB);
+            std::vector<cv::Mat> planes;
+            cv::split(rgb, planes);
+            for (int p = 0; p < 3; ++p) {
+                cv::Mat ours(size.height, size.width, CV_8UC1,
+                             d->data() + static_cast<size_t>(p) * size.area());
+                EXPECT_TRUE(Identical(ours, planes[p]))
+                    << (bgra ? "BGRA" : "RGBA") << " plane " << p << " " << size.width << "x"
+                    << size.height;
+            }
+        }
+    }
+}
+
+TEST(ColourPlanes, GrayIsBt601WithinOneOfOpenCV) {
+    std::mt19937 rng(42);
+    for (const cv::Size& size : kColourSizes) {
+        const cv::Mat src = RandomMat(size.height, size.width, 4, rng);
+        TensorPtr d = Hwc(size.height, size.width, 1, 0xEE);
+        fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(FromMat(src), d);
+        cv::Mat gray;
+        cv::cvtColor(src, gray, cv::COLOR_BGRA2GRAY);
+        EXPECT_LE(MaxDiff(AsMat(d), gray), 1) << size.width << "x" << size.height;
+        // Against real-valued 0.299 R + 0.587 G + 0.114 B, rounded.
+        int worst = 0;
+        for (int i = 0; i < static_cast<int>(src.total()); ++i) {
+            const uint8_t* p = src.data + i * 4;
+            const long want = std::lround(0.299 * p[2] + 0.587 * p[1] + 0.114 * p[0]);
+            worst = std::max<int>(worst, std::abs(static_cast<int>(want) - d->data()[i]));
+        }
+        EXPECT_LE(worst, 1);
+    }
+    // Pure colours: 0.299 * 255 = 76.2, 0.587 * 255 = 149.7, 0.114 * 255 = 29.1.
+    const uint8_t pixels[4 * 4] = {0, 0, 255, 0, 0, 255, 0, 0, 255, 0, 0, 0, 255, 255, 255, 255};
+    TensorPtr s = Device().CreateBGRA8888Tensor(1, 4, pixels);
+    TensorPtr d = Hwc(1, 4, 1);
+    fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(s, d);
+    const uint8_t want[4] = {76, 150, 29, 255};
+    EXPECT_EQ(0, std::memcmp(d->data(), want, 4));
+}
+
+// ---------------------------------------------------------------------------
+// Two-plane YUV
+// ---------------------------------------------------------------------------
+
+std::shared_ptr<YUVCvtMatrix> Matrix(std::initializer_list<float> values) {
+    auto m = std::make_shared<YUVCvtMatrix>();
+    int i = 0;
+    for (float v : values) m->m[i++] = v;
+    return m;
+}
+
+// BT.709, BT.601 full range, BT.601 in sixty-fourths, the same with the
+// chroma bytes swapped, and the first two with red and blue exchanged.
+std::vector<std::shared_ptr<YUVCvtMatrix>> Matrices() {
+    return {
+        Matrix({1, 0, 1.5748f, -0.46812427f, -0.18732427f, 1.8556f, 0, 0, 0.5f, 0.5f}),
+        Matrix({1, 0, 1.402f, -0.7141363f, -0.3441363f, 1.772f, 0, 0, 0.5f, 0.5f}),
+        Matrix({1, 0, 1.40625f, -0.34375f, -0.71875f, 2.078125f, 0, 0, 0.5f, 0.5f}),
+        Matrix({1, 1.40625f, 0, -0.71875f, -0.34375f, 0, 2.078125f, 0, 0.5f, 0.5f}),
+        Matrix({1, 1.8556f, 0, -0.46812427f, -0.18732427f, 0, 1.5748f, 0, 0.5f, 0.5f}),
+        Matrix({1, 1.772f, 0, -0.7141363f, -0.3441363f, 0, 1.402f, 0, 0.5f, 0.5f}),
+        // Odd values that exercise negative weights, a luma gain and offsets.
+        Matrix({0.8f, -1.25f, 0.5f, 2.5f, -3.9f, 0.125f, -0.75f, 123.f, 0.25f, 0.75f}),
+    };
+}
+
+// The documented fixed-point definition, 13 fractional bits.
+uint8_t YuvFixedReference(const YUVCvtMatrix& m, int plane, int y, int c0, int c1) {
+    const double one = 8192.0;
+    const double a = m.m[1 + 2 * plane], b = m.m[2 + 2 * plane];
+    const long w0 = std::lround(m.m[0] * one), wa = std::lround(a * one), wb = std::lround(b * one);
+    const long bias = std::lround(-(a * m.m[8] + b * m.m[9]) * 255.0 * one) + 4096;
+    const long sum = w0 * y + wa * c0 + wb * c1 + bias;
+    const long v = static_cast<long>(std::floor(sum / one));
+    return static_cast<uint8_t>(std::clamp<long>(v, 0, 255));
+}
+
+// The real-valued definition: on a 0..1 scale, scaled back, rounded.
+double YuvReal(const YUVCvtMatrix& m, int plane, int y, int c0, int c1) {
+    const double a = m.m[1 + 2 * plane], b = m.m[2 + 2 * plane];
+    return 255.0 * (m.m[0] * (y / 255.0) + a * (c0 / 255.0 - m.m[8]) + b * (c1 / 255.0 - m.m[9]));
+}
+
+struct YuvSize {
+    int w, h, uv_w, uv_h;
+};
+
+// Even and odd sizes with floor-sized chroma, width + 1 of the vector step,
+// one pixel, and chroma planes larger than needed.
+const YuvSize kYuvSizes[] = {{64, 32, 32, 16},   {65, 33, 32, 16},  {1, 1, 1, 1},     {2, 2, 1, 1},
+                             {3, 5, 1, 2},       {33, 3, 16, 1},    {97, 7, 48, 3},   {640, 480, 320, 240},
+                             {31, 9, 16, 5},     {96, 4, 60, 2}};
+
+TEST(YuvPlanes, EqualsTheFixedPointDefinitionAndIsWithinOneOfRealValues) {
+    std::mt19937 rng(51);
+    for (const auto& matrix : Matrices()) {
+        for (const YuvSize& s : kYuvSizes) {
+            const cv::Mat y = RandomMat(s.h, s.w, 1, rng);
+            const cv::Mat uv = RandomMat(s.uv_h, s.uv_w, 2, rng);
+            TensorPtr d = Chw(3, s.h, s.w, 0xEE);
+            fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(FromMat(y), FromMat(uv), matrix, d);
+            int mismatches = 0, worst_real = 0;
+            long near_half = 0, checked = 0;
+            for (int p = 0; p < 3; ++p) {
+                for (int r = 0; r < s.h; ++r) {
+                    for (int x = 0; x < s.w; ++x) {
+                        const uint8_t* c =
+                            uv.ptr(std::min(r / 2, s.uv_h - 1)) + 2 * std::min(x / 2, s.uv_w - 1);
+                        const int luma = y.ptr(r)[x];
+                        const uint8_t got = d->data()[(static_cast<size_t>(p) * s.h + r) * s.w + x];
+                        if (got != YuvFixedReference(*matrix, p, luma, c[0], c[1])) ++mismatches;
+                        const double real = YuvReal(*matrix, p, luma, c[0], c[1]);
+                        const double clamped = std::clamp(real, 0.0, 255.0);
+                        const int want = static_cast<int>(std::lround(clamped));
+                        worst_real = std::max(worst_real, std::abs(want - got));
+                        if (want != got) {
+                            // Only where the real value sits close to a half.
+                            if (std::fabs(clamped - std::floor(clamped) - 0.5) < 0.05) ++near_half;
+                            else ADD_FAILURE() << "off by one away from a half at " << real;
+                        }
+                        ++checked;
+                    }
+                }
+            }
+            EXPECT_EQ(mismatches, 0) << s.w << "x" << s.h;
+            EXPECT_LE(worst_real, 1) << s.w << "x" << s.h;
+            EXPECT_LE(near_half, checked / 20);
+        }
+    }
+}
+
+TEST(YuvPlanes, KnownValues) {
+    // Identity on luma: chroma weights 0 give Y in all three planes.
+    auto identity = Matrix({1, 0, 0, 0, 0, 0, 0, 0, 0.5f, 0.5f});
+    TensorPtr y = Hwc(2, 4, 1), uv = Hwc(1, 2, 2, 200), d = Chw(3, 2, 4);
+    for (int i = 0; i < 8; ++i) y->data()[i] = static_cast<uint8_t>(i * 36);
+    fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, identity, d);
+    for (int p = 0; p < 3; ++p) EXPECT_EQ(0, std::memcmp(d->data() + p * 8, y->data(), 8)) << p;
+
+    // BT.601 full range, Y = 100, U = 50, V = 200 (bytes U, V):
+    //   R = 100 + 1.402 (200 - 127.5)                    = 201.645  -> 202
+    //   G = 100 - 0.3441363 (50 - 127.5) - 0.7141363 (72.5) = 74.9 -> 75
+    //   B = 100 + 1.772 (50 - 127.5)                      = -37.33  -> 0
+    auto bt601 = Matrix({1, 0, 1.402f, -0.3441363f, -0.7141363f, 1.772f, 0, 0, 0.5f, 0.5f});
+    TensorPtr y1 = Hwc(2, 2, 1, 100), uv1 = Hwc(1, 1, 2), d1 = Chw(3, 2, 2);
+    uv1->data()[0] = 50, uv1->data()[1] = 200;
+    fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y1, uv1, bt601, d1);
+    // Plane 0 uses (m1, m2) = (0, 1.402) on (U, V), plane 1 (m3, m4), plane 2 (m5, m6).
+    const uint8_t want[12] = {202, 202, 202, 202, 75, 75, 75, 75, 0, 0, 0, 0};
+    EXPECT_EQ(0, std::memcmp(d1->data(), want, 12));
+
+    // Saturation at the top.
+    TensorPtr y2 = Hwc(1, 2, 1, 255), uv2 = Hwc(1, 1, 2, 255), d2 = Chw(3, 1, 2);
+    fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y2, uv2, bt601, d2);
+    EXPECT_EQ(d2->data()[0], 255);  // R = 255 + 1.402 * 127.5
+    EXPECT_EQ(d2->data()[4], 255);  // B = 255 + 1.772 * 127.5
+}
+
+// Each chroma pair covers a 2 x 2 block of luma.
+TEST(YuvPlanes, ChromaPairCoversTwoByTwoBlock) {
+    auto red_from_c1 = Matrix({0, 0, 1, 0, 0, 0, 0, 0, 0, 0});  // plane 0 = c1, others 0
+    TensorPtr y = Hwc(4, 6, 1), uv = Hwc(2, 3, 2), d = Chw(3, 4, 6);
+    for (int i = 0; i < 6; ++i) uv->data()[2 * i + 1] = static_cast<uint8_t>(10 * (i + 1));
+    fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, red_from_c1, d);
+    const uint8_t want[24] = {10, 10, 20, 20, 30, 30, 10, 10, 20, 20, 30, 30,
+                              40, 40, 50, 50, 60, 60, 40, 40, 50, 50, 60, 60};
+    EXPECT_EQ(0, std::memcmp(d->data(), want, 24));
+    EXPECT_TRUE(std::all_of(d->data() + 24, d->data() + 72, [](uint8_t v) { return v == 0; }));
+}
+
+// ---------------------------------------------------------------------------
+// Refusals: message naming the kernel and both shapes, nothing written
+// ---------------------------------------------------------------------------
+
+TensorPtr WithLayout(int d0, int d1, int d2, int32_t layout, int32_t type = rt::data_type::kUInt8) {
+    TensorPtr t = Device().CreateTensor(TensorShape({d0, d1, d2}, type, layout), nullptr);
+    std::memset(t->data(), 0xAB, t->byte_size());
+    return t;
+}
+
+struct Refusal {
+    std::function<void()> call;
+    TensorPtr watched;  // must stay 0xAB
+    std::string message;
+};
+
+void ExpectRefused(const Refusal& r) {
+    LogCapture capture;
+    r.call();
+    const std::vector<std::string> lines = capture.Take();
+    ASSERT_EQ(lines.size(), 1u) << r.message;
+    EXPECT_EQ(lines[0], r.message);
+    if (r.watched) {
+        EXPECT_TRUE(AllBytes(r.watched, 0xAB)) << r.message;
+    }
+}
+
+TEST(Refusals, GeometryKernels) {
+    const std::string hwc = " (type 7, layout 1)";
+    TensorPtr s3 = WithLayout(4, 6, 3, rt::layout::kHWC);
+    TensorPtr d_wrong = WithLayout(4, 5, 3, rt::layout::kHWC);
+    TensorPtr d_turn = WithLayout(6, 4, 3, rt::layout::kHWC);
+    TensorPtr d_same = WithLayout(4, 6, 3, rt::layout::kHWC);
+    TensorPtr d_ch = WithLayout(4, 6, 4, rt::layout::kHWC);
+    TensorPtr chw = WithLayout(3, 4, 6, rt::layout::kCHW);
+    TensorPtr f32 = WithLayout(4, 6, 3, rt::layout::kHWC, rt::data_type::kFloat32);
+    TensorPtr no_storage = Device().CreateTensorExternal(
+        TensorShape({4, 6, 3}, rt::data_type::kUInt8, rt::layout::kHWC), nullptr);
+
+    const std::vector<Refusal> cases = {
+        {[&] { fn::F_HFlip_HWC_Fallback(s3, d_wrong); }, d_wrong,
+         "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 5, 3}" + hwc +
+             " do not fit: dst must be {H, W, C} of src"},
+        {[&] { fn::F_VFlip_HWC_Fallback(s3, d_ch); }, d_ch,
+         "F_VFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 4}" + hwc +
+             " do not fit: dst must be {H, W, C} of src"},
+        {[&] { fn::F_Rotate_Clockwise90_HWC_Fallback(s3, d_same); }, d_same,
+         "F_Rotate_Clockwise90_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
+             " do not fit: dst must be {W, H, C} of src"},
+        {[&] { fn::F_Rotate_Clockwise270_HWC_Fallback(s3, d_same); }, d_same,
+         "F_Rotate_Clockwise270_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
+             " do not fit: dst must be {W, H, C} of src"},
+        {[&] { fn::F_Rotate_Clockwise180_HWC_Fallback(s3, d_turn); }, d_turn,
+         "F_Rotate_Clockwise180_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {6, 4, 3}" + hwc +
+             " do not fit: dst must be {H, W, C} of src"},
+        {[&] { fn::F_Rotate_Clockwise180_HWC_Fallback(nullptr, d_same); }, d_same,
+         "F_Rotate_Clockwise180_HWC_Fallback: src null and dst {4, 6, 3}" + hwc +
+             " do not fit: src must be a u8 HWC image"},
+        {[&] { fn::F_Rotate_Clockwise90_HWC_Fallback(s3, nullptr); }, nullptr,
+         "F_Rotate_Clockwise90_HWC_Fallback: src {4, 6, 3}" + hwc +
+             " and dst null do not fit: dst must be a u8 HWC image"},
+        {[&] { fn::F_HFlip_HWC_Fallback(chw, d_same); }, d_same,
+         "F_HFlip_HWC_Fallback: src {3, 4, 6} (type 7, layout 0) and dst {4, 6, 3}" + hwc +
+             " do not fit: src must be a u8 HWC image"},
+        {[&] { fn::F_HFlip_HWC_Fallback(s3, f32); }, f32,
+         "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3} (type 1, layout 1)" +
+             " do not fit: dst must be a u8 HWC image"},
+        {[&] { fn::F_VFlip_HWC_Fallback(s3, no_storage); }, nullptr,
+         "F_VFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
+             " without storage do not fit: dst must be a u8 HWC image"},
+        {[&] { fn::F_HFlip_HWC_Fallback(d_same, d_same); }, d_same,
+         "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
+             " do not fit: src and dst share storage"},
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 4, 0, d_ch); }, d_ch,
+         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 4}" + hwc +
+             " do not fit: src and dst must have the same channels"},
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 5, 0, d_same); }, d_same,
+         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
+             " do not fit: dst must be {h, w, C} of the region"},
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 0, 4, 0, d_same); }, d_same,
+         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
+             " do not fit: dst must be {h, w, C} of the region"},
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(nullptr, 0, 0, 6, 4, 0, d_same); }, d_same,
+         "F_Crop_U8_HWC_Memcpy: src null and dst {4, 6, 3}" + hwc +
+             " do not fit: src must be a u8 HWC image"},
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 4, 0, chw); }, chw,
+         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {3, 4, 6} (type 7, layout 0)" +
+             " do not fit: dst must be a u8 HWC image"},
+    };
+    for (const Refusal& r : cases) ExpectRefused(r);
+    EXPECT_TRUE(AllBytes(s3, 0xAB));
+}
+
+TEST(Refusals, ResizeKernels) {
+    const std::string hwc = " (type 7, layout 1)";
+    TensorPtr c1 = WithLayout(8, 8, 1, rt::layout::kHWC);
+    TensorPtr c2 = WithLayout(8, 8, 2, rt::layout::kHWC);
+    TensorPtr c4 = WithLayout(8, 8, 4, rt::layout::kHWC);
+    TensorPtr d1 = WithLayout(3, 5, 1, rt::layout::kHWC);
+    TensorPtr d2 = WithLayout(3, 5, 2, rt::layout::kHWC);
+    TensorPtr d4 = WithLayout(3, 5, 4, rt::layout::kHWC);
+    TensorPtr plane2 = WithLayout(3, 5, 2, rt::layout::kPlane);
+    const std::vector<Refusal> cases = {
+        {[&] { fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(c2, d1); }, d1,
+         "F_Resize_Bilinear_HWC_U8_C1_Fallback: src {8, 8, 2}" + hwc + " and dst {3, 5, 1}" + hwc +
+             " do not fit: src must be a u8 HWC image of 1 channel"},
+        {[&] { fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(c1, d2); }, d2,
+         "F_Resize_Bilinear_HWC_U8_C1_Fallback: src {8, 8, 1}" + hwc + " and dst {3, 5, 2}" + hwc +
+             " do not fit: dst must be a u8 HWC image of 1 channel"},
+        {[&] { fn::F_Resize_Bilinear_HWC_U8_C2_Fallback(c4, d2); }, d2,
+         "F_Resize_Bilinear_HWC_U8_C2_Fallback: src {8, 8, 4}" + hwc + " and dst {3, 5, 2}" + hwc +
+             " do not fit: src must be a u8 HWC image of 2 channels"},
+        {[&] { fn::F_Resize_Bilinear_HWC_U8_C2_Fallback(c2, plane2); }, plane2,
+         "F_Resize_Bilinear_HWC_U8_C2_Fallback: src {8, 8, 2}" + hwc +
+             " and dst {3, 5, 2} (type 7, layout 23) do not fit: dst must be a u8 HWC image of 2 "
+             "channels"},
+        {[&] { fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(c4, d1); }, d1,
+         "F_Resize_Bilinear_HWC_U8_C4_Fallback: src {8, 8, 4}" + hwc + " and dst {3, 5, 1}" + hwc +
+             " do not fit: dst must be a u8 HWC image of 4 channels"},
+        {[&] { fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(nullptr, d4); }, d4,
+         "F_Resize_Bilinear_HWC_U8_C4_Fallback: src null and dst {3, 5, 4}" + hwc +
+             " do not fit: src must be a u8 HWC image of 4 channels"},
+        {[&] { fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(c4, c4); }, c4,
+         "F_Resize_Bilinear_HWC_U8_C4_Fallback: src {8, 8, 4}" + hwc + " and dst {8, 8, 4}" + hwc +
+             " do not fit: src and dst share storage"},
+    };
+    for (const Refusal& r : cases) ExpectRefused(r);
+}
+
+TEST(Refusals, ColourKernels) {
+    const std::string hwc = " (type 7, layout 1)";
+    const std::string chw = " (type 7, layout 0)";
+    TensorPtr bgra = WithLayout(4, 6, 4, rt::layout::kHWC);
+    TensorPtr bgr = WithLayout(4, 6, 3, rt::layout::kHWC);
+    TensorPtr planes = WithLayout(3, 4, 6, rt::layout::kCHW);
+    TensorPtr planes_small = WithLayout(3, 4, 5, rt::layout::kCHW);
+    TensorPtr planes_hwc = WithLayout(3, 4, 6, rt::layout::kHWC);
+    TensorPtr gray = WithLayout(4, 6, 1, rt::layout::kHWC);
+    TensorPtr gray_small = WithLayout(3, 6, 1, rt::layout::kHWC);
+    TensorPtr y = WithLayout(4, 6, 1, rt::layout::kHWC);
+    TensorPtr uv = WithLayout(2, 3, 2, rt::layout::kHWC);
+    TensorPtr uv_small = WithLayout(2, 2, 2, rt::layout::kHWC);
+    auto bt601 = Matrix({1, 0, 1.402f, -0.3441363f, -0.7141363f, 1.772f, 0, 0, 0.5f, 0.5f});
+    auto too_big = Matrix({1, 0, 4.0f, 0, 0, 0, 0, 0, 0.5f, 0.5f});
+    auto nan = Matrix({1, 0, std::nanf(""), 0, 0, 0, 0, 0, 0.5f, 0.5f});
+    const std::string yuv = "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y {4, 6, 1}" + hwc +
+                            ", uv {2, 3, 2}" + hwc + " and dst ";
+    const std::vector<Refusal> cases = {
+        {[&] { fn::F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgr, planes); }, planes,
+         "F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 3}" + hwc +
+             " and dst {3, 4, 6}" + chw + " do not fit: src must be a u8 HWC image of 4 channels"},
+        {[&] { fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgra, planes_small); },
+         planes_small,
+         "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 4}" + hwc +
+             " and dst {3, 4, 5}" + chw + " do not fit: dst must be a u8 CHW image {3, H, W} of src"},
+        {[&] { fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgra, planes_hwc); },
+         planes_hwc,
+         "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 4}" + hwc +
+             " and dst {3, 4, 6}" + hwc + " do not fit: dst must be a u8 CHW image {3, H, W} of src"},
+        {[&] { fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(bgra, gray_small); }, gray_small,
+         "F_ColorCvt_BGRA8888_To_Gray8_Fallback: src {4, 6, 4}" + hwc + " and dst {3, 6, 1}" + hwc +
+             " do not fit: dst must be a u8 HWC image {H, W, 1} of src"},
+        {[&] { fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(nullptr, gray); }, gray,
+         "F_ColorCvt_BGRA8888_To_Gray8_Fallback: src null and dst {4, 6, 1}" + hwc +
+             " do not fit: src must be a u8 HWC image of 4 channels"},
+        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, bt601, planes_small); },
+         planes_small, yuv + "{3, 4, 5}" + chw + " do not fit: dst must be a u8 CHW image {3, H, W} of y"},
+        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, nullptr, planes); },
+         planes, yuv + "{3, 4, 6}" + chw + " do not fit: the colour matrix is missing"},
+        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, too_big, planes); },
+         planes,
+         yuv + "{3, 4, 6}" + chw +
+             " do not fit: colour matrix weights must lie in (-4, 4) and offsets in [-4, 4]"},
+        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, nan, planes); }, planes,
+         yuv + "{3, 4, 6}" + chw +
+             " do not fit: colour matrix weights must lie in (-4, 4) and offsets in [-4, 4]"},
+        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv_small, bt601, planes); },
+         planes,
+         "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y {4, 6, 1}" + hwc + ", uv {2, 2, 2}" +
+             hwc + " and dst {3, 4, 6}" + chw +
+             " do not fit: uv must be a u8 {H/2, W/2, 2} plane of chroma pairs"},
+        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(uv, uv, bt601, planes); },
+         planes,
+         "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y {2, 3, 2}" + hwc + ", uv {2, 3, 2}" +
+             hwc + " and dst {3, 4, 6}" + chw + " do not fit: y must be a u8 {H, W, 1} plane"},
+    };
+    for (const Refusal& r : cases) ExpectRefused(r);
+}
+
+// A refusal is reported at level 16 and the call returns: the process goes
+// on and a later good call works.
+TEST(Refusals, WorkGoesOnAfterARefusal) {
+    TensorPtr s = Hwc(2, 2, 1, 9);
+    TensorPtr bad = Hwc(3, 3, 1, 0xAB);
+    TensorPtr good = Hwc(2, 2, 1, 0);
+    {
+        LogCapture capture;
+        fn::F_VFlip_HWC_Fallback(s, bad);
+        EXPECT_EQ(capture.Take().size(), 1u);
+        fn::F_VFlip_HWC_Fallback(s, good);
+        EXPECT_TRUE(capture.Take().empty());
+    }
+    EXPECT_TRUE(AllBytes(bad, 0xAB));
+    EXPECT_TRUE(AllBytes(good, 9));
+}
+
+}  // namespace
