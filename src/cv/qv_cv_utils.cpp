@@ -17,9 +17,533 @@
 // Affine matrices and crop geometry
 // ===========================================================================
 
+namespace quvas {
+namespace kit {
+
+namespace {
+
+// Writes six coefficients m0 m1 m2 / m3 m4 m5.
+inline void geom_put6(float* m, float a, float b, float c, float d, float e, float f) {
+    m[0] = a;
+    m[1] = b;
+    m[2] = c;
+    m[3] = d;
+    m[4] = e;
+    m[5] = f;
+}
+
+// The matrix tables switch on the whole orientation word: a flip combined
+// with a turn is its own entry, and 64 (a half turn meant for boxes only)
+// is not listed, so matrices treat it as the identity.
+void geom_forward_matrix(unsigned ori, int width, int height, float* m) {
+    const float W = static_cast<float>(width) - 1.0f;
+    const float H = static_cast<float>(height) - 1.0f;
+    switch (ori) {
+        case 1: geom_put6(m, 0.f, -1.f, W, 1.f, 0.f, 0.f); break;
+        case 2: geom_put6(m, 0.f, 1.f, 0.f, -1.f, 0.f, H); break;
+        case 4: geom_put6(m, -1.f, 0.f, W, 0.f, -1.f, H); break;
+        case 8:
+        case 20: geom_put6(m, 1.f, 0.f, 0.f, 0.f, -1.f, H); break;
+        case 9:
+        case 18: geom_put6(m, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f); break;
+        case 10:
+        case 17: geom_put6(m, 0.f, -1.f, W, -1.f, 0.f, H); break;
+        case 12:
+        case 16: geom_put6(m, -1.f, 0.f, W, 0.f, 1.f, 0.f); break;
+        default: geom_put6(m, 1.f, 0.f, 0.f, 0.f, 1.f, 0.f); break;
+    }
+}
+
+void geom_inverse_matrix(unsigned ori, int width, int height, float* m) {
+    const float W = static_cast<float>(width) - 1.0f;
+    const float H = static_cast<float>(height) - 1.0f;
+    switch (ori) {
+        case 1: geom_put6(m, 0.f, 1.f, 0.f, -1.f, 0.f, W); break;
+        case 2: geom_put6(m, 0.f, -1.f, H, 1.f, 0.f, 0.f); break;
+        case 4: geom_put6(m, -1.f, 0.f, W, 0.f, -1.f, H); break;
+        case 8:
+        case 20: geom_put6(m, 1.f, 0.f, 0.f, 0.f, -1.f, H); break;
+        case 9:
+        case 18: geom_put6(m, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f); break;
+        case 10:
+        case 17: geom_put6(m, 0.f, -1.f, H, -1.f, 0.f, W); break;
+        case 12:
+        case 16: geom_put6(m, -1.f, 0.f, W, 0.f, 1.f, 0.f); break;
+        default: geom_put6(m, 1.f, 0.f, 0.f, 0.f, 1.f, 0.f); break;
+    }
+}
+
+}  // namespace
+
+void getAffineTransform(const unsigned& ori, const int& width, const int& height,
+                        std::vector<float>& m) {
+    // The caller hands a vector that already holds six elements.
+    geom_forward_matrix(ori, width, height, m.data());
+}
+
+void getAffineTransformInv(const unsigned& ori, const int& width, const int& height,
+                           std::vector<float>& m) {
+    // Long-standing interface: the vector ends up empty and the coefficients
+    // live in its reserved storage, read back through m.data().
+    m.clear();
+    geom_inverse_matrix(ori, width, height, m.data());
+}
+
+void Cropbox_Rectify(const QVN_Image* img, const bool& normalized, float& x0, float& y0,
+                     float& x1, float& y1) {
+    std::vector<float> m(6, 0.0f);
+    // A 2 x 2 "image" makes W = H = 1, so the matrix works on 0..1 values.
+    const int width = normalized ? 2 : img->width;
+    const int height = normalized ? 2 : img->height;
+    getAffineTransform(img->ori_fmt, width, height, m);
+
+    const float xs[4] = {x0, x1, x0, x1};
+    const float ys[4] = {y0, y0, y1, y1};
+    float tx[4];
+    float ty[4];
+    for (int i = 0; i < 4; ++i) {
+        tx[i] = std::fma(m[0], xs[i], m[1] * ys[i]) + m[2];
+        ty[i] = std::fma(m[3], xs[i], m[4] * ys[i]) + m[5];
+    }
+    x0 = std::min(std::min(tx[0], tx[1]), std::min(tx[2], tx[3]));
+    y0 = std::min(std::min(ty[0], ty[1]), std::min(ty[2], ty[3]));
+    x1 = std::max(std::max(tx[0], tx[1]), std::max(tx[2], tx[3]));
+    y1 = std::max(std::max(ty[0], ty[1]), std::max(ty[2], ty[3]));
+}
+
+void Cropbox_Rectify(QVN_ORIENT_FMT ori, float& x0, float& y0, float& x1, float& y1) {
+    const unsigned o = static_cast<unsigned>(ori);
+    float a = x0;
+    float b = y0;
+    float c = x1;
+    float d = y1;
+    const float w = x1 - x0;
+    const float h = y1 - y0;
+    // One flip at most: a vertical flip takes precedence over a mirror.
+    if (o & 8u) {
+        b = 1.0f - y1;
+        d = 1.0f - y0;
+    } else if (o & 16u) {
+        a = 1.0f - x1;
+        c = 1.0f - x0;
+    }
+    if (o & 2u) {
+        x0 = b;
+        y0 = 1.0f - (a + w);
+        x1 = b + h;
+        y1 = 1.0f - a;
+    } else if (o & 1u) {
+        x0 = 1.0f - (b + h);
+        y0 = a;
+        x1 = 1.0f - b;
+        y1 = a + w;
+    } else if (!(o & 4u) && !(o & 64u)) {
+        x0 = a;
+        y0 = b;
+        x1 = c;
+        y1 = d;
+    } else {
+        // For boxes, 64 is a half turn just like 4.
+        x0 = 1.0f - c;
+        y0 = 1.0f - d;
+        x1 = 1.0f - a;
+        y1 = 1.0f - b;
+    }
+}
+
+int rectify_cropbox(const QVN_Image* img, int& x0, int& y0, int& x1, int& y1, int& w, int& h) {
+    const unsigned o = img->ori_fmt;
+    int A = img->width;
+    int B = img->height;
+    if (o & 3u) std::swap(A, B);
+    const int x0in = x0;
+    int ya = y0;
+    int yb = y1;
+    if (o & 8u) {
+        ya = B - (h + y0);
+        yb = B - 1 - y0;
+    }
+    if (o & 2u) {
+        x0 = ya;
+        y0 = A - (w + x0in);
+        x1 = ya + h - 1;
+        y1 = A - 1 - x0in;
+    } else if (o & 1u) {
+        x0 = B - (h + ya);
+        y0 = x0in;
+        x1 = B - 1 - ya;
+        y1 = x0in + w - 1;
+    } else if ((o & 4u) || (o & 64u)) {
+        x0 = (A - 1) - x1;
+        y0 = (B - 1) - yb;
+        x1 = (A - 1) - x0in;
+        y1 = (B - 1) - ya;
+    } else {
+        y0 = ya;
+        y1 = yb;
+    }
+    w = x1 - x0 + 1;
+    h = y1 - y0 + 1;
+    return h;
+}
+
+namespace {
+
+// Packed formats: copy the part of the box inside the frame, then replicate
+// the edge rows and columns into the part outside it.
+void geom_crop_packed(const QVN_Image* src, QVN_Image& dst, int bpp, int x0, int y0, int w,
+                      int h, int r0, int r1, int c0, int c1) {
+    if (r0 > r1 || c0 > c1) return;  // nothing of the box lies inside the frame
+    const size_t src_pitch = static_cast<size_t>(src->width) * bpp;
+    const size_t dst_pitch = static_cast<size_t>(dst.width) * bpp;
+    const int left = std::max(-x0, 0);
+    const size_t row_bytes = static_cast<size_t>(c1 - c0 + 1) * bpp;
+    const uint8_t* s = src->data;
+    uint8_t* d = dst.data;
+    auto src_row = [&](int r) { return s + static_cast<size_t>(r) * src_pitch + static_cast<size_t>(c0) * bpp; };
+    auto dst_row = [&](int r) { return d + static_cast<size_t>(r) * dst_pitch + static_cast<size_t>(left) * bpp; };
+
+    for (int r = r0; r <= r1; ++r) std::memcpy(dst_row(r - y0), src_row(r), row_bytes);
+    for (int r = 0; r < r0 - y0; ++r) std::memcpy(dst_row(r), src_row(r0), row_bytes);
+    for (int r = r1 - y0 + 1; r < h; ++r) std::memcpy(dst_row(r), src_row(r1), row_bytes);
+
+    const int right = left + (c1 - c0 + 1);  // first column after the copied block
+    for (int r = 0; r < h; ++r) {
+        uint8_t* row = d + static_cast<size_t>(r) * dst_pitch;
+        for (int c = 0; c < left; ++c) std::memcpy(row + c * bpp, row + left * bpp, bpp);
+        for (int c = right; c < w; ++c) std::memcpy(row + c * bpp, row + (right - 1) * bpp, bpp);
+    }
+}
+
+}  // namespace
+
+void crop_for_image(const QVN_Image* src, QVN_Image& dst, int x0, int y0, int x1, int y1, int w,
+                    int h) {
+    rectify_cropbox(src, x0, y0, x1, y1, w, h);
+    const int r0 = std::max(y0, 0);
+    const int r1 = std::min(y1, src->height - 1);
+    const int c0 = std::max(x0, 0);
+    const int c1 = std::min(x1, src->width - 1);
+    const int left = std::max(-x0, 0);
+
+    switch (src->pix_fmt) {
+        case QVN_PIX_FMT_BGRA8888:
+        case QVN_PIX_FMT_RGBA8888:
+            dst.channels = 4;
+            geom_crop_packed(src, dst, 4, x0, y0, w, h, r0, r1, c0, c1);
+            break;
+        case QVN_PIX_FMT_RGB888:
+        case QVN_PIX_FMT_BGR888:
+            dst.channels = 3;
+            geom_crop_packed(src, dst, 3, x0, y0, w, h, r0, r1, c0, c1);
+            break;
+        case QVN_PIX_FMT_YUV420SP_C:
+        case QVN_PIX_FMT_YUV420SP_D: {
+            // Chroma pairs must stay whole: an even number of bytes a row.
+            const int bytes = (c1 - c0 + 1) & ~1;
+            if (bytes <= 0) break;
+            const size_t sw = static_cast<size_t>(src->width);
+            const size_t dw = static_cast<size_t>(dst.width);
+            const uint8_t* s_uv = src->data + static_cast<size_t>(src->height) * sw;
+            uint8_t* d_uv = dst.data + static_cast<size_t>(dst.height) * dw;
+            // Rows go in pairs; an odd last row is copied with the one after it.
+            for (int r = r0; r <= r1; r += 2) {
+                const int dr = r - y0;
+                std::memcpy(dst.data + dr * dw + left, src->data + r * sw + c0, bytes);
+                std::memcpy(dst.data + (dr + 1) * dw + left, src->data + (r + 1) * sw + c0, bytes);
+                std::memcpy(d_uv + (dr / 2) * dw + left, s_uv + (r / 2) * sw + c0, bytes);
+            }
+            break;
+        }
+        case QVN_PIX_FMT_YUV420_A: {
+            const int bytes = (c1 - c0 + 1) & ~1;
+            if (bytes <= 0) break;
+            const int sw = src->width;
+            const int dw = dst.width;
+            const size_t s_n = static_cast<size_t>(src->width) * src->height;
+            const size_t d_n = static_cast<size_t>(dst.width) * dst.height;
+            const uint8_t* s_u = src->data + s_n;
+            const uint8_t* s_v = src->data + s_n * 5 / 4;
+            uint8_t* d_u = dst.data + d_n;
+            uint8_t* d_v = dst.data + d_n * 5 / 4;
+            for (int r = r0; r <= r1; r += 2) {
+                const int dr = r - y0;
+                std::memcpy(dst.data + static_cast<size_t>(dr) * dw + left,
+                            src->data + static_cast<size_t>(r) * sw + c0, bytes);
+                std::memcpy(dst.data + static_cast<size_t>(dr + 1) * dw + left,
+                            src->data + static_cast<size_t>(r + 1) * sw + c0, bytes);
+                const size_t s_off = static_cast<size_t>((r / 2) * sw / 2 + c0 / 2);
+                const size_t d_off = static_cast<size_t>((dr / 2) * dw / 2 + left / 2);
+                std::memcpy(d_u + d_off, s_u + s_off, bytes / 2);
+                std::memcpy(d_v + d_off, s_v + s_off, bytes / 2);
+            }
+            break;
+        }
+        default:
+            quvas::utility::Log(QVN_LOG_LEVEL_ERROR, "unsupported input image format!");
+            break;
+    }
+    dst.ori_fmt = src->ori_fmt;
+}
+
+void cal_crop_resize_inv_param(int x, int y, int crop_w, int crop_h, int dst_w, int dst_h,
+                               float* out) {
+    out[0] = static_cast<float>(crop_w) / static_cast<float>(dst_w);
+    out[1] = 0.0f;
+    out[2] = static_cast<float>(x);
+    out[3] = 0.0f;
+    out[4] = static_cast<float>(crop_h) / static_cast<float>(dst_h);
+    out[5] = static_cast<float>(y);
+    out[6] = 0.0f;
+    out[7] = 0.0f;
+    out[8] = 1.0f;
+}
+
+void cal_crop_resize_inv_float_param(float x, float y, float crop_w, float crop_h, float dst_w,
+                                     float dst_h, float* out) {
+    out[0] = crop_w / dst_w;
+    out[1] = 0.0f;
+    out[2] = x;
+    out[3] = 0.0f;
+    out[4] = crop_h / dst_h;
+    out[5] = y;
+    out[6] = 0.0f;
+    out[7] = 0.0f;
+    out[8] = 1.0f;
+}
+
+}  // namespace kit
+}  // namespace quvas
+
 // ===========================================================================
 // Inverse-affine bilinear sampling and planar-to-interleaved conversion
 // ===========================================================================
+
+namespace quvas {
+namespace kit {
+
+namespace {
+
+// Truncation toward zero with the hardware's defined answer (INT_MIN) for
+// values out of the int range or NaN, which then simply count as outside.
+inline int geom_trunc_to_int(float v) { return _mm_cvtt_ss2si(_mm_set_ss(v)); }
+
+// Bilinear inverse-affine warp of K interleaved byte channels. Only points
+// whose 2 x 2 neighbourhood lies wholly in the source are sampled; every
+// other destination pixel keeps `border`.
+template <int K>
+void geom_affine_inv_bilinear(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
+                              int dst_w, int dst_h, unsigned char border, const float* M) {
+    std::memset(dst, border, static_cast<size_t>(dst_w) * static_cast<size_t>(dst_h) * K);
+    if (dst_h == 0 || dst_w == 0) return;
+    const float m0 = M[0], m1 = M[1], m2 = M[2], m3 = M[3], m4 = M[4], m5 = M[5];
+    const float right_edge = static_cast<float>(src_w - 1);
+    const float bottom_edge = static_cast<float>(src_h - 1);
+    const size_t pitch = static_cast<size_t>(src_w) * K;
+    for (int y = 0; y < dst_h; ++y) {
+        const float fy_pos = static_cast<float>(y);
+        unsigned char* out = dst + static_cast<size_t>(y) * dst_w * K;
+        for (int x = 0; x < dst_w; ++x, out += K) {
+            const float fx_pos = static_cast<float>(x);
+            const float sx = std::fma(fx_pos, m0, fy_pos * m1) + m2;
+            const int xi = geom_trunc_to_int(sx);
+            if (xi < 0) continue;
+            const float sy = std::fma(fy_pos, m4, fx_pos * m3) + m5;
+            const int yi = geom_trunc_to_int(sy);
+            if (yi < 0 || xi >= src_w - 1 || yi >= src_h - 1) continue;
+
+            // A point in (-1, 0) truncates onto row or column 0 and takes it whole.
+            const float fx = sx >= 0.0f ? sx - static_cast<float>(xi) : 0.0f;
+            const float fy = sy >= 0.0f ? sy - static_cast<float>(yi) : 0.0f;
+            const unsigned char* p00 = src + static_cast<size_t>(yi) * pitch + static_cast<size_t>(xi) * K;
+            const unsigned char* p01 = (sx > 0.0f && sx < right_edge) ? p00 + K : p00;
+            const size_t down = (sy >= 0.0f && sy < bottom_edge) ? pitch : 0;
+            const unsigned char* p10 = p00 + down;
+            const unsigned char* p11 = p01 + down;
+            const float gx = 1.0f - fx;
+            const float gy = 1.0f - fy;
+            for (int c = 0; c < K; ++c) {
+                const float top = std::fma(static_cast<float>(p00[c]), gx, static_cast<float>(p01[c]) * fx);
+                const float bottom = std::fma(static_cast<float>(p10[c]), gx, static_cast<float>(p11[c]) * fx);
+                const float v = std::fma(top, gy, bottom * fy);
+                out[c] = v > 255.0f ? 255 : static_cast<unsigned char>(static_cast<int>(v));
+            }
+        }
+    }
+}
+
+}  // namespace
+
+void affine_inv_image_bilinear_c1(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
+                                  int dst_w, int dst_h, unsigned char border, float* M) {
+    geom_affine_inv_bilinear<1>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+}
+
+void affine_inv_image_bilinear_c2(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
+                                  int dst_w, int dst_h, unsigned char border, float* M) {
+    geom_affine_inv_bilinear<2>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+}
+
+void affine_inv_image_bilinear_c3(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
+                                  int dst_w, int dst_h, unsigned char border, float* M) {
+    geom_affine_inv_bilinear<3>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+}
+
+void affine_inv_image_bilinear_c4(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
+                                  int dst_w, int dst_h, unsigned char border, float* M) {
+    geom_affine_inv_bilinear<4>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+}
+
+void affine_inv_qvimage_bilinear(const QVN_Image* src, QVN_Image* dst, unsigned char border,
+                                 float* M) {
+    const int sw = src->width, sh = src->height;
+    const int dw = dst->width, dh = dst->height;
+    // Chroma planes are half size on both sides: the linear terms carry over,
+    // the translation halves. Empty chroma is mid-grey whatever `border` is.
+    float Mc[6] = {M[0], M[1], 0.5f * M[2], M[3], M[4], 0.5f * M[5]};
+    const unsigned char kChromaBorder = 128;
+    const size_t sn = static_cast<size_t>(sw) * sh;
+    const size_t dn = static_cast<size_t>(dw) * dh;
+    switch (src->pix_fmt) {
+        case QVN_PIX_FMT_BGRA8888:
+        case QVN_PIX_FMT_RGBA8888:
+            affine_inv_image_bilinear_c4(src->data, sw, sh, dst->data, dw, dh, border, M);
+            break;
+        case QVN_PIX_FMT_RGB888:
+        case QVN_PIX_FMT_BGR888:
+            affine_inv_image_bilinear_c3(src->data, sw, sh, dst->data, dw, dh, border, M);
+            break;
+        case QVN_PIX_FMT_GRAY8:
+            affine_inv_image_bilinear_c1(src->data, sw, sh, dst->data, dw, dh, border, M);
+            break;
+        case QVN_PIX_FMT_YUV420SP_C:
+        case QVN_PIX_FMT_YUV420SP_D:
+            affine_inv_image_bilinear_c1(src->data, sw, sh, dst->data, dw, dh, border, M);
+            affine_inv_image_bilinear_c2(src->data + sn, sw / 2, sh / 2, dst->data + dn, dw / 2,
+                                         dh / 2, kChromaBorder, Mc);
+            break;
+        case QVN_PIX_FMT_YUV420_A: {
+            affine_inv_image_bilinear_c1(src->data, sw, sh, dst->data, dw, dh, border, M);
+            const size_t sq = static_cast<size_t>(sw / 2) * (sh / 2);
+            const size_t dq = static_cast<size_t>(dw / 2) * (dh / 2);
+            affine_inv_image_bilinear_c1(src->data + sn, sw / 2, sh / 2, dst->data + dn, dw / 2,
+                                         dh / 2, kChromaBorder, Mc);
+            affine_inv_image_bilinear_c1(src->data + sn + sq, sw / 2, sh / 2, dst->data + dn + dq,
+                                         dw / 2, dh / 2, kChromaBorder, Mc);
+            break;
+        }
+        default:
+            quvas::utility::Log(QVN_LOG_LEVEL_ERROR,
+                                "unsupported image pixel format for affine_inv_qvimage_bilinear");
+            break;
+    }
+}
+
+namespace {
+
+inline bool geom_ranges_overlap(const uint8_t* a, size_t a_len, const uint8_t* b, size_t b_len) {
+    const uintptr_t pa = reinterpret_cast<uintptr_t>(a);
+    const uintptr_t pb = reinterpret_cast<uintptr_t>(b);
+    return pa < pb + b_len && pb < pa + a_len;
+}
+
+// Byte-shuffle masks that spread 16 bytes of one plane over 48 interleaved
+// bytes: output block k (16 bytes) takes from plane p the bytes listed, -1
+// (0x80) leaves a hole for the other planes.
+alignas(16) const int8_t kGeomRgbMask[3][3][16] = {
+    // out block 0: R0 G0 B0 R1 G1 B1 ... R5
+    {{0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1, 5},
+     {-1, 0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1},
+     {-1, -1, 0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1}},
+    // out block 1: G5 B5 R6 ... G10
+    {{-1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1, 10, -1},
+     {5, -1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1, 10},
+     {-1, 5, -1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1}},
+    // out block 2: B10 R11 G11 B11 ... B15
+    {{-1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15, -1, -1},
+     {-1, -1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15, -1},
+     {10, -1, -1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15}},
+};
+
+inline void geom_interleave3_16(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* out) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p0));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p1));
+    const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p2));
+    for (int k = 0; k < 3; ++k) {
+        const __m128i ma = _mm_load_si128(reinterpret_cast<const __m128i*>(kGeomRgbMask[k][0]));
+        const __m128i mb = _mm_load_si128(reinterpret_cast<const __m128i*>(kGeomRgbMask[k][1]));
+        const __m128i mc = _mm_load_si128(reinterpret_cast<const __m128i*>(kGeomRgbMask[k][2]));
+        const __m128i v = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(a, ma), _mm_shuffle_epi8(b, mb)),
+                                       _mm_shuffle_epi8(c, mc));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16 * k), v);
+    }
+}
+
+}  // namespace
+
+int post_getRGB_HWC_from_RGB_CHW(QVN_Image* src, QVN_Image* dst) {
+    const int n = src->width * src->height;
+    if (n < 1) return 0;
+    const size_t len = static_cast<size_t>(n) * 3;
+    const uint8_t* p0 = src->data;
+    const uint8_t* p1 = p0 + n;
+    const uint8_t* p2 = p1 + n;
+    uint8_t* out = dst->data;
+    int i = 0;
+    // In place (or any overlap) the vector loop could read bytes it already
+    // wrote; the pixel loop keeps the plain left-to-right order instead.
+    if (!geom_ranges_overlap(src->data, len, out, len)) {
+        for (; i + 32 <= n; i += 32) {
+            geom_interleave3_16(p0 + i, p1 + i, p2 + i, out + 3 * i);
+            geom_interleave3_16(p0 + i + 16, p1 + i + 16, p2 + i + 16, out + 3 * i + 48);
+        }
+    }
+    for (; i < n; ++i) {
+        out[3 * i] = p0[i];
+        out[3 * i + 1] = p1[i];
+        out[3 * i + 2] = p2[i];
+    }
+    return 0;
+}
+
+int post_getRGBA_HWC_from_RGBA_CHW(QVN_Image* src, QVN_Image* dst) {
+    const int n = src->width * src->height;
+    if (n < 1) return 0;
+    const size_t len = static_cast<size_t>(n) * 4;
+    const uint8_t* p0 = src->data;
+    const uint8_t* p1 = p0 + n;
+    const uint8_t* p2 = p1 + n;
+    const uint8_t* p3 = p2 + n;
+    uint8_t* out = dst->data;
+    int i = 0;
+    if (!geom_ranges_overlap(src->data, len, out, len)) {
+        for (; i + 32 <= n; i += 32) {
+            for (int h = 0; h < 32; h += 16) {
+                const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p0 + i + h));
+                const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p1 + i + h));
+                const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p2 + i + h));
+                const __m128i d = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p3 + i + h));
+                const __m128i ab_lo = _mm_unpacklo_epi8(a, b), ab_hi = _mm_unpackhi_epi8(a, b);
+                const __m128i cd_lo = _mm_unpacklo_epi8(c, d), cd_hi = _mm_unpackhi_epi8(c, d);
+                __m128i* o = reinterpret_cast<__m128i*>(out + 4 * (i + h));
+                _mm_storeu_si128(o + 0, _mm_unpacklo_epi16(ab_lo, cd_lo));
+                _mm_storeu_si128(o + 1, _mm_unpackhi_epi16(ab_lo, cd_lo));
+                _mm_storeu_si128(o + 2, _mm_unpacklo_epi16(ab_hi, cd_hi));
+                _mm_storeu_si128(o + 3, _mm_unpackhi_epi16(ab_hi, cd_hi));
+            }
+        }
+    }
+    for (; i < n; ++i) {
+        out[4 * i] = p0[i];
+        out[4 * i + 1] = p1[i];
+        out[4 * i + 2] = p2[i];
+        out[4 * i + 3] = p3[i];
+    }
+    return 0;
+}
+
+}  // namespace kit
+}  // namespace quvas
 
 // ===========================================================================
 // Small dense matrix utilities

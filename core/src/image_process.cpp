@@ -1,0 +1,302 @@
+// image_process.cpp - ImageProcessFallback: checks the tensors against the
+// operation code, then hands contiguous images to the pixel kernels.
+//
+// A refusal is logged at level 16 and leaves `out` untouched; the checks all
+// run before the first byte is written. The contract (codes, shapes,
+// arithmetic, refusals) is written down in core/IMAGE_PROCESS.md.
+#include <quvas/kernel/image_process.h>
+#include <quvas/utility/log.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <initializer_list>
+#include <limits>
+#include <string>
+
+#include "image_process_kernels.h"
+
+namespace quvas {
+namespace kernel {
+
+ImageProcess::~ImageProcess() = default;
+ImageProcessFallback::ImageProcessFallback() = default;
+ImageProcessFallback::~ImageProcessFallback() = default;
+
+namespace {
+
+using runtime::TensorPtr;
+namespace dt = runtime::data_type;
+namespace lay = runtime::layout;
+
+constexpr char kWho[] = "ImageProcessFallback::ConvertPixel";
+// Every image handed to the kernels fits int strides and int pixel counts.
+constexpr uint64_t kMaxBytes = static_cast<uint64_t>(std::numeric_limits<int32_t>::max());
+
+std::string Describe(const TensorPtr& t) {
+    if (!t) return "null";
+    const runtime::TensorShape& s = t->shape();
+    std::string text = "{";
+    for (size_t i = 0; i < s.dims.size(); ++i) {
+        if (i) text += ", ";
+        text += std::to_string(s.dims[i]);
+    }
+    text += "} type " + std::to_string(s.data_type) + " layout " + std::to_string(s.layout);
+    if (s.location != runtime::location::kMainMemory) {
+        char hex[16];
+        std::snprintf(hex, sizeof(hex), "%#x", static_cast<unsigned>(s.location));
+        text += " location ";
+        text += hex;
+    }
+    if (t->data() == nullptr) text += " without storage";
+    return text;
+}
+
+// A checked tensor: three positive dims, u8, in main memory, with storage.
+struct View {
+    uint8_t* data = nullptr;
+    int d0 = 0, d1 = 0, d2 = 0;
+    size_t bytes = 0;  // what the kernels touch
+};
+
+bool Fetch(const TensorPtr& t, std::initializer_list<int32_t> layouts, View* v) {
+    if (!t || t->data() == nullptr) return false;
+    const runtime::TensorShape& s = t->shape();
+    if (s.location != runtime::location::kMainMemory || s.data_type != dt::kUInt8 ||
+        s.dims.size() != 3)
+        return false;
+    if (std::find(layouts.begin(), layouts.end(), s.layout) == layouts.end()) return false;
+    uint64_t n = 1;
+    for (int32_t d : s.dims) {
+        if (d <= 0) return false;
+        n *= static_cast<uint64_t>(d);
+        if (n > kMaxBytes) return false;
+    }
+    if (s.layout == lay::kYUV420Planar) {
+        n += 2 * static_cast<uint64_t>(s.dims[0] / 2) * static_cast<uint64_t>(s.dims[1] / 2);
+        if (n > kMaxBytes) return false;
+    }
+    if (t->byte_size() < n) return false;
+    v->data = t->data();
+    v->d0 = s.dims[0];
+    v->d1 = s.dims[1];
+    v->d2 = s.dims[2];
+    v->bytes = static_cast<size_t>(n);
+    return true;
+}
+
+const char* Expects(int code) {
+    switch (code) {
+        case op::kPack4ToPlanar012:
+        case op::kPack4ToPlanar210:
+            return "in u8 HWC {H, W, 4} and out u8 CHW {3, H, W}";
+        case op::kPack3ToPlanar012:
+        case op::kPack3ToPlanar210:
+            return "in u8 HWC {H, W, 3} and out u8 CHW {3, H, W}";
+        case op::kYUV420PlanarToRGB:
+            return "in a u8 4:2:0 frame {H, W, 1} (layout 24, H and W at least 2) and out u8 CHW "
+                   "{3, H, W}";
+        case op::kRotate90:
+        case op::kRotate270:
+            return "in u8 CHW {C, H, W} and out u8 CHW {C, W, H}";
+        case op::kRotate180:
+        case op::kMirror:
+            return "in u8 CHW {C, H, W} and out u8 CHW {C, H, W}";
+        case op::kResizePlane:
+        case op::kCropResizePlane:
+            return "in and out u8 planes {H, W, 1} (layout 23 or 1)";
+        case op::kResizeHWC3:
+        case op::kCropResizeHWC3:
+            return "in and out u8 HWC {H, W, 3}";
+        default:
+            return "in and out u8 HWC {H, W, 4}";
+    }
+}
+
+bool IsCropCode(int code) {
+    return code == op::kCropResizePlane || code == op::kCropResizeHWC3 ||
+           code == op::kCropResizeHWC4;
+}
+
+bool IsPlainCode(int code) {
+    switch (code) {
+        case op::kPack4ToPlanar012:
+        case op::kPack4ToPlanar210:
+        case op::kPack3ToPlanar012:
+        case op::kPack3ToPlanar210:
+        case op::kYUV420PlanarToRGB:
+        case op::kRotate90:
+        case op::kRotate180:
+        case op::kRotate270:
+        case op::kMirror:
+        case op::kResizePlane:
+        case op::kResizeHWC3:
+        case op::kResizeHWC4:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Shapes of in and out for `code`; fills the views.
+bool ShapesFit(int code, const TensorPtr& in, const TensorPtr& out, View* i, View* o) {
+    switch (code) {
+        case op::kPack4ToPlanar012:
+        case op::kPack4ToPlanar210:
+        case op::kPack3ToPlanar012:
+        case op::kPack3ToPlanar210: {
+            const int channels =
+                (code == op::kPack4ToPlanar012 || code == op::kPack4ToPlanar210) ? 4 : 3;
+            return Fetch(in, {lay::kHWC}, i) && i->d2 == channels && Fetch(out, {lay::kCHW}, o) &&
+                   o->d0 == 3 && o->d1 == i->d0 && o->d2 == i->d1;
+        }
+        case op::kYUV420PlanarToRGB:
+            return Fetch(in, {lay::kYUV420Planar}, i) && i->d2 == 1 && i->d0 >= 2 && i->d1 >= 2 &&
+                   Fetch(out, {lay::kCHW}, o) && o->d0 == 3 && o->d1 == i->d0 && o->d2 == i->d1;
+        case op::kRotate90:
+        case op::kRotate270:
+            return Fetch(in, {lay::kCHW}, i) && Fetch(out, {lay::kCHW}, o) && o->d0 == i->d0 &&
+                   o->d1 == i->d2 && o->d2 == i->d1;
+        case op::kRotate180:
+        case op::kMirror:
+            return Fetch(in, {lay::kCHW}, i) && Fetch(out, {lay::kCHW}, o) && o->d0 == i->d0 &&
+                   o->d1 == i->d1 && o->d2 == i->d2;
+        case op::kResizePlane:
+        case op::kCropResizePlane:
+            return Fetch(in, {lay::kPlane, lay::kHWC}, i) && i->d2 == 1 &&
+                   Fetch(out, {lay::kPlane, lay::kHWC}, o) && o->d2 == 1;
+        case op::kResizeHWC3:
+        case op::kCropResizeHWC3:
+            return Fetch(in, {lay::kHWC}, i) && i->d2 == 3 && Fetch(out, {lay::kHWC}, o) &&
+                   o->d2 == 3;
+        case op::kResizeHWC4:
+        case op::kCropResizeHWC4:
+            return Fetch(in, {lay::kHWC}, i) && i->d2 == 4 && Fetch(out, {lay::kHWC}, o) &&
+                   o->d2 == 4;
+        default:
+            return false;
+    }
+}
+
+bool Overlap(const View& a, const View& b) {
+    const uintptr_t a0 = reinterpret_cast<uintptr_t>(a.data);
+    const uintptr_t b0 = reinterpret_cast<uintptr_t>(b.data);
+    return a0 < b0 + b.bytes && b0 < a0 + a.bytes;
+}
+
+void Execute(int code, const View& i, const View& o, double x0, double y0, double x1, double y1) {
+    const size_t plane = static_cast<size_t>(o.d1) * static_cast<size_t>(o.d2);
+    switch (code) {
+        case op::kPack4ToPlanar012:
+            ipk::SplitPlanes(i.data, 4, plane, o.data, o.data + plane, o.data + 2 * plane);
+            return;
+        case op::kPack4ToPlanar210:
+            ipk::SplitPlanes(i.data, 4, plane, o.data + 2 * plane, o.data + plane, o.data);
+            return;
+        case op::kPack3ToPlanar012:
+            ipk::SplitPlanes(i.data, 3, plane, o.data, o.data + plane, o.data + 2 * plane);
+            return;
+        case op::kPack3ToPlanar210:
+            ipk::SplitPlanes(i.data, 3, plane, o.data + 2 * plane, o.data + plane, o.data);
+            return;
+        case op::kYUV420PlanarToRGB: {
+            const uint8_t* u = i.data + plane;
+            const uint8_t* v = u + static_cast<size_t>(i.d0 / 2) * static_cast<size_t>(i.d1 / 2);
+            ipk::Yuv420ToPlanarRgb(i.data, u, v, i.d0, i.d1, o.data, o.data + plane,
+                                   o.data + 2 * plane);
+            return;
+        }
+        case op::kRotate90:
+        case op::kRotate180:
+        case op::kRotate270:
+        case op::kMirror:
+            for (int c = 0; c < i.d0; ++c) {
+                const uint8_t* s = i.data + c * plane;
+                uint8_t* d = o.data + c * plane;
+                if (code == op::kRotate90) ipk::TurnPlane90(s, i.d1, i.d2, d);
+                if (code == op::kRotate180) ipk::TurnPlane180(s, i.d1, i.d2, d);
+                if (code == op::kRotate270) ipk::TurnPlane270(s, i.d1, i.d2, d);
+                if (code == op::kMirror) ipk::MirrorPlane(s, i.d1, i.d2, d);
+            }
+            return;
+        default:
+            // Resizes and crop-resizes: dims {H, W, C}.
+            ipk::ResampleBilinear(i.data, i.d1, i.d0, o.data, o.d1, o.d0, i.d2, x0, y0, x1, y1);
+            return;
+    }
+}
+
+// Runs a known code, or logs why not. `box` is null for the plain codes.
+void Run(int code, const TensorPtr& in, const TensorPtr& out, const float* box) {
+    View i, o;
+    if (!ShapesFit(code, in, out, &i, &o)) {
+        utility::Log(utility::kLogError, "%s: code %d expects %s, got in %s, out %s", kWho, code,
+                     Expects(code), Describe(in).c_str(), Describe(out).c_str());
+        return;
+    }
+    double x0 = 0.0, y0 = 0.0, x1 = 1.0, y1 = 1.0;
+    if (box != nullptr) {
+        const bool finite = std::isfinite(box[0]) && std::isfinite(box[1]) &&
+                            std::isfinite(box[2]) && std::isfinite(box[3]);
+        if (!finite || !(box[0] < box[2]) || !(box[1] < box[3])) {
+            utility::Log(utility::kLogError,
+                         "%s: code %d needs a finite box with x0 < x1 and y0 < y1, got (%g, %g, "
+                         "%g, %g) for in %s, out %s",
+                         kWho, code, box[0], box[1], box[2], box[3], Describe(in).c_str(),
+                         Describe(out).c_str());
+            return;
+        }
+        x0 = box[0];
+        y0 = box[1];
+        x1 = box[2];
+        y1 = box[3];
+    }
+    if (Overlap(i, o)) {
+        utility::Log(utility::kLogError,
+                     "%s: code %d cannot work in place, in %s and out %s share storage", kWho,
+                     code, Describe(in).c_str(), Describe(out).c_str());
+        return;
+    }
+    Execute(code, i, o, x0, y0, x1, y1);
+}
+
+void Unknown(int code, const TensorPtr& in, const TensorPtr& out) {
+    utility::Log(utility::kLogError, "%s: unknown code %d (in %s, out %s)", kWho, code,
+                 Describe(in).c_str(), Describe(out).c_str());
+}
+
+}  // namespace
+
+void ImageProcessFallback::ConvertPixel(std::shared_ptr<runtime::Tensor>& in,
+                                        std::shared_ptr<runtime::Tensor>& out, int code,
+                                        std::shared_ptr<runtime::Context> ctx) {
+    (void)ctx;
+    if (IsPlainCode(code)) {
+        Run(code, in, out, nullptr);
+    } else if (IsCropCode(code)) {
+        utility::Log(utility::kLogError, "%s: code %d needs a crop box (in %s, out %s)", kWho,
+                     code, Describe(in).c_str(), Describe(out).c_str());
+    } else {
+        Unknown(code, in, out);
+    }
+}
+
+void ImageProcessFallback::ConvertPixel(std::shared_ptr<runtime::Tensor>& in,
+                                        std::shared_ptr<runtime::Tensor>& out, float a, float b,
+                                        float c, float d, int code,
+                                        std::shared_ptr<runtime::Context> ctx) {
+    (void)ctx;
+    if (IsCropCode(code)) {
+        const float box[4] = {a, b, c, d};
+        Run(code, in, out, box);
+    } else if (IsPlainCode(code)) {
+        utility::Log(utility::kLogError, "%s: code %d takes no crop box (in %s, out %s)", kWho,
+                     code, Describe(in).c_str(), Describe(out).c_str());
+    } else {
+        Unknown(code, in, out);
+    }
+}
+
+}  // namespace kernel
+}  // namespace quvas

@@ -1,0 +1,624 @@
+// Inverse-affine warps: the scalar float samplers and the fixed-point vector
+// kernels, each compared bit for bit with a plain per-pixel definition
+// written here from the arithmetic they promise, and with OpenCV on smooth
+// images; their image dispatchers; planar-to-interleaved conversion.
+#include <qvn_kit/qvn_kit.hpp>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "log_capture.hpp"
+
+namespace {
+
+namespace kit = quvas::kit;
+using Bytes = std::vector<uint8_t>;
+
+// ---------------------------------------------------------------------------
+// Reference definitions
+// ---------------------------------------------------------------------------
+
+// Truncation toward zero as a double, so that no out-of-range float is ever
+// converted to int (NaN and huge values simply fail the range tests).
+inline bool trunc_in_range(float v, double lo, double hi, int* out) {
+    const double t = std::trunc(static_cast<double>(v));
+    if (!(t >= lo && t < hi)) return false;
+    *out = static_cast<int>(t);
+    return true;
+}
+
+// Float sampler: border everywhere, then every destination pixel whose
+// source point has its whole 2 x 2 neighbourhood inside is interpolated.
+void RefFloatWarp(int K, const uint8_t* src, int sw, int sh, uint8_t* dst, int dw, int dh,
+                  uint8_t border, const float* M) {
+    std::fill(dst, dst + static_cast<size_t>(dw) * dh * K, border);
+    for (int y = 0; y < dh; ++y) {
+        for (int x = 0; x < dw; ++x) {
+            const float X = static_cast<float>(x), Y = static_cast<float>(y);
+            const float sx = std::fma(X, M[0], Y * M[1]) + M[2];
+            const float sy = std::fma(Y, M[4], X * M[3]) + M[5];
+            int xi, yi;
+            if (!trunc_in_range(sx, 0.0, sw - 1.0, &xi)) continue;
+            if (!trunc_in_range(sy, 0.0, sh - 1.0, &yi)) continue;
+            const float fx = sx >= 0.0f ? sx - static_cast<float>(xi) : 0.0f;
+            const float fy = sy >= 0.0f ? sy - static_cast<float>(yi) : 0.0f;
+            const int x1 = (sx > 0.0f && sx < static_cast<float>(sw - 1)) ? xi + 1 : xi;
+            const int y1 = (sy >= 0.0f && sy < static_cast<float>(sh - 1)) ? yi + 1 : yi;
+            for (int c = 0; c < K; ++c) {
+                auto at = [&](int px, int py) { return static_cast<float>(src[(py * sw + px) * K + c]); };
+                const float top = std::fma(at(xi, yi), 1.0f - fx, at(x1, yi) * fx);
+                const float bot = std::fma(at(xi, y1), 1.0f - fx, at(x1, y1) * fx);
+                const float v = std::fma(top, 1.0f - fy, bot * fy);
+                dst[(y * dw + x) * K + c] = v > 255.0f ? 255 : static_cast<uint8_t>(std::trunc(v));
+            }
+        }
+    }
+}
+
+// Fixed-point kernel with 16-bit weights, each rounded half to even from
+// its own product; outside pixels and storage differ by channel count.
+void RefFixedWarp(int N, int sh, int sw, int sstride, int dh, int dw, int dstride, uint8_t* dst,
+                  const uint8_t* src, const float* M, unsigned border) {
+    if (N == 1 && (border & 0xff) != 0) {
+        std::fill(dst, dst + static_cast<size_t>(dh) * dstride, static_cast<uint8_t>(border));
+    }
+    for (int y = 0; y < dh; ++y) {
+        const float bx = std::fma(static_cast<float>(y), M[1], M[2]);
+        const float by = std::fma(static_cast<float>(y), M[4], M[5]);
+        for (int x = 0; x < dw; ++x) {
+            uint8_t* out = dst + static_cast<size_t>(y) * dstride + static_cast<size_t>(x) * N;
+            const float sx = std::fma(static_cast<float>(x), M[0], bx);
+            const float sy = std::fma(static_cast<float>(x), M[3], by);
+            int ix, iy;
+            const bool inside = trunc_in_range(sx, 0.0, sw - 1.0, &ix) &&
+                                trunc_in_range(sy, 0.0, sh - 1.0, &iy);
+            if (!inside) {
+                for (int c = 0; c < N && N > 1; ++c) out[c] = static_cast<uint8_t>(border >> (8 * c));
+                continue;
+            }
+            const float fx = sx - static_cast<float>(ix);
+            const float fy = sy - static_cast<float>(iy);
+            const int w00 = static_cast<int>(std::nearbyint((1.0f - fx) * (1.0f - fy) * 65536.0f));
+            const int w10 = static_cast<int>(std::nearbyint(fx * (1.0f - fy) * 65536.0f));
+            const int w01 = static_cast<int>(std::nearbyint((1.0f - fx) * fy * 65536.0f));
+            const int w11 = static_cast<int>(std::nearbyint(fx * fy * 65536.0f));
+            for (int c = 0; c < N; ++c) {
+                auto s = [&](int px, int py) { return static_cast<int>(src[py * sstride + px * N + c]); };
+                const int v = (s(ix, iy) * w00 + s(ix + 1, iy) * w10 + s(ix, iy + 1) * w01 +
+                               s(ix + 1, iy + 1) * w11 + 32768) >> 16;
+                out[c] = N == 4 ? static_cast<uint8_t>(std::clamp(v, 0, 255)) : static_cast<uint8_t>(v & 0xff);
+            }
+        }
+    }
+}
+
+using FloatWarpFn = void (*)(const unsigned char*, int, int, unsigned char*, int, int, unsigned char, float*);
+using FixedWarpFn = void (*)(int, int, int, int, int, int, int, unsigned char*, const unsigned char*,
+                             const float*, unsigned int);
+const FloatWarpFn kFloatWarp[5] = {nullptr, kit::affine_inv_image_bilinear_c1, kit::affine_inv_image_bilinear_c2,
+                                   kit::affine_inv_image_bilinear_c3, kit::affine_inv_image_bilinear_c4};
+const FixedWarpFn kFixedWarp[5] = {nullptr, kit::warpaffine_linear_SSE_C1, kit::warpaffine_linear_SSE_C2,
+                                   kit::warpaffine_linear_SSE_C3, kit::warpaffine_linear_SSE_C4};
+
+// ---------------------------------------------------------------------------
+// Inputs
+// ---------------------------------------------------------------------------
+
+Bytes RandomBytes(std::mt19937& rng, size_t n) {
+    Bytes b(n);
+    std::uniform_int_distribution<int> d(0, 255);
+    for (auto& v : b) v = static_cast<uint8_t>(d(rng));
+    return b;
+}
+
+// A destination-to-source matrix: the inverse of a turn, scale, shear and
+// translation chosen at random, some of them far off the frame; now and then
+// a degenerate or overflowing one.
+std::vector<float> RandomInverseMatrix(std::mt19937& rng, int sw, int sh) {
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    const int kind = static_cast<int>(u(rng) * 20);
+    if (kind == 0) return {1e9f, 3e9f, -2e9f, -1e9f, 2e9f, 5e9f};  // truncation overflows
+    if (kind == 1) return {0.0f, 0.0f, static_cast<float>(u(rng) * sw), 0.0f, 0.0f, static_cast<float>(u(rng) * sh)};
+    const double angle = (u(rng) * 2.0 - 1.0) * 3.14159265358979;
+    const double scale = 0.3 + u(rng) * 2.5;
+    const double shear = (u(rng) - 0.5) * 0.6;
+    const double c = std::cos(angle) * scale, s = std::sin(angle) * scale;
+    const double a = c, b = -s + shear * c, d = s, e = c + shear * s;
+    double tx = (u(rng) - 0.5) * 2.5 * sw, ty = (u(rng) - 0.5) * 2.5 * sh;
+    if (kind == 2) tx = -3.0 * sw;  // wholly off the frame
+    if (kind == 3) ty = 4.0 * sh;
+    if (kind == 4) { tx = -0.5; ty = -0.25; }
+    return {static_cast<float>(a), static_cast<float>(b), static_cast<float>(tx),
+            static_cast<float>(d), static_cast<float>(e), static_cast<float>(ty)};
+}
+
+// A buffer whose last byte is followed by an inaccessible page (or whose
+// first byte follows one), so any read past either end faults at once,
+// vector gathers included.
+class GuardedBuffer {
+public:
+    GuardedBuffer(size_t n, bool at_end) : n_(n) {
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        const size_t body = (n + page - 1) / page * page;
+        total_ = body + 2 * page;
+        base_ = static_cast<uint8_t*>(mmap(nullptr, total_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mprotect(base_, page, PROT_NONE);
+        mprotect(base_ + page + body, page, PROT_NONE);
+        data_ = at_end ? base_ + page + body - n : base_ + page;
+    }
+    ~GuardedBuffer() { munmap(base_, total_); }
+    GuardedBuffer(const GuardedBuffer&) = delete;
+    GuardedBuffer& operator=(const GuardedBuffer&) = delete;
+    uint8_t* data() { return data_; }
+    size_t size() const { return n_; }
+
+private:
+    size_t n_, total_;
+    uint8_t* base_;
+    uint8_t* data_;
+};
+
+const unsigned kBorderWords[] = {0u, 0x80u, 0x00332211u, 0xFFFFFFFFu, 0xA5C30000u, 0x01020304u};
+
+// ---------------------------------------------------------------------------
+// Fixed-point vector kernels against the plain definition
+// ---------------------------------------------------------------------------
+
+class FixedWarp : public ::testing::TestWithParam<int> {};
+
+TEST_P(FixedWarp, MatchesPlainDefinitionOnRandomMatrices) {
+    const int N = GetParam();
+    std::mt19937 rng(1234 + N);
+    std::uniform_int_distribution<int> size(1, 61), pad(0, 9);
+    for (int trial = 0; trial < 600; ++trial) {
+        const int sw = size(rng), sh = size(rng), dw = size(rng), dh = size(rng);
+        const int sstride = sw * N + (trial % 3 == 0 ? 0 : pad(rng));
+        const int dstride = dw * N + (trial % 2 == 0 ? 0 : pad(rng));
+        const unsigned border = kBorderWords[trial % 6];
+        const std::vector<float> M = RandomInverseMatrix(rng, sw, sh);
+        const Bytes src = RandomBytes(rng, static_cast<size_t>(sstride) * sh);
+        const Bytes before = RandomBytes(rng, static_cast<size_t>(dstride) * dh);
+        Bytes got = before, want = before;
+        kFixedWarp[N](sh, sw, sstride, N, dh, dw, dstride, got.data(), src.data(), M.data(), border);
+        RefFixedWarp(N, sh, sw, sstride, dh, dw, dstride, want.data(), src.data(), M.data(), border);
+        ASSERT_EQ(got, want) << "C" << N << " trial " << trial << " src " << sw << "x" << sh << " dst " << dw
+                             << "x" << dh << " border " << std::hex << border;
+    }
+}
+
+TEST_P(FixedWarp, ReadsNothingOutsideTheSource) {
+    // Turns and shifts that sample the first and last rows and columns of a
+    // source that touches an inaccessible page on either side.
+    const int N = GetParam();
+    std::mt19937 rng(77 + N);
+    for (bool at_end : {true, false}) {
+        for (int sw : {2, 3, 9, 33}) {
+            const int sh = 5;
+            GuardedBuffer src(static_cast<size_t>(sw) * N * sh, at_end);
+            const Bytes content = RandomBytes(rng, src.size());
+            std::memcpy(src.data(), content.data(), content.size());
+            for (float angle : {0.0f, 0.02f, 1.5707964f, 3.1415927f, -0.7f}) {
+                const float c = std::cos(angle), s = std::sin(angle);
+                const float M[6] = {c, -s, at_end ? sw - 1.6f : -0.4f, s, c, at_end ? sh - 1.6f : -0.4f};
+                const int dw = 37, dh = 9;
+                Bytes got(static_cast<size_t>(dw) * dh * N, 7), want = got;
+                kFixedWarp[N](sh, sw, sw * N, N, dh, dw, dw * N, got.data(), src.data(), M, 0x44332211u);
+                RefFixedWarp(N, sh, sw, sw * N, dh, dw, dw * N, want.data(), src.data(), M, 0x44332211u);
+                ASSERT_EQ(got, want) << "C" << N << " width " << sw << " angle " << angle;
+            }
+        }
+    }
+}
+
+TEST_P(FixedWarp, CloseToOpenCVOnSmoothImages) {
+    // OpenCV quantises positions to 1/32 pixel; on a smooth image that moves
+    // a sample by at most one or two levels. Compared where both sample a
+    // neighbourhood wholly inside the source.
+    const int N = GetParam();
+    const int sw = 97, sh = 71, dw = 83, dh = 66;
+    cv::Mat src(sh, sw, CV_8UC(N));
+    for (int y = 0; y < sh; ++y)
+        for (int x = 0; x < sw; ++x)
+            for (int c = 0; c < N; ++c)
+                src.ptr<uint8_t>(y)[x * N + c] = static_cast<uint8_t>(20 + 0.6 * (x + y) + 25 * c + 15 * std::sin(x * 0.1 + c));
+    const float M[6] = {0.9f, -0.35f, 20.0f, 0.3f, 0.95f, -5.0f};
+    cv::Mat ours(dh, dw, CV_8UC(N), cv::Scalar::all(0)), peer;
+    kFixedWarp[N](sh, sw, static_cast<int>(src.step), N, dh, dw, static_cast<int>(ours.step), ours.data, src.data, M, 0);
+    const cv::Matx23f m(M[0], M[1], M[2], M[3], M[4], M[5]);
+    cv::warpAffine(src, peer, m, cv::Size(dw, dh), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_CONSTANT);
+    int compared = 0, worst = 0;
+    for (int y = 0; y < dh; ++y) {
+        for (int x = 0; x < dw; ++x) {
+            const float sx = std::fma(static_cast<float>(x), M[0], std::fma(static_cast<float>(y), M[1], M[2]));
+            const float sy = std::fma(static_cast<float>(x), M[3], std::fma(static_cast<float>(y), M[4], M[5]));
+            if (!(sx >= 0.5f && sx < sw - 2.5f && sy >= 0.5f && sy < sh - 2.5f)) continue;
+            for (int c = 0; c < N; ++c)
+                worst = std::max(worst, std::abs(ours.ptr<uint8_t>(y)[x * N + c] - peer.ptr<uint8_t>(y)[x * N + c]));
+            ++compared;
+        }
+    }
+    EXPECT_GT(compared, dw * dh / 2);
+    EXPECT_LE(worst, 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Channels, FixedWarp, ::testing::Values(1, 2, 3, 4));
+
+// ---------------------------------------------------------------------------
+// Fixed-point kernels: cases with values that follow from the arithmetic
+// ---------------------------------------------------------------------------
+
+TEST(FixedWarpCases, IdentityCopiesAllButLastRowAndColumn) {
+    const int w = 13, h = 6;
+    std::mt19937 rng(5);
+    const float I[6] = {1, 0, 0, 0, 1, 0};
+    for (int N = 1; N <= 4; ++N) {
+        const Bytes src = RandomBytes(rng, static_cast<size_t>(w) * h * N);
+        for (unsigned border : {0u, 0x04030280u}) {
+            Bytes dst(src.size(), 9);
+            kFixedWarp[N](h, w, w * N, N, h, w, w * N, dst.data(), src.data(), I, border);
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x)
+                    for (int c = 0; c < N; ++c) {
+                        const size_t i = (static_cast<size_t>(y) * w + x) * N + c;
+                        const bool edge = x == w - 1 || y == h - 1;
+                        // Outside: one channel keeps its pre-fill (or old content when the low border byte is 0).
+                        const uint8_t outside = N == 1 ? (border & 0xff ? 0x80 : 9) : static_cast<uint8_t>(border >> (8 * c));
+                        ASSERT_EQ(dst[i], edge ? outside : src[i]) << "C" << N << " at " << x << "," << y;
+                    }
+        }
+    }
+}
+
+TEST(FixedWarpCases, HalfPixelShiftLeftExtrapolates) {
+    // Column 0 maps to x = -0.5: truncation gives 0 and fx = -0.5, so the
+    // weights are 1.5 and -0.5 of 65536 and the sample is taken as inside.
+    const float M[6] = {1, 0, -0.5f, 0, 1, 0};
+    // (10*98304 - 50*32768 + 32768) >> 16 = -10: low byte 246, saturated 0.
+    // (200*98304 - 10*32768 + 32768) >> 16 = 295: low byte 39, saturated 255.
+    const uint8_t a[2] = {10, 200}, b[2] = {50, 10}, low[2] = {246, 39}, sat[2] = {0, 255};
+    for (int k = 0; k < 2; ++k) {
+        for (int N = 1; N <= 4; ++N) {
+            Bytes src(static_cast<size_t>(4) * 2 * N, 0);
+            for (int row = 0; row < 2; ++row)
+                for (int c = 0; c < N; ++c) {
+                    src[(row * 4 + 0) * N + c] = a[k];
+                    src[(row * 4 + 1) * N + c] = b[k];
+                }
+            Bytes dst(static_cast<size_t>(4) * N, 1);
+            kFixedWarp[N](2, 4, 4 * N, N, 1, 4, 4 * N, dst.data(), src.data(), M, 0);
+            for (int c = 0; c < N; ++c) EXPECT_EQ(dst[c], N == 4 ? sat[k] : low[k]) << "C" << N;
+        }
+    }
+}
+
+TEST(FixedWarpCases, BorderBytesPerChannelCount) {
+    const float away[6] = {1, 0, 1000.0f, 0, 1, 0};
+    const Bytes src(8 * 8 * 4, 200);
+    // One channel: border 0 keeps old content, 128 pre-fills the whole area.
+    Bytes one(10 * 3, 5);
+    kit::warpaffine_linear_SSE_C1(8, 8, 8, 1, 3, 10, 10, one.data(), src.data(), away, 0);
+    EXPECT_EQ(one, Bytes(30, 5));
+    kit::warpaffine_linear_SSE_C1(8, 8, 8, 1, 3, 10, 10, one.data(), src.data(), away, 0xFFFFFF80u);
+    EXPECT_EQ(one, Bytes(30, 128));
+    // Three channels: bytes 0, 1, 2 of the word; only the ten columns asked for.
+    Bytes three(3 * 33, 5);
+    kit::warpaffine_linear_SSE_C3(8, 8, 24, 3, 3, 10, 33, three.data(), src.data(), away, 0x99332211u);
+    for (int y = 0; y < 3; ++y) {
+        for (int x = 0; x < 10; ++x) {
+            EXPECT_EQ(three[y * 33 + x * 3 + 0], 17);
+            EXPECT_EQ(three[y * 33 + x * 3 + 1], 34);
+            EXPECT_EQ(three[y * 33 + x * 3 + 2], 51);
+        }
+        for (int p = 30; p < 33; ++p) EXPECT_EQ(three[y * 33 + p], 5) << "stride padding written";
+    }
+    Bytes two(2 * 10, 5), four(4 * 10, 5);
+    kit::warpaffine_linear_SSE_C2(8, 8, 16, 2, 1, 10, 20, two.data(), src.data(), away, 0x99332211u);
+    kit::warpaffine_linear_SSE_C4(8, 8, 32, 4, 1, 10, 40, four.data(), src.data(), away, 0x99332211u);
+    for (int x = 0; x < 10; ++x) {
+        EXPECT_EQ(two[2 * x], 0x11);
+        EXPECT_EQ(two[2 * x + 1], 0x22);
+        EXPECT_EQ(four[4 * x], 0x11);
+        EXPECT_EQ(four[4 * x + 1], 0x22);
+        EXPECT_EQ(four[4 * x + 2], 0x33);
+        EXPECT_EQ(four[4 * x + 3], 0x99);
+    }
+}
+
+TEST(FixedWarpCases, WidthTenWritesTenColumnsOnly) {
+    // A shift by one column copies; columns 10.. of the row stay untouched.
+    for (int N = 1; N <= 4; ++N) {
+        std::mt19937 rng(N);
+        const Bytes src = RandomBytes(rng, static_cast<size_t>(20) * 3 * N);
+        const float M[6] = {1, 0, 1, 0, 1, 0};
+        Bytes dst(static_cast<size_t>(16) * 2 * N, 0xEE);
+        kFixedWarp[N](3, 20, 20 * N, N, 2, 10, 16 * N, dst.data(), src.data(), M, 0x01010101u);
+        for (int y = 0; y < 2; ++y) {
+            for (int i = 0; i < 10 * N; ++i) ASSERT_EQ(dst[y * 16 * N + i], src[y * 20 * N + N + i]);
+            const uint8_t pad = N == 1 ? 0x01 : 0xEE;  // the one-channel pre-fill covers the stride
+            for (int i = 10 * N; i < 16 * N; ++i) ASSERT_EQ(dst[y * 16 * N + i], pad);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Scalar float samplers
+// ---------------------------------------------------------------------------
+
+class FloatWarp : public ::testing::TestWithParam<int> {};
+
+TEST_P(FloatWarp, MatchesPlainDefinitionOnRandomMatrices) {
+    const int K = GetParam();
+    std::mt19937 rng(99 + K);
+    std::uniform_int_distribution<int> size(1, 53);
+    for (int trial = 0; trial < 500; ++trial) {
+        const int sw = size(rng), sh = size(rng), dw = size(rng), dh = size(rng);
+        std::vector<float> M = RandomInverseMatrix(rng, sw, sh);
+        const uint8_t border = static_cast<uint8_t>(kBorderWords[trial % 6] >> 8);
+        const Bytes src = RandomBytes(rng, static_cast<size_t>(sw) * sh * K);
+        Bytes got(static_cast<size_t>(dw) * dh * K + 16, 3), want = got;
+        kFloatWarp[K](src.data(), sw, sh, got.data(), dw, dh, border, M.data());
+        RefFloatWarp(K, src.data(), sw, sh, want.data(), dw, dh, border, M.data());
+        ASSERT_EQ(got, want) << "c" << K << " trial " << trial;
+    }
+}
+
+TEST_P(FloatWarp, CloseToOpenCVOnSmoothImages) {
+    // Truncation instead of rounding costs at most one level; OpenCV's 1/32
+    // positions at most one more on this gradient.
+    const int K = GetParam();
+    const int sw = 90, sh = 64, dw = 77, dh = 59;
+    cv::Mat src(sh, sw, CV_8UC(K));
+    for (int y = 0; y < sh; ++y)
+        for (int x = 0; x < sw; ++x)
+            for (int c = 0; c < K; ++c) src.ptr<uint8_t>(y)[x * K + c] = static_cast<uint8_t>(20 + x + y + 11 * c);
+    float M[6] = {1.1f, 0.2f, 3.0f, -0.25f, 0.9f, 20.0f};
+    cv::Mat ours(dh, dw, CV_8UC(K)), peer;
+    kFloatWarp[K](src.data, sw, sh, ours.data, dw, dh, 0, M);
+    cv::warpAffine(src, peer, cv::Matx23f(M[0], M[1], M[2], M[3], M[4], M[5]), cv::Size(dw, dh),
+                   cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_CONSTANT);
+    int worst = 0, compared = 0;
+    for (int y = 0; y < dh; ++y)
+        for (int x = 0; x < dw; ++x) {
+            const float sx = M[0] * x + M[1] * y + M[2], sy = M[3] * x + M[4] * y + M[5];
+            if (!(sx > 0.5f && sx < sw - 2.5f && sy > 0.5f && sy < sh - 2.5f)) continue;
+            ++compared;
+            for (int c = 0; c < K; ++c)
+                worst = std::max(worst, std::abs(ours.ptr<uint8_t>(y)[x * K + c] - peer.ptr<uint8_t>(y)[x * K + c]));
+        }
+    EXPECT_GT(compared, dw * dh / 2);
+    EXPECT_LE(worst, 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Channels, FloatWarp, ::testing::Values(1, 2, 3, 4));
+
+TEST(FloatWarpCases, IdentityAndOutsideAndEmpty) {
+    std::mt19937 rng(8);
+    const int w = 11, h = 7;
+    float I[6] = {1, 0, 0, 0, 1, 0};
+    float away[6] = {1, 0, -50.0f, 0, 1, 0};
+    for (int K = 1; K <= 4; ++K) {
+        const Bytes src = RandomBytes(rng, static_cast<size_t>(w) * h * K);
+        Bytes dst(src.size(), 0);
+        kFloatWarp[K](src.data(), w, h, dst.data(), w, h, 201, I);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                for (int c = 0; c < K; ++c) {
+                    const size_t i = (static_cast<size_t>(y) * w + x) * K + c;
+                    ASSERT_EQ(dst[i], (x == w - 1 || y == h - 1) ? 201 : src[i]);
+                }
+        kFloatWarp[K](src.data(), w, h, dst.data(), w, h, 42, away);
+        EXPECT_EQ(dst, Bytes(src.size(), 42));
+        // A point just left of column 0 takes column 0 whole: no extrapolation here.
+        float shift[6] = {1, 0, -0.5f, 0, 1, 0};
+        kFloatWarp[K](src.data(), w, h, dst.data(), w, h, 0, shift);
+        for (int c = 0; c < K; ++c) EXPECT_EQ(dst[c], src[c]);
+        // No rows: nothing written.
+        Bytes none(4, 77);
+        kFloatWarp[K](src.data(), w, h, none.data(), 5, 0, 0, I);
+        kFloatWarp[K](src.data(), w, h, none.data(), 0, 5, 0, I);
+        EXPECT_EQ(none, Bytes(4, 77));
+    }
+}
+
+TEST(FloatWarpCases, TruncatesAndSaturates) {
+    // Halfway between 100 and 101 is 100.5: stored as 100, never rounded up.
+    const uint8_t src[2 * 2] = {100, 101, 100, 101};
+    float M[6] = {1, 0, 0.5f, 0, 1, 0};
+    uint8_t dst[1] = {0};
+    kit::affine_inv_image_bilinear_c1(src, 2, 2, dst, 1, 1, 0, M);
+    EXPECT_EQ(dst[0], 100);
+    const uint8_t white[2 * 2] = {255, 255, 255, 255};
+    float Q[6] = {1, 0, 0.3f, 0, 1, 0.7f};
+    kit::affine_inv_image_bilinear_c1(white, 2, 2, dst, 1, 1, 0, Q);
+    EXPECT_EQ(dst[0], 255);
+}
+
+// ---------------------------------------------------------------------------
+// Image dispatchers
+// ---------------------------------------------------------------------------
+
+struct Plane {
+    size_t offset;
+    int w, h, channels;
+};
+
+// Plane layout of a frame, as the dispatchers are to see it.
+std::vector<Plane> PlanesOf(uint32_t fmt, int w, int h) {
+    const size_t n = static_cast<size_t>(w) * h;
+    switch (fmt) {
+        case QVN_PIX_FMT_BGRA8888:
+        case QVN_PIX_FMT_RGBA8888: return {{0, w, h, 4}};
+        case QVN_PIX_FMT_RGB888:
+        case QVN_PIX_FMT_BGR888: return {{0, w, h, 3}};
+        case QVN_PIX_FMT_GRAY8: return {{0, w, h, 1}};
+        case QVN_PIX_FMT_YUV420SP_C:
+        case QVN_PIX_FMT_YUV420SP_D: return {{0, w, h, 1}, {n, w / 2, h / 2, 2}};
+        case QVN_PIX_FMT_YUV420_A:
+            return {{0, w, h, 1}, {n, w / 2, h / 2, 1}, {n + static_cast<size_t>(w / 2) * (h / 2), w / 2, h / 2, 1}};
+        default: return {};
+    }
+}
+
+size_t BytesOf(uint32_t fmt, int w, int h) {
+    size_t total = 0;
+    for (const Plane& p : PlanesOf(fmt, w, h)) total = std::max(total, p.offset + static_cast<size_t>(p.w) * p.h * p.channels);
+    return total;
+}
+
+const uint32_t kWarpFormats[] = {QVN_PIX_FMT_BGRA8888, QVN_PIX_FMT_RGBA8888, QVN_PIX_FMT_RGB888, QVN_PIX_FMT_BGR888,
+                                 QVN_PIX_FMT_GRAY8,    QVN_PIX_FMT_YUV420SP_C, QVN_PIX_FMT_YUV420SP_D,
+                                 QVN_PIX_FMT_YUV420_A};
+
+QVN_Image MakeImage(uint32_t fmt, int w, int h, uint8_t* data) {
+    QVN_Image img{};
+    img.pix_fmt = fmt;
+    img.width = w;
+    img.height = h;
+    img.data = data;
+    return img;
+}
+
+TEST(WarpDispatch, EveryFormatPlaneByPlane) {
+    std::mt19937 rng(2024);
+    const int sw = 37, sh = 29, dw = 23, dh = 19;  // odd sizes: halves round toward zero
+    float M[6] = {0.93f, 0.41f, -3.5f, -0.38f, 1.07f, 9.25f};
+    const float Mc[6] = {M[0], M[1], 0.5f * M[2], M[3], M[4], 0.5f * M[5]};
+    for (uint32_t fmt : kWarpFormats) {
+        Bytes src = RandomBytes(rng, BytesOf(fmt, sw, sh));
+        const size_t dbytes = BytesOf(fmt, dw, dh);
+        Bytes got_f(dbytes + 8, 0x5A), got_v(dbytes + 8, 0x5A);
+        QVN_Image s = MakeImage(fmt, sw, sh, src.data());
+        QVN_Image d = MakeImage(fmt, dw, dh, got_f.data());
+        kit::affine_inv_qvimage_bilinear(&s, &d, 17, M);
+        d.data = got_v.data();
+        const unsigned border = 0x00CCBB11u;
+        kit::AffineInvQvimageBilinearSSE(&s, &d, border, M);
+
+        Bytes want_f(dbytes + 8, 0x5A), want_v(dbytes + 8, 0x5A);
+        const auto sp = PlanesOf(fmt, sw, sh), dp = PlanesOf(fmt, dw, dh);
+        for (size_t k = 0; k < sp.size(); ++k) {
+            const float* m = k == 0 ? M : Mc;
+            // Scalar: chroma planes use 128. Vector: byte 1 for the first
+            // chroma component, byte 2 for the second, both in one word for
+            // interleaved pairs.
+            const uint8_t fb = k == 0 ? 17 : 128;
+            const unsigned vb = k == 0 ? border : (sp[k].channels == 2 ? 0xCCBBu : (k == 1 ? 0xBBu : 0xCCu));
+            const int C = sp[k].channels;
+            RefFloatWarp(C, src.data() + sp[k].offset, sp[k].w, sp[k].h, want_f.data() + dp[k].offset, dp[k].w,
+                         dp[k].h, fb, m);
+            RefFixedWarp(C, sp[k].h, sp[k].w, sp[k].w * C, dp[k].h, dp[k].w, dp[k].w * C,
+                         want_v.data() + dp[k].offset, src.data() + sp[k].offset, m, vb);
+        }
+        EXPECT_EQ(got_f, want_f) << "scalar, format " << fmt;
+        EXPECT_EQ(got_v, want_v) << "vector, format " << fmt;
+    }
+}
+
+TEST(WarpDispatch, ChromaBordersWhenEverythingIsOutside) {
+    const int w = 8, h = 6;
+    float away[6] = {1, 0, 500.0f, 0, 1, 500.0f};
+    for (uint32_t fmt : {QVN_PIX_FMT_YUV420SP_C, QVN_PIX_FMT_YUV420SP_D, QVN_PIX_FMT_YUV420_A}) {
+        Bytes src(BytesOf(fmt, w, h), 9), dst(src.size(), 0);
+        QVN_Image s = MakeImage(fmt, w, h, src.data()), d = MakeImage(fmt, w, h, dst.data());
+        kit::affine_inv_qvimage_bilinear(&s, &d, 3, away);
+        const size_t n = static_cast<size_t>(w) * h;
+        for (size_t i = 0; i < dst.size(); ++i) ASSERT_EQ(dst[i], i < n ? 3 : 128) << "scalar, format " << fmt;
+
+        kit::AffineInvQvimageBilinearSSE(&s, &d, 0x00605040u, away);
+        for (size_t i = 0; i < n; ++i) ASSERT_EQ(dst[i], 0x40);
+        for (size_t i = n; i < dst.size(); ++i) {
+            const size_t k = i - n;
+            const bool first = fmt == QVN_PIX_FMT_YUV420_A ? k < n / 4 : k % 2 == 0;
+            ASSERT_EQ(dst[i], first ? 0x50 : 0x60) << "vector, format " << fmt << " byte " << i;
+        }
+    }
+}
+
+TEST(WarpDispatch, UnsupportedFormatsAreLoggedAndLeaveDestination) {
+    for (uint32_t fmt : {0u, 2u, 3u, 4u, 12u, 13u, 14u, 15u}) {
+        Bytes src(64 * 4, 1), dst(64 * 4, 0xAB);
+        QVN_Image s = MakeImage(fmt, 8, 8, src.data()), d = MakeImage(fmt, 8, 8, dst.data());
+        float I[6] = {1, 0, 0, 0, 1, 0};
+        LogCapture log;
+        kit::affine_inv_qvimage_bilinear(&s, &d, 0, I);
+        kit::AffineInvQvimageBilinearSSE(&s, &d, 0x7F7F7F7Fu, I);
+        const std::vector<std::string> want(2, "unsupported image pixel format for affine_inv_qvimage_bilinear");
+        EXPECT_EQ(log.Take(), want) << "format " << fmt;
+        EXPECT_EQ(dst, Bytes(64 * 4, 0xAB));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Planar to interleaved
+// ---------------------------------------------------------------------------
+
+// The definition, one pixel at a time in increasing order; on overlapping
+// buffers this order is what fixes the result.
+void RefInterleave(int planes, const uint8_t* src, uint8_t* dst, int n) {
+    for (int i = 0; i < n; ++i)
+        for (int p = 0; p < planes; ++p) dst[planes * i + p] = src[static_cast<size_t>(p) * n + i];
+}
+
+int Interleave(int planes, QVN_Image* s, QVN_Image* d) {
+    return planes == 3 ? kit::post_getRGB_HWC_from_RGB_CHW(s, d) : kit::post_getRGBA_HWC_from_RGBA_CHW(s, d);
+}
+
+TEST(PlanarToInterleaved, SeparateBuffersAroundThe32PixelStep) {
+    std::mt19937 rng(31);
+    for (int planes : {3, 4}) {
+        for (int n : {1, 2, 15, 16, 31, 32, 33, 47, 63, 64, 65, 96, 97, 1031}) {
+            const Bytes src = RandomBytes(rng, static_cast<size_t>(n) * planes);
+            Bytes got(static_cast<size_t>(n) * planes + 5, 0xCD), want = got;
+            QVN_Image s = MakeImage(QVN_PIX_FMT_RGB888, n, 1, const_cast<uint8_t*>(src.data()));
+            QVN_Image d = MakeImage(QVN_PIX_FMT_UNKNOW, 0, 0, got.data());
+            const QVN_Image d_before = d;
+            EXPECT_EQ(Interleave(planes, &s, &d), 0);
+            RefInterleave(planes, src.data(), want.data(), n);
+            ASSERT_EQ(got, want) << planes << " planes, " << n << " pixels";
+            EXPECT_EQ(std::memcmp(&d, &d_before, sizeof d), 0) << "destination fields are not touched";
+        }
+    }
+}
+
+TEST(PlanarToInterleaved, OverlappingBuffersGoPixelByPixel) {
+    std::mt19937 rng(32);
+    for (int planes : {3, 4}) {
+        for (int n : {7, 32, 33, 70}) {
+            for (int shift : {0, 1, 5, 40, -3}) {
+                // One buffer holds the planes and, shifted, the interleaved output.
+                const size_t len = static_cast<size_t>(n) * planes;
+                Bytes got = RandomBytes(rng, len + 80);
+                Bytes want = got;
+                const size_t src_at = 40, dst_at = static_cast<size_t>(40 + shift);
+                QVN_Image s = MakeImage(QVN_PIX_FMT_RGB888, n, 1, got.data() + src_at);
+                QVN_Image d = MakeImage(QVN_PIX_FMT_RGB888, n, 1, got.data() + dst_at);
+                EXPECT_EQ(Interleave(planes, &s, &d), 0);
+                RefInterleave(planes, want.data() + src_at, want.data() + dst_at, n);
+                ASSERT_EQ(got, want) << planes << " planes, " << n << " pixels, shift " << shift;
+            }
+        }
+    }
+}
+
+TEST(PlanarToInterleaved, NoPixelsNothingDone) {
+    Bytes src(16, 1), dst(16, 2);
+    for (int planes : {3, 4}) {
+        QVN_Image s = MakeImage(QVN_PIX_FMT_RGB888, 0, 4, src.data()), d = MakeImage(QVN_PIX_FMT_RGB888, 0, 4, dst.data());
+        EXPECT_EQ(Interleave(planes, &s, &d), 0);
+        s.width = -2;  // a negative product counts as empty too
+        EXPECT_EQ(Interleave(planes, &s, &d), 0);
+        EXPECT_EQ(dst, Bytes(16, 2));
+    }
+}
+
+}  // namespace
