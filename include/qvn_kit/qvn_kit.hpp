@@ -23,7 +23,7 @@ class Matrix;
 namespace quvas {
 namespace runtime {
 class Tensor;
-class Context;
+struct Context;
 }  // namespace runtime
 namespace kernel {
 class ImageProcessFallback;

@@ -141,7 +141,7 @@ public:
     DeviceCPU& operator=(const DeviceCPU&) = delete;
 
     // Owned storage; `data` (when not null) is copied in, otherwise the
-    // storage is zero-filled.
+    // storage is left uninitialised (fill it yourself if you read it first).
     TensorPtr CreateTensor(const TensorShape& shape, const void* data);
     // Wraps `data` (which must hold shape.ByteSize() bytes); never frees it.
     TensorPtr CreateTensorExternal(const TensorShape& shape, void* data);

@@ -1,0 +1,388 @@
+// Frame to network input: the kit's converters beside OpenCV, single-threaded.
+//
+// Workload: a 1920 x 1080 frame, the upright region 1000 x 1000 at (400, 40),
+// resized to 256 x 256, a quarter turn undone (ori_fmt 2: turned clockwise by
+// 90 degrees), planar R,G,B bytes. The frame is stored turned, so the region
+// lies at (40, -320) of the sensor image and its upper third is padding.
+//
+// NV21 here is pix_fmt 9: luma, then chroma pairs in memory order V, U (its
+// colour matrix takes the first chroma byte as V).
+//
+// Two OpenCV pipelines give the same tensor shape:
+//  - "Steps": the same steps as the kit (padded crop copy, resize, rotate,
+//    colour last on the small image);
+//  - "Warp": one inverse-mapped bilinear warp per plane that crops, pads,
+//    resizes and turns at once, reading only the pixels it needs.
+// OpenCV converts NV21 with its own BT.601 video-range weights, so its bytes
+// differ from the kit's matrix; the work per pixel is the same.
+//
+// The Step_* benchmarks time each core kernel of the kit's path on its own,
+// with the tensors made beforehand; Alloc_* time making a zero-filled owned
+// tensor of that size.
+#include <qvn_kit/qvn_kit.hpp>
+
+#include <quvas/qvn_core.h>
+
+#include <benchmark/benchmark.h>
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <vector>
+
+namespace {
+
+using quvas::kit::TensorPtr;
+using quvas::runtime::DeviceCPU;
+using quvas::runtime::TensorShape;
+namespace F = quvas::kernel::functional;
+
+constexpr int kW = 1920, kH = 1080;
+constexpr int kCropX = 400, kCropY = 40, kCropSize = 1000;
+constexpr int kOut = 256;
+constexpr uint32_t kOri = QVN_ORIENT_FMT_ROTATE_90L;
+// The frame-space box of the upright region for ori 2 (x' = y, y' = H-1-x).
+constexpr int kFx = kCropY, kFy = (kH - 1) - (kCropX + kCropSize - 1);
+
+struct Setup {
+    Setup() {
+        cv::setNumThreads(1);
+        std::mt19937 rng(1);
+        nv21.resize(static_cast<size_t>(kW) * kH * 3 / 2);
+        bgra.resize(static_cast<size_t>(kW) * kH * 4);
+        for (uint8_t& b : nv21) b = static_cast<uint8_t>(rng() >> 24);
+        for (uint8_t& b : bgra) b = static_cast<uint8_t>(rng() >> 24);
+    }
+    QVN_Image Image(uint32_t fmt) {
+        QVN_Image img{};
+        img.ori_fmt = kOri;
+        img.pix_fmt = fmt;
+        img.width = kW;
+        img.height = kH;
+        img.channels = fmt == QVN_PIX_FMT_BGRA8888 ? 4 : 1;
+        img.rect = {0.f, 0.f, 1.f, 1.f};
+        img.data = fmt == QVN_PIX_FMT_BGRA8888 ? bgra.data() : nv21.data();
+        return img;
+    }
+    std::vector<uint8_t> nv21, bgra;
+    DeviceCPU device;
+};
+
+Setup& S() {
+    static Setup setup;
+    return setup;
+}
+
+// ---------------------------------------------------------------------------
+// The kit.
+// ---------------------------------------------------------------------------
+
+void BM_Kit_NV21_Planar(benchmark::State& state) {
+    QVN_Image img = S().Image(QVN_PIX_FMT_YUV420SP_D);
+    TensorPtr out = S().device.CreateTensor(TensorShape({3, kOut, kOut}, 7, 0), nullptr);
+    for (auto _ : state) {
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &img, out, false, kCropX, kCropY, kCropSize, kCropSize, 0);
+        benchmark::DoNotOptimize(out->data());
+    }
+}
+
+void BM_Kit_BGRA_Planar(benchmark::State& state) {
+    QVN_Image img = S().Image(QVN_PIX_FMT_BGRA8888);
+    TensorPtr out = S().device.CreateTensor(TensorShape({3, kOut, kOut}, 7, 0), nullptr);
+    for (auto _ : state) {
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &img, out, false, kCropX, kCropY, kCropSize, kCropSize, 0);
+        benchmark::DoNotOptimize(out->data());
+    }
+}
+
+void BM_Kit_NV21_Gray(benchmark::State& state) {
+    QVN_Image img = S().Image(QVN_PIX_FMT_YUV420SP_D);
+    TensorPtr out = S().device.CreateTensor(TensorShape({kOut, kOut, 1}, 7, 1), nullptr);
+    for (auto _ : state) {
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+            &img, out, kCropX, kCropY, kCropSize, kCropSize, 0);
+        benchmark::DoNotOptimize(out->data());
+    }
+}
+
+void BM_Kit_BGRA_Gray(benchmark::State& state) {
+    QVN_Image img = S().Image(QVN_PIX_FMT_BGRA8888);
+    TensorPtr out = S().device.CreateTensor(TensorShape({kOut, kOut, 1}, 7, 1), nullptr);
+    for (auto _ : state) {
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+            &img, out, kCropX, kCropY, kCropSize, kCropSize, 0);
+        benchmark::DoNotOptimize(out->data());
+    }
+}
+
+// ---------------------------------------------------------------------------
+// OpenCV.
+// ---------------------------------------------------------------------------
+
+// The padded crop: the part inside the frame copied, the rest constant.
+cv::Mat PaddedCrop(const cv::Mat& src, int x, int y, int w, int h) {
+    const cv::Rect inside = cv::Rect(x, y, w, h) & cv::Rect(0, 0, src.cols, src.rows);
+    cv::Mat out;
+    cv::copyMakeBorder(src(inside), out, inside.y - y, y + h - inside.y - inside.height,
+                       inside.x - x, x + w - inside.x - inside.width, cv::BORDER_CONSTANT,
+                       cv::Scalar::all(0));
+    return out;
+}
+
+// Pixel (row i, column j) of the turned output is pixel (row out-1-j, column
+// i) of the resized crop; its centre, mapped back into the frame, gives the
+// inverse affine map of one plane.
+cv::Mat TurnedCropMap(double fx, double fy, double crop, int out) {
+    const double s = crop / out;
+    cv::Mat m = (cv::Mat_<double>(2, 3) << 0, s, fx + 0.5 * s - 0.5,  //
+                 -s, 0, fy + (out - 0.5) * s - 0.5);
+    return m;
+}
+
+cv::Mat CropMap(double fx, double fy, double crop, int out) {
+    const double s = crop / out;
+    return (cv::Mat_<double>(2, 3) << s, 0, fx + 0.5 * s - 0.5, 0, s, fy + 0.5 * s - 0.5);
+}
+
+void SplitInto(const cv::Mat& rgb, uint8_t* planes) {
+    cv::Mat out[3] = {cv::Mat(kOut, kOut, CV_8UC1, planes),
+                      cv::Mat(kOut, kOut, CV_8UC1, planes + kOut * kOut),
+                      cv::Mat(kOut, kOut, CV_8UC1, planes + 2 * kOut * kOut)};
+    cv::split(rgb, out);
+}
+
+void BM_CV_NV21_Planar_Steps(benchmark::State& state) {
+    cv::Mat y(kH, kW, CV_8UC1, S().nv21.data());
+    cv::Mat uv(kH / 2, kW / 2, CV_8UC2, S().nv21.data() + kW * kH);
+    std::vector<uint8_t> out(3 * kOut * kOut);
+    cv::Mat yr, uvr, yt, uvt, rgb;
+    for (auto _ : state) {
+        cv::resize(PaddedCrop(y, kFx, kFy, kCropSize, kCropSize), yr, cv::Size(kOut, kOut), 0, 0,
+                   cv::INTER_LINEAR);
+        cv::resize(PaddedCrop(uv, kFx / 2, kFy / 2, kCropSize / 2, kCropSize / 2), uvr,
+                   cv::Size(kOut / 2, kOut / 2), 0, 0, cv::INTER_LINEAR);
+        cv::rotate(yr, yt, cv::ROTATE_90_CLOCKWISE);
+        cv::rotate(uvr, uvt, cv::ROTATE_90_CLOCKWISE);
+        cv::cvtColorTwoPlane(yt, uvt, rgb, cv::COLOR_YUV2RGB_NV21);
+        SplitInto(rgb, out.data());
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+
+void BM_CV_NV21_Planar_Warp(benchmark::State& state) {
+    cv::Mat y(kH, kW, CV_8UC1, S().nv21.data());
+    cv::Mat uv(kH / 2, kW / 2, CV_8UC2, S().nv21.data() + kW * kH);
+    const cv::Mat my = TurnedCropMap(kFx, kFy, kCropSize, kOut);
+    const cv::Mat muv = TurnedCropMap(kFx / 2, kFy / 2, kCropSize / 2, kOut / 2);
+    std::vector<uint8_t> out(3 * kOut * kOut);
+    cv::Mat yt, uvt, rgb;
+    for (auto _ : state) {
+        cv::warpAffine(y, yt, my, cv::Size(kOut, kOut), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
+                       cv::BORDER_CONSTANT, cv::Scalar::all(0));
+        cv::warpAffine(uv, uvt, muv, cv::Size(kOut / 2, kOut / 2),
+                       cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_CONSTANT,
+                       cv::Scalar::all(0));
+        cv::cvtColorTwoPlane(yt, uvt, rgb, cv::COLOR_YUV2RGB_NV21);
+        SplitInto(rgb, out.data());
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+
+// B,G,R,A bytes to R, G, B planes in one pass.
+void BgraToPlanes(const cv::Mat& bgra, uint8_t* planes) {
+    cv::Mat out[3] = {cv::Mat(kOut, kOut, CV_8UC1, planes),
+                      cv::Mat(kOut, kOut, CV_8UC1, planes + kOut * kOut),
+                      cv::Mat(kOut, kOut, CV_8UC1, planes + 2 * kOut * kOut)};
+    const int from_to[] = {2, 0, 1, 1, 0, 2};
+    cv::mixChannels(&bgra, 1, out, 3, from_to, 3);
+}
+
+void BM_CV_BGRA_Planar_Steps(benchmark::State& state) {
+    cv::Mat in(kH, kW, CV_8UC4, S().bgra.data());
+    std::vector<uint8_t> out(3 * kOut * kOut);
+    cv::Mat r, t;
+    for (auto _ : state) {
+        cv::resize(PaddedCrop(in, kFx, kFy, kCropSize, kCropSize), r, cv::Size(kOut, kOut), 0, 0,
+                   cv::INTER_LINEAR);
+        cv::rotate(r, t, cv::ROTATE_90_CLOCKWISE);
+        BgraToPlanes(t, out.data());
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+
+void BM_CV_BGRA_Planar_Warp(benchmark::State& state) {
+    cv::Mat in(kH, kW, CV_8UC4, S().bgra.data());
+    const cv::Mat m = TurnedCropMap(kFx, kFy, kCropSize, kOut);
+    std::vector<uint8_t> out(3 * kOut * kOut);
+    cv::Mat t;
+    for (auto _ : state) {
+        cv::warpAffine(in, t, m, cv::Size(kOut, kOut), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
+                       cv::BORDER_CONSTANT, cv::Scalar::all(0));
+        BgraToPlanes(t, out.data());
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+
+// Gray is not turned: the region is resized as it lies in the frame.
+void BM_CV_NV21_Gray_Steps(benchmark::State& state) {
+    cv::Mat y(kH, kW, CV_8UC1, S().nv21.data());
+    cv::Mat out(kOut, kOut, CV_8UC1);
+    for (auto _ : state) {
+        cv::resize(PaddedCrop(y, kFx, kFy, kCropSize, kCropSize), out, out.size(), 0, 0,
+                   cv::INTER_LINEAR);
+        benchmark::DoNotOptimize(out.data);
+    }
+}
+
+void BM_CV_NV21_Gray_Warp(benchmark::State& state) {
+    cv::Mat y(kH, kW, CV_8UC1, S().nv21.data());
+    const cv::Mat m = CropMap(kFx, kFy, kCropSize, kOut);
+    cv::Mat out(kOut, kOut, CV_8UC1);
+    for (auto _ : state) {
+        cv::warpAffine(y, out, m, out.size(), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
+                       cv::BORDER_CONSTANT, cv::Scalar::all(0));
+        benchmark::DoNotOptimize(out.data);
+    }
+}
+
+void BM_CV_BGRA_Gray_Steps(benchmark::State& state) {
+    cv::Mat in(kH, kW, CV_8UC4, S().bgra.data());
+    cv::Mat r, out(kOut, kOut, CV_8UC1);
+    for (auto _ : state) {
+        cv::resize(PaddedCrop(in, kFx, kFy, kCropSize, kCropSize), r, cv::Size(kOut, kOut), 0, 0,
+                   cv::INTER_LINEAR);
+        cv::cvtColor(r, out, cv::COLOR_BGRA2GRAY);
+        benchmark::DoNotOptimize(out.data);
+    }
+}
+
+void BM_CV_BGRA_Gray_Warp(benchmark::State& state) {
+    cv::Mat in(kH, kW, CV_8UC4, S().bgra.data());
+    const cv::Mat m = CropMap(kFx, kFy, kCropSize, kOut);
+    cv::Mat r, out(kOut, kOut, CV_8UC1);
+    for (auto _ : state) {
+        cv::warpAffine(in, r, m, cv::Size(kOut, kOut), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
+                       cv::BORDER_CONSTANT, cv::Scalar::all(0));
+        cv::cvtColor(r, out, cv::COLOR_BGRA2GRAY);
+        benchmark::DoNotOptimize(out.data);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Where the kit's time goes: each core kernel of its path, alone.
+// ---------------------------------------------------------------------------
+
+TensorPtr Owned(std::vector<int32_t> dims) {
+    return S().device.CreateTensor(TensorShape(std::move(dims), 7, 1), nullptr);
+}
+
+void BM_Step_Alloc(benchmark::State& state) {
+    const int h = static_cast<int>(state.range(0)), w = h, c = static_cast<int>(state.range(1));
+    for (auto _ : state) {
+        TensorPtr t = Owned({h, w, c});
+        benchmark::DoNotOptimize(t->data());
+    }
+}
+
+void BM_Step_Crop(benchmark::State& state) {
+    const int c = static_cast<int>(state.range(0));  // 1 luma, 2 chroma, 4 BGRA
+    const int div = c == 2 ? 2 : 1;
+    uint8_t* data = c == 4 ? S().bgra.data()
+                           : S().nv21.data() + (c == 2 ? static_cast<size_t>(kW) * kH : 0);
+    TensorPtr src = S().device.CreateTensorExternal(
+        TensorShape({kH / div, kW / div, c}, 7, 1), data);
+    TensorPtr dst = Owned({kCropSize / div, kCropSize / div, c});
+    for (auto _ : state) {
+        F::F_Crop_U8_HWC_Memcpy(src, kFx / div, kFy / div, kCropSize / div, kCropSize / div, 0,
+                                dst);
+        benchmark::DoNotOptimize(dst->data());
+    }
+}
+
+void BM_Step_Resize(benchmark::State& state) {
+    const int c = static_cast<int>(state.range(0));
+    const int div = c == 2 ? 2 : 1;
+    TensorPtr src = Owned({kCropSize / div, kCropSize / div, c});
+    std::memset(src->data(), 77, src->byte_size());
+    TensorPtr dst = Owned({kOut / div, kOut / div, c});
+    for (auto _ : state) {
+        if (c == 1) F::F_Resize_Bilinear_HWC_U8_C1_Fallback(src, dst);
+        if (c == 2) F::F_Resize_Bilinear_HWC_U8_C2_Fallback(src, dst);
+        if (c == 4) F::F_Resize_Bilinear_HWC_U8_C4_Fallback(src, dst);
+        benchmark::DoNotOptimize(dst->data());
+    }
+}
+
+void BM_Step_Rotate90(benchmark::State& state) {
+    const int c = static_cast<int>(state.range(0));
+    const int div = c == 2 ? 2 : 1;
+    TensorPtr src = Owned({kOut / div, kOut / div, c});
+    TensorPtr dst = Owned({kOut / div, kOut / div, c});
+    for (auto _ : state) {
+        F::F_Rotate_Clockwise90_HWC_Fallback(src, dst);
+        benchmark::DoNotOptimize(dst->data());
+    }
+}
+
+void BM_Step_ColourYUV(benchmark::State& state) {
+    TensorPtr y = Owned({kOut, kOut, 1});
+    TensorPtr uv = Owned({kOut / 2, kOut / 2, 2});
+    TensorPtr out = S().device.CreateTensor(TensorShape({3, kOut, kOut}, 7, 0), nullptr);
+    auto m = std::make_shared<quvas::kernel::YUVCvtMatrix>();
+    const float row[10] = {1, 1.40625f, 0, -0.71875f, -0.34375f, 0, 2.078125f, 0, 0.5f, 0.5f};
+    std::memcpy(m->m, row, sizeof(row));
+    for (auto _ : state) {
+        F::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, m, out);
+        benchmark::DoNotOptimize(out->data());
+    }
+}
+
+void BM_Step_ColourBGRA(benchmark::State& state) {
+    TensorPtr src = Owned({kOut, kOut, 4});
+    TensorPtr out = S().device.CreateTensor(TensorShape({3, kOut, kOut}, 7, 0), nullptr);
+    for (auto _ : state) {
+        F::F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(src, out);
+        benchmark::DoNotOptimize(out->data());
+    }
+}
+
+void BM_Step_GrayBGRA(benchmark::State& state) {
+    TensorPtr src = Owned({kOut, kOut, 4});
+    TensorPtr out = Owned({kOut, kOut, 1});
+    for (auto _ : state) {
+        F::F_ColorCvt_BGRA8888_To_Gray8_Fallback(src, out);
+        benchmark::DoNotOptimize(out->data());
+    }
+}
+
+}  // namespace
+
+BENCHMARK(BM_Kit_NV21_Planar)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_NV21_Planar_Steps)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_NV21_Planar_Warp)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit_BGRA_Planar)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_BGRA_Planar_Steps)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_BGRA_Planar_Warp)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit_NV21_Gray)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_NV21_Gray_Steps)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_NV21_Gray_Warp)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit_BGRA_Gray)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_BGRA_Gray_Steps)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_BGRA_Gray_Warp)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Step_Alloc)
+    ->Args({kCropSize, 1})
+    ->Args({kCropSize / 2, 2})
+    ->Args({kCropSize, 4})
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Step_Crop)->Arg(1)->Arg(2)->Arg(4)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Step_Resize)->Arg(1)->Arg(2)->Arg(4)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Step_Rotate90)->Arg(1)->Arg(2)->Arg(4)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Step_ColourYUV)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Step_ColourBGRA)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Step_GrayBGRA)->Unit(benchmark::kMicrosecond);
+
+BENCHMARK_MAIN();

@@ -1,0 +1,931 @@
+// Frame-to-tensor converters, checked three ways:
+//  - whole conversions against a reference built here step by step: crop with
+//    padding by OpenCV ROI copies, bilinear resize, turns and flips by
+//    cv::rotate / cv::flip, and colour by the scalar formula of the core's
+//    documented YUV matrix (or a plain byte pick for four-byte frames);
+//  - the core kernels that the kit calls, in order, with their sizes and the
+//    colour matrix value for value, seen through forwarding wrappers;
+//  - refusals, output checks with their exact messages, and exceptions that
+//    must leave nothing allocated (the leak check of AddressSanitizer).
+//
+// Resize is the one step whose rounding is the core's own. Each conversion is
+// compared twice: once with the core's bilinear kernel inside the reference
+// (that kernel is tested on its own; everything around it here is
+// independent), exactly or to the colour formula's rounding; and once with
+// OpenCV's INTER_LINEAR, to a tolerance that follows from a resize
+// difference of at most 2 per sample carried through the colour weights.
+#include <qvn_kit/qvn_kit.hpp>
+
+#include <quvas/qvn_core.h>
+
+#include <gtest/gtest.h>
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "log_capture.hpp"
+
+using quvas::kit::TensorPtr;
+using quvas::runtime::DeviceCPU;
+using quvas::runtime::Tensor;
+using quvas::runtime::TensorShape;
+
+// ---------------------------------------------------------------------------
+// Forwarding wrappers around the core kernels. The test program's definitions
+// take precedence over the core library's for every caller, the kit included;
+// each one notes the call (when a trace is open) and runs the real kernel.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+struct KernelCall {
+    std::string name;
+    std::vector<int32_t> src_dims, src2_dims, dst_dims;
+    uint8_t* src_data = nullptr;
+    uint8_t* src2_data = nullptr;
+    bool src_owned = false;
+    bool dst_owned = false;
+    Tensor* src = nullptr;
+    Tensor* dst = nullptr;
+    std::weak_ptr<Tensor> dst_ref;
+    int crop[5] = {0, 0, 0, 0, 0};  // x, y, w, h, pad
+    float matrix[10] = {};
+};
+
+std::vector<KernelCall>* g_trace = nullptr;
+
+template <typename Fn>
+Fn RealKernel(const char* mangled) {
+    void* fn = dlsym(RTLD_NEXT, mangled);
+    if (fn == nullptr) {
+        std::fprintf(stderr, "core kernel %s not found\n", mangled);
+        std::abort();
+    }
+    return reinterpret_cast<Fn>(fn);
+}
+
+void Note(const char* name, const TensorPtr& src, const TensorPtr& dst,
+          const TensorPtr* src2 = nullptr) {
+    if (g_trace == nullptr) return;
+    KernelCall call;
+    call.name = name;
+    call.src_dims = src->shape().dims;
+    call.src_data = src->data();
+    call.src_owned = src->owns_data();
+    call.src = src.get();
+    if (src2) {
+        call.src2_dims = (*src2)->shape().dims;
+        call.src2_data = (*src2)->data();
+    }
+    call.dst_dims = dst->shape().dims;
+    call.dst_owned = dst->owns_data();
+    call.dst = dst.get();
+    call.dst_ref = dst;
+    g_trace->push_back(call);
+}
+
+using Unary = void (*)(const TensorPtr&, const TensorPtr&);
+
+}  // namespace
+
+// Built with hidden visibility like everything here, the wrappers must be
+// exported explicitly to take the core's place.
+#define QVN_INTERPOSE __attribute__((visibility("default")))
+
+#define QVN_FORWARD_UNARY(fn, mangled)                                 \
+    QVN_INTERPOSE void fn(const TensorPtr& src, const TensorPtr& dst) {              \
+        static const Unary real = RealKernel<Unary>(mangled);          \
+        Note(#fn, src, dst);                                           \
+        real(src, dst);                                                \
+    }
+
+namespace quvas {
+namespace kernel {
+namespace functional {
+
+QVN_INTERPOSE void F_Crop_U8_HWC_Memcpy(const TensorPtr& src, int x, int y, int w, int h, uint8_t pad_value,
+                          const TensorPtr& dst) {
+    using Fn = void (*)(const TensorPtr&, int, int, int, int, uint8_t, const TensorPtr&);
+    static const Fn real = RealKernel<Fn>(
+        "_ZN5quvas6kernel10functional20F_Crop_U8_HWC_MemcpyERKSt10shared_ptrINS_"
+        "7runtime6TensorEEiiiihS7_");
+    Note("F_Crop_U8_HWC_Memcpy", src, dst);
+    if (g_trace) {
+        KernelCall& c = g_trace->back();
+        c.crop[0] = x, c.crop[1] = y, c.crop[2] = w, c.crop[3] = h, c.crop[4] = pad_value;
+    }
+    real(src, x, y, w, h, pad_value, dst);
+}
+
+QVN_INTERPOSE void F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(
+    const TensorPtr& y, const TensorPtr& uv, const std::shared_ptr<YUVCvtMatrix>& m,
+    const TensorPtr& dst) {
+    using Fn = void (*)(const TensorPtr&, const TensorPtr&, const std::shared_ptr<YUVCvtMatrix>&,
+                        const TensorPtr&);
+    static const Fn real = RealKernel<Fn>(
+        "_ZN5quvas6kernel10functional49F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_"
+        "FallbackERKSt10shared_ptrINS_7runtime6TensorEES7_RKS2_INS0_12YUVCvtMatrixEES7_");
+    Note("F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback", y, dst, &uv);
+    if (g_trace) std::memcpy(g_trace->back().matrix, m->m, sizeof(m->m));
+    real(y, uv, m, dst);
+}
+
+#define QVN_MANGLED(len, name) \
+    "_ZN5quvas6kernel10functional" #len #name "ERKSt10shared_ptrINS_7runtime6TensorEES7_"
+QVN_FORWARD_UNARY(F_Resize_Bilinear_HWC_U8_C1_Fallback,
+                  QVN_MANGLED(36, F_Resize_Bilinear_HWC_U8_C1_Fallback))
+QVN_FORWARD_UNARY(F_Resize_Bilinear_HWC_U8_C2_Fallback,
+                  QVN_MANGLED(36, F_Resize_Bilinear_HWC_U8_C2_Fallback))
+QVN_FORWARD_UNARY(F_Resize_Bilinear_HWC_U8_C4_Fallback,
+                  QVN_MANGLED(36, F_Resize_Bilinear_HWC_U8_C4_Fallback))
+QVN_FORWARD_UNARY(F_Rotate_Clockwise90_HWC_Fallback,
+                  QVN_MANGLED(33, F_Rotate_Clockwise90_HWC_Fallback))
+QVN_FORWARD_UNARY(F_Rotate_Clockwise180_HWC_Fallback,
+                  QVN_MANGLED(34, F_Rotate_Clockwise180_HWC_Fallback))
+QVN_FORWARD_UNARY(F_Rotate_Clockwise270_HWC_Fallback,
+                  QVN_MANGLED(34, F_Rotate_Clockwise270_HWC_Fallback))
+QVN_FORWARD_UNARY(F_HFlip_HWC_Fallback, QVN_MANGLED(20, F_HFlip_HWC_Fallback))
+QVN_FORWARD_UNARY(F_VFlip_HWC_Fallback, QVN_MANGLED(20, F_VFlip_HWC_Fallback))
+QVN_FORWARD_UNARY(F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback,
+                  QVN_MANGLED(51, F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback))
+QVN_FORWARD_UNARY(F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback,
+                  QVN_MANGLED(51, F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback))
+QVN_FORWARD_UNARY(F_ColorCvt_BGRA8888_To_Gray8_Fallback,
+                  QVN_MANGLED(37, F_ColorCvt_BGRA8888_To_Gray8_Fallback))
+
+}  // namespace functional
+}  // namespace kernel
+}  // namespace quvas
+
+namespace {
+
+namespace F = quvas::kernel::functional;
+
+const char* const kBadFormat = "Invaild pixel format of input image.";
+const char* const kBadType = "o_tensor must be a UInt8 DataType Tensor.";
+const char* const kBadLayout = "o_tensor must be a HWC Layout Tensor.";
+const char* const kBadLocation = "o_tensor must be a MainMemory Location Tensor.";
+
+bool IsYUV(uint32_t fmt) { return fmt == 2 || fmt == 3 || fmt == 8 || fmt == 9; }
+
+// A tightly packed frame, exactly as large as the planes the kit wraps, so
+// that any read past them is caught by AddressSanitizer.
+struct Frame {
+    QVN_Image img{};
+    std::vector<uint8_t> bytes;
+};
+
+Frame MakeFrame(uint32_t fmt, uint32_t ori, int w, int h, uint32_t seed) {
+    Frame f;
+    const size_t size = IsYUV(fmt) ? static_cast<size_t>(w) * h + (h / 2) * (w / 2) * 2
+                                   : static_cast<size_t>(w) * h * 4;
+    f.bytes.resize(size);
+    std::mt19937 rng(seed);
+    for (uint8_t& b : f.bytes) b = static_cast<uint8_t>(rng() >> 24);
+    f.img.ori_fmt = ori;
+    f.img.pix_fmt = fmt;
+    f.img.width = w;
+    f.img.height = h;
+    f.img.channels = IsYUV(fmt) ? 1 : 4;
+    f.img.rect = {0.f, 0.f, 1.f, 1.f};
+    f.img.data = f.bytes.data();
+    return f;
+}
+
+// ---------------------------------------------------------------------------
+// The reference.
+// ---------------------------------------------------------------------------
+
+// Where an upright crop box lies in the frame: the forward matrix of the
+// orientation word (the whole word selects a row; unlisted words are the
+// identity), applied to the four corners, bounding box taken.
+struct Box {
+    bool active = false;
+    int x = 0, y = 0, w = 0, h = 0;
+};
+
+Box FrameBox(const QVN_Image& img, int cx, int cy, int cw, int ch) {
+    Box box;
+    if (cw * ch <= 0) return box;
+    const float W = static_cast<float>(img.width) - 1.0f;
+    const float H = static_cast<float>(img.height) - 1.0f;
+    float m[6] = {1, 0, 0, 0, 1, 0};
+    auto set = [&m](float a, float b, float c, float d, float e, float f) {
+        m[0] = a, m[1] = b, m[2] = c, m[3] = d, m[4] = e, m[5] = f;
+    };
+    switch (img.ori_fmt) {
+        case 1: set(0, -1, W, 1, 0, 0); break;
+        case 2: set(0, 1, 0, -1, 0, H); break;
+        case 4: set(-1, 0, W, 0, -1, H); break;
+        case 8: case 20: set(1, 0, 0, 0, -1, H); break;
+        case 9: case 18: set(0, 1, 0, 1, 0, 0); break;
+        case 10: case 17: set(0, -1, W, -1, 0, H); break;
+        case 12: case 16: set(-1, 0, W, 0, 1, 0); break;
+        default: break;
+    }
+    const float xs[2] = {static_cast<float>(cx), static_cast<float>(cx + cw - 1)};
+    const float ys[2] = {static_cast<float>(cy), static_cast<float>(cy + ch - 1)};
+    float x0 = INFINITY, y0 = INFINITY, x1 = -INFINITY, y1 = -INFINITY;
+    for (float x : xs) {
+        for (float y : ys) {
+            const float tx = m[0] * x + m[1] * y + m[2];
+            const float ty = m[3] * x + m[4] * y + m[5];
+            x0 = std::min(x0, tx), x1 = std::max(x1, tx);
+            y0 = std::min(y0, ty), y1 = std::max(y1, ty);
+        }
+    }
+    box.active = true;
+    box.x = static_cast<int>(x0);
+    box.y = static_cast<int>(y0);
+    box.w = static_cast<int>(x1) - box.x + 1;
+    box.h = static_cast<int>(y1) - box.y + 1;
+    return box;
+}
+
+// The w x h window at (x, y); what lies outside the image is `pad`.
+cv::Mat CropPad(const cv::Mat& src, int x, int y, int w, int h, uint8_t pad) {
+    cv::Mat out(h, w, src.type(), cv::Scalar::all(pad));
+    const cv::Rect inside = cv::Rect(x, y, w, h) & cv::Rect(0, 0, src.cols, src.rows);
+    if (inside.area() > 0) {
+        src(inside).copyTo(out(cv::Rect(inside.x - x, inside.y - y, inside.width, inside.height)));
+    }
+    return out;
+}
+
+using Resizer = cv::Mat (*)(const cv::Mat&, int h, int w);
+
+cv::Mat ResizeOpenCV(const cv::Mat& src, int h, int w) {
+    cv::Mat dst;
+    cv::resize(src, dst, cv::Size(w, h), 0, 0, cv::INTER_LINEAR);
+    return dst;
+}
+
+cv::Mat ResizeCore(const cv::Mat& src_in, int h, int w) {
+    static DeviceCPU device;
+    cv::Mat src = src_in.clone();
+    const int c = src.channels();
+    cv::Mat dst(h, w, src.type(), cv::Scalar::all(0));
+    TensorPtr s = device.CreateTensorExternal(TensorShape({src.rows, src.cols, c}, 7, 1), src.data);
+    TensorPtr d = device.CreateTensorExternal(TensorShape({h, w, c}, 7, 1), dst.data);
+    if (c == 1) F::F_Resize_Bilinear_HWC_U8_C1_Fallback(s, d);
+    if (c == 2) F::F_Resize_Bilinear_HWC_U8_C2_Fallback(s, d);
+    if (c == 4) F::F_Resize_Bilinear_HWC_U8_C4_Fallback(s, d);
+    return dst;
+}
+
+// Undo the frame's orientation: bit 2 turns clockwise, else bit 1 turns
+// counter-clockwise, else bit 4 turns half; then bit 16 mirrors, else bit 8
+// flips vertically.
+cv::Mat Upright(const cv::Mat& src, uint32_t ori) {
+    cv::Mat a = src.clone(), b;
+    if (ori & 2) {
+        cv::rotate(a, b, cv::ROTATE_90_CLOCKWISE), a = b.clone();
+    } else if (ori & 1) {
+        cv::rotate(a, b, cv::ROTATE_90_COUNTERCLOCKWISE), a = b.clone();
+    } else if (ori & 4) {
+        cv::rotate(a, b, cv::ROTATE_180), a = b.clone();
+    }
+    if (ori & 16) {
+        cv::flip(a, b, 1), a = b.clone();
+    } else if (ori & 8) {
+        cv::flip(a, b, 0), a = b.clone();
+    }
+    return a;
+}
+
+// Colour weights of the two-plane formats 2, 3, 8, 9 (rows), positions 0..7;
+// second block for B,G,R output. Positions 8 and 9 are 0.5 everywhere.
+const float kMatrix[2][4][8] = {
+    {{1, 0, 1.5748f, -0.46812427f, -0.18732427f, 1.8556f, 0, 0},
+     {1, 0, 1.402f, -0.7141363f, -0.3441363f, 1.772f, 0, 0},
+     {1, 0, 1.40625f, -0.34375f, -0.71875f, 2.078125f, 0, 0},
+     {1, 1.40625f, 0, -0.71875f, -0.34375f, 0, 2.078125f, 0}},
+    {{1, 1.8556f, 0, -0.46812427f, -0.18732427f, 0, 1.5748f, 0},
+     {1, 1.772f, 0, -0.7141363f, -0.3441363f, 0, 1.402f, 0},
+     {1, 2.078125f, 0, -0.34375f, -0.71875f, 0, 1.40625f, 0},
+     {1, 0, 2.078125f, -0.71875f, -0.34375f, 1.40625f, 0, 0}},
+};
+
+const float* MatrixRow(bool to_bgr, uint32_t fmt) {
+    const int row = fmt == 2 ? 0 : fmt == 3 ? 1 : fmt == 8 ? 2 : 3;
+    return kMatrix[to_bgr ? 1 : 0][row];
+}
+
+// Planar 3 x th x tw bytes.
+std::vector<uint8_t> ExpectedPlanar(const Frame& f, bool to_bgr, const Box& box, uint8_t pad,
+                                    int th, int tw, Resizer resize) {
+    const QVN_Image& img = f.img;
+    const bool quarter = (img.ori_fmt & 3) != 0;
+    const int rh = quarter ? tw : th, rw = quarter ? th : tw;
+    std::vector<uint8_t> out(static_cast<size_t>(3) * th * tw);
+    if (IsYUV(img.pix_fmt)) {
+        cv::Mat y(img.height, img.width, CV_8UC1, img.data);
+        cv::Mat uv(img.height / 2, img.width / 2, CV_8UC2,
+                   img.data + static_cast<size_t>(img.width) * img.height);
+        if (box.active) {
+            y = CropPad(y, box.x, box.y, box.w, box.h, pad);
+            uv = CropPad(uv, box.x / 2, box.y / 2, box.w / 2, box.h / 2, pad);
+        }
+        y = Upright(resize(y, rh, rw), img.ori_fmt);
+        uv = Upright(resize(uv, rh / 2, rw / 2), img.ori_fmt);
+        const float* m = MatrixRow(to_bgr, img.pix_fmt);
+        for (int r = 0; r < th; ++r) {
+            for (int c = 0; c < tw; ++c) {
+                const double l = y.at<uint8_t>(r, c) / 255.0;
+                // Each chroma pair covers 2 x 2 luma pixels; an odd last row
+                // or column reuses the last pair.
+                const cv::Vec2b ch =
+                    uv.at<cv::Vec2b>(std::min(r / 2, uv.rows - 1), std::min(c / 2, uv.cols - 1));
+                const double c0 = ch[0] / 255.0 - 0.5, c1 = ch[1] / 255.0 - 0.5;
+                for (int p = 0; p < 3; ++p) {
+                    const double v = m[0] * l + m[1 + 2 * p] * c0 + m[2 + 2 * p] * c1;
+                    out[(static_cast<size_t>(p) * th + r) * tw + c] =
+                        static_cast<uint8_t>(std::clamp(std::lround(v * 255.0), 0L, 255L));
+                }
+            }
+        }
+        return out;
+    }
+    cv::Mat in(img.height, img.width, CV_8UC4, img.data);
+    if (box.active) in = CropPad(in, box.x, box.y, box.w, box.h, pad);
+    in = Upright(resize(in, rh, rw), img.ori_fmt);
+    // Byte positions of R, G, B in the frame's pixels.
+    const int pos_bgra[3] = {2, 1, 0}, pos_rgba[3] = {0, 1, 2};
+    const int* pos = img.pix_fmt == QVN_PIX_FMT_BGRA8888 ? pos_bgra : pos_rgba;
+    const int order_rgb[3] = {0, 1, 2}, order_bgr[3] = {2, 1, 0};
+    const int* order = to_bgr ? order_bgr : order_rgb;
+    for (int p = 0; p < 3; ++p) {
+        for (int r = 0; r < th; ++r) {
+            for (int c = 0; c < tw; ++c) {
+                out[(static_cast<size_t>(p) * th + r) * tw + c] =
+                    in.at<cv::Vec4b>(r, c)[pos[order[p]]];
+            }
+        }
+    }
+    return out;
+}
+
+// Gray th x tw: luma of a YUV frame resized straight to the output; four-byte
+// frames resized to the (possibly swapped) size and read as B, G, R, A.
+std::vector<uint8_t> ExpectedGray(const Frame& f, const Box& box, uint8_t pad, int th, int tw,
+                                  Resizer resize) {
+    const QVN_Image& img = f.img;
+    const bool quarter = (img.ori_fmt & 3) != 0;
+    cv::Mat g;
+    if (IsYUV(img.pix_fmt)) {
+        cv::Mat y(img.height, img.width, CV_8UC1, img.data);
+        if (box.active) y = CropPad(y, box.x, box.y, box.w, box.h, pad);
+        g = resize(y, th, tw);
+    } else {
+        cv::Mat in(img.height, img.width, CV_8UC4, img.data);
+        if (box.active) in = CropPad(in, box.x, box.y, box.w, box.h, pad);
+        cv::cvtColor(resize(in, quarter ? tw : th, quarter ? th : tw), g, cv::COLOR_BGRA2GRAY);
+    }
+    return std::vector<uint8_t>(g.datastart, g.dataend);
+}
+
+// ---------------------------------------------------------------------------
+// Running the kit.
+// ---------------------------------------------------------------------------
+
+constexpr uint8_t kUntouched = 0xAB;
+
+class FrameToTensor : public ::testing::Test {
+protected:
+    TensorPtr Output(std::vector<int32_t> dims, int32_t layout, int32_t type = 7,
+                     uint32_t location = 0x10001) {
+        TensorShape shape(std::move(dims), type, layout, location);
+        TensorPtr t = device.CreateTensor(shape, nullptr);
+        std::memset(t->data(), kUntouched, t->byte_size());
+        return t;
+    }
+    DeviceCPU device;
+};
+
+// Every sample within `tolerance`; on failure, the largest difference and
+// where the first one beyond the tolerance lies.
+::testing::AssertionResult Within(const std::vector<uint8_t>& want, const TensorPtr& got,
+                                  int tolerance) {
+    if (got->byte_size() != want.size()) {
+        return ::testing::AssertionFailure()
+               << "output has " << got->byte_size() << " bytes, reference " << want.size();
+    }
+    const uint8_t* g = got->data();
+    int max = 0;
+    size_t beyond = 0, first = 0;
+    for (size_t i = 0; i < want.size(); ++i) {
+        const int e = std::abs(static_cast<int>(want[i]) - static_cast<int>(g[i]));
+        if (e > tolerance && beyond++ == 0) first = i;
+        max = std::max(max, e);
+    }
+    if (beyond == 0) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure()
+           << beyond << " samples beyond " << tolerance << ", max diff " << max
+           << ", first at sample " << first << " (want " << int(want[first]) << ", got "
+           << int(g[first]) << ")";
+}
+
+bool Untouched(const TensorPtr& t) {
+    for (size_t i = 0; i < t->byte_size(); ++i) {
+        if (t->data()[i] != kUntouched) return false;
+    }
+    return true;
+}
+
+const uint32_t kFormats[] = {2, 3, 8, 9, 5, 6};
+// Every single bit, the combinations a frame can carry, the shadowed pairs
+// (1|2, 16|8) and the word with every bit set.
+const uint32_t kOrients[] = {0,  1,  2,  3,  4,  5,  6,  8,  9,  10, 12, 16, 17,
+                             18, 20, 24, 25, 26, 28, 64, 65, 66, 68, 72, 80, 127};
+
+struct CropCase {
+    const char* what;
+    int x, y, w, h;
+};
+// Frames are 64 x 48; targets 24 x 40 (rows x columns).
+const CropCase kCrops[] = {
+    {"whole frame", 0, 0, 0, 0},
+    {"inside", 7, 5, 30, 22},
+    {"over the top-left corner", -9, -5, 28, 20},
+    {"over the bottom-right corner", 41, 31, 30, 25},
+};
+constexpr int kW = 64, kH = 48, kTH = 24, kTW = 40;
+
+// Largest difference of a resize step (core against OpenCV, per sample)
+// carried through a colour row: |dY| + |weights| * |dC| + rounding. The
+// heaviest row (1 + 2.078125) gives 2 * 3.08 + 1 = 7.
+constexpr int kYUVTolOpenCV = 7;
+constexpr int kPackedTolOpenCV = 2;
+
+TEST_F(FrameToTensor, PlanarMatchesReferenceForEveryFormatOrientationAndCrop) {
+    LogCapture log;
+    const uint8_t pad = 0x5A;
+    for (uint32_t fmt : kFormats) {
+        for (uint32_t ori : kOrients) {
+            const Frame f = MakeFrame(fmt, ori, kW, kH, fmt * 1000 + ori);
+            for (const CropCase& crop : kCrops) {
+                for (bool to_bgr : {false, true}) {
+                    SCOPED_TRACE(::testing::Message() << "format " << fmt << " ori " << ori
+                                                      << " " << crop.what << " bgr " << to_bgr);
+                    TensorPtr out = Output({3, kTH, kTW}, 0);
+                    quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                        &f.img, out, to_bgr, crop.x, crop.y, crop.w, crop.h, pad);
+                    const Box box = FrameBox(f.img, crop.x, crop.y, crop.w, crop.h);
+                    const bool yuv = IsYUV(fmt);
+                    EXPECT_TRUE(Within(ExpectedPlanar(f, to_bgr, box, pad, kTH, kTW, ResizeCore), out,
+                                  yuv ? 1 : 0));
+                    EXPECT_TRUE(Within(ExpectedPlanar(f, to_bgr, box, pad, kTH, kTW, ResizeOpenCV),
+                                  out, yuv ? kYUVTolOpenCV : kPackedTolOpenCV));
+                    if (crop.w == 0) {
+                        // The whole-frame converter is the same conversion.
+                        TensorPtr whole = Output({3, kTH, kTW}, 0);
+                        quvas::kit::QV_BinlinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                            &f.img, whole, to_bgr);
+                        ASSERT_EQ(0, std::memcmp(whole->data(), out->data(), out->byte_size()));
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_TRUE(log.Take().empty());
+}
+
+// Sizes that are not multiples of anything: odd frame, odd crop origin, odd
+// output (its chroma planes are the halved sizes, rounded down).
+TEST_F(FrameToTensor, PlanarHandlesOddFramesAndUpscaling) {
+    for (uint32_t fmt : kFormats) {
+        for (uint32_t ori : {0u, 2u, 17u}) {
+            const Frame f = MakeFrame(fmt, ori, 37, 29, 77 + fmt);
+            for (bool to_bgr : {false, true}) {
+                SCOPED_TRACE(::testing::Message() << "format " << fmt << " ori " << ori);
+                TensorPtr out = Output({3, 51, 63}, 0);
+                quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                    &f.img, out, to_bgr, 3, 1, 21, 17, 0);
+                const Box box = FrameBox(f.img, 3, 1, 21, 17);
+                EXPECT_TRUE(Within(ExpectedPlanar(f, to_bgr, box, 0, 51, 63, ResizeCore), out,
+                              IsYUV(fmt) ? 1 : 0));
+                EXPECT_TRUE(Within(ExpectedPlanar(f, to_bgr, box, 0, 51, 63, ResizeOpenCV), out,
+                              IsYUV(fmt) ? kYUVTolOpenCV : kPackedTolOpenCV));
+            }
+        }
+    }
+}
+
+// A crop with no area converts the whole frame; two negative sizes make a
+// positive area and the box is taken between the given corners.
+TEST_F(FrameToTensor, CropSizesWithoutAreaConvertTheWholeFrame) {
+    for (uint32_t fmt : {9u, 5u}) {
+        const Frame f = MakeFrame(fmt, 0, kW, kH, 5);
+        TensorPtr whole = Output({3, kTH, kTW}, 0);
+        quvas::kit::QV_BinlinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &f.img, whole, false);
+        const int sizes[][2] = {{0, 20}, {20, 0}, {-4, 3}, {3, -4}, {0, 0}};
+        for (const auto& s : sizes) {
+            SCOPED_TRACE(::testing::Message() << fmt << ": " << s[0] << " x " << s[1]);
+            TensorPtr out = Output({3, kTH, kTW}, 0);
+            quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                &f.img, out, false, 9, 7, s[0], s[1], 0x77);
+            EXPECT_EQ(0, std::memcmp(whole->data(), out->data(), out->byte_size()));
+        }
+        // x from 30 back to 25, y from 20 back to 17: the box 25..30 x 17..20.
+        TensorPtr out = Output({3, kTH, kTW}, 0);
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &f.img, out, false, 30, 20, -4, -2, 0);
+        Box box;
+        box.active = true, box.x = 25, box.y = 17, box.w = 6, box.h = 4;
+        EXPECT_TRUE(Within(ExpectedPlanar(f, false, box, 0, kTH, kTW, ResizeCore), out,
+                      IsYUV(fmt) ? 1 : 0));
+    }
+}
+
+TEST_F(FrameToTensor, GrayMatchesReferenceWithoutTurning) {
+    LogCapture log;
+    const uint8_t pad = 0xC3;
+    for (uint32_t fmt : kFormats) {
+        for (uint32_t ori : kOrients) {
+            const Frame f = MakeFrame(fmt, ori, kW, kH, 31 * fmt + ori);
+            // A four-byte frame is resized to the swapped size before the gray
+            // kernel, so a pending quarter turn needs a square output.
+            const bool square = !IsYUV(fmt) && (ori & 3);
+            const int th = square ? 32 : kTH, tw = square ? 32 : kTW;
+            for (const CropCase& crop : kCrops) {
+                SCOPED_TRACE(::testing::Message() << "format " << fmt << " ori " << ori << " "
+                                                  << crop.what);
+                TensorPtr out = Output({th, tw, 1}, 1);
+                quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+                    &f.img, out, crop.x, crop.y, crop.w, crop.h, pad);
+                const Box box = FrameBox(f.img, crop.x, crop.y, crop.w, crop.h);
+                EXPECT_TRUE(Within(ExpectedGray(f, box, pad, th, tw, ResizeCore), out,
+                              IsYUV(fmt) ? 0 : 1));
+                EXPECT_TRUE(Within(ExpectedGray(f, box, pad, th, tw, ResizeOpenCV), out,
+                              IsYUV(fmt) ? 2 : 3));
+            }
+        }
+    }
+    EXPECT_TRUE(log.Take().empty());
+}
+
+TEST_F(FrameToTensor, GrayIgnoresChroma) {
+    Frame a = MakeFrame(3, 1, kW, kH, 11);
+    Frame b = a;
+    b.img.data = b.bytes.data();
+    for (size_t i = kW * kH; i < b.bytes.size(); ++i) b.bytes[i] ^= 0xFF;
+    TensorPtr ga = Output({kTH, kTW, 1}, 1), gb = Output({kTH, kTW, 1}, 1);
+    quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+        &a.img, ga, 2, 3, 30, 30, 0);
+    quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+        &b.img, gb, 2, 3, 30, 30, 0);
+    EXPECT_FALSE(Untouched(ga));
+    EXPECT_EQ(0, std::memcmp(ga->data(), gb->data(), ga->byte_size()));
+}
+
+// A one-row frame has no chroma rows at all; gray never needs them.
+TEST_F(FrameToTensor, GrayOfOneRowFrameNeedsNoChroma) {
+    for (uint32_t fmt : {2u, 9u}) {
+        const Frame f = MakeFrame(fmt, 0, 16, 1, 12);  // 16 luma bytes, nothing else
+        ASSERT_EQ(f.bytes.size(), 16u);
+        TensorPtr out = Output({1, 8, 1}, 1);
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+            &f.img, out, 0, 0, 0, 0, 0);
+        EXPECT_TRUE(Within(ExpectedGray(f, Box(), 0, 1, 8, ResizeCore), out, 0));
+        EXPECT_TRUE(Within(ExpectedGray(f, Box(), 0, 1, 8, ResizeOpenCV), out, 2));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// The kernels behind one conversion, in order, with their sizes.
+// ---------------------------------------------------------------------------
+
+class KernelTrace {
+public:
+    KernelTrace() { g_trace = &calls; }
+    ~KernelTrace() { g_trace = nullptr; }
+    std::vector<std::string> Names() const {
+        std::vector<std::string> names;
+        for (const KernelCall& c : calls) names.push_back(c.name);
+        return names;
+    }
+    std::vector<KernelCall> calls;
+};
+
+using Dims = std::vector<int32_t>;
+
+TEST_F(FrameToTensor, YUVCropTurnMirrorRunsTheKernelsInOrder) {
+    // Frame 64 x 48, ori 2|16 (a transposed frame): the upright box at (5, 9),
+    // 20 x 14, lies at x = 9..22, y = 5..24 of the frame.
+    Frame f = MakeFrame(9, 2 | 16, kW, kH, 3);
+    TensorPtr out = Output({3, kTH, kTW}, 0);
+    KernelTrace trace;
+    quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+        &f.img, out, true, 5, 9, 20, 14, 0x21);
+    const std::vector<std::string> want = {
+        "F_Crop_U8_HWC_Memcpy",
+        "F_Crop_U8_HWC_Memcpy",
+        "F_Resize_Bilinear_HWC_U8_C1_Fallback",
+        "F_Resize_Bilinear_HWC_U8_C2_Fallback",
+        "F_Rotate_Clockwise90_HWC_Fallback",
+        "F_Rotate_Clockwise90_HWC_Fallback",
+        "F_HFlip_HWC_Fallback",
+        "F_HFlip_HWC_Fallback",
+        "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback",
+    };
+    ASSERT_EQ(trace.Names(), want);
+    const auto& c = trace.calls;
+    // The frame itself, wrapped without a copy.
+    EXPECT_EQ(c[0].src_dims, Dims({48, 64, 1}));
+    EXPECT_EQ(c[0].src_data, f.bytes.data());
+    EXPECT_FALSE(c[0].src_owned);
+    EXPECT_EQ(c[1].src_dims, Dims({24, 32, 2}));
+    EXPECT_EQ(c[1].src_data, f.bytes.data() + kW * kH);
+    EXPECT_FALSE(c[1].src_owned);
+    // Luma box 9, 5, 14 x 20; chroma at half, its size read from its tensor.
+    EXPECT_EQ(std::vector<int>(c[0].crop, c[0].crop + 5), std::vector<int>({9, 5, 14, 20, 0x21}));
+    EXPECT_EQ(c[0].dst_dims, Dims({20, 14, 1}));
+    EXPECT_EQ(std::vector<int>(c[1].crop, c[1].crop + 5), std::vector<int>({4, 2, 7, 10, 0x21}));
+    EXPECT_EQ(c[1].dst_dims, Dims({10, 7, 2}));
+    // Resize to the turned size, then turn onto 24 x 40.
+    EXPECT_EQ(c[2].src, c[0].dst);
+    EXPECT_EQ(c[2].dst_dims, Dims({40, 24, 1}));
+    EXPECT_EQ(c[3].src, c[1].dst);
+    EXPECT_EQ(c[3].dst_dims, Dims({20, 12, 2}));
+    EXPECT_EQ(c[4].src, c[2].dst);
+    EXPECT_EQ(c[4].dst_dims, Dims({24, 40, 1}));
+    EXPECT_EQ(c[5].src, c[3].dst);
+    EXPECT_EQ(c[5].dst_dims, Dims({12, 20, 2}));
+    EXPECT_EQ(c[6].src, c[4].dst);
+    EXPECT_EQ(c[6].dst_dims, Dims({24, 40, 1}));
+    EXPECT_EQ(c[7].src, c[5].dst);
+    EXPECT_EQ(c[7].dst_dims, Dims({12, 20, 2}));
+    EXPECT_EQ(c[8].src, c[6].dst);
+    EXPECT_EQ(c[8].src2_dims, Dims({12, 20, 2}));
+    EXPECT_EQ(c[8].dst, out.get());
+    // Every intermediate is the kit's own, and gone once the call is over.
+    for (size_t i = 0; i + 1 < c.size(); ++i) {
+        EXPECT_TRUE(c[i].dst_owned) << i;
+        EXPECT_TRUE(c[i].dst_ref.expired()) << i;
+    }
+}
+
+TEST_F(FrameToTensor, PackedRunsOneKernelPerStep) {
+    struct Case {
+        uint32_t fmt, ori;
+        bool to_bgr;
+        std::vector<std::string> names;
+    };
+    const Case cases[] = {
+        {5, 0, false, {"F_Resize_Bilinear_HWC_U8_C4_Fallback",
+                       "F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback"}},
+        {5, 0, true, {"F_Resize_Bilinear_HWC_U8_C4_Fallback",
+                      "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback"}},
+        {6, 0, false, {"F_Resize_Bilinear_HWC_U8_C4_Fallback",
+                       "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback"}},
+        {6, 0, true, {"F_Resize_Bilinear_HWC_U8_C4_Fallback",
+                      "F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback"}},
+        // Bits 1 and 2 together: one clockwise quarter turn only; 8 and 16
+        // together: the horizontal mirror only; 64: nothing.
+        {5, 3 | 24, false, {"F_Resize_Bilinear_HWC_U8_C4_Fallback",
+                            "F_Rotate_Clockwise90_HWC_Fallback", "F_HFlip_HWC_Fallback",
+                            "F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback"}},
+        {6, 1 | 8, false, {"F_Resize_Bilinear_HWC_U8_C4_Fallback",
+                           "F_Rotate_Clockwise270_HWC_Fallback", "F_VFlip_HWC_Fallback",
+                           "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback"}},
+        {6, 4 | 64, false, {"F_Resize_Bilinear_HWC_U8_C4_Fallback",
+                            "F_Rotate_Clockwise180_HWC_Fallback",
+                            "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback"}},
+        {5, 64, false, {"F_Resize_Bilinear_HWC_U8_C4_Fallback",
+                        "F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback"}},
+    };
+    for (const Case& k : cases) {
+        SCOPED_TRACE(::testing::Message() << k.fmt << " ori " << k.ori << " bgr " << k.to_bgr);
+        Frame f = MakeFrame(k.fmt, k.ori, kW, kH, 8);
+        TensorPtr out = Output({3, kTH, kTW}, 0);
+        KernelTrace trace;
+        quvas::kit::QV_BinlinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &f.img, out, k.to_bgr);
+        ASSERT_EQ(trace.Names(), k.names);
+        const auto& c = trace.calls;
+        EXPECT_EQ(c[0].src_dims, Dims({kH, kW, 4}));
+        EXPECT_EQ(c[0].src_data, f.bytes.data());
+        EXPECT_FALSE(c[0].src_owned);
+        const bool quarter = (k.ori & 3) != 0;
+        EXPECT_EQ(c[0].dst_dims, quarter ? Dims({kTW, kTH, 4}) : Dims({kTH, kTW, 4}));
+        for (size_t i = 1; i + 1 < c.size(); ++i) {
+            EXPECT_EQ(c[i].src, c[i - 1].dst);
+            EXPECT_EQ(c[i].dst_dims, Dims({kTH, kTW, 4}));
+        }
+        EXPECT_EQ(c.back().dst, out.get());
+    }
+}
+
+// The colour matrix handed to the core, value for value and bit for bit.
+TEST_F(FrameToTensor, YUVMatrixFollowsFormatAndChannelOrder) {
+    for (uint32_t fmt : {2u, 3u, 8u, 9u}) {
+        for (bool to_bgr : {false, true}) {
+            SCOPED_TRACE(::testing::Message() << "format " << fmt << " bgr " << to_bgr);
+            Frame f = MakeFrame(fmt, 0, 8, 6, 1);
+            TensorPtr out = Output({3, 4, 4}, 0);
+            KernelTrace trace;
+            quvas::kit::QV_BinlinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                &f.img, out, to_bgr);
+            ASSERT_FALSE(trace.calls.empty());
+            const KernelCall& cvt = trace.calls.back();
+            ASSERT_EQ(cvt.name, "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback");
+            float want[10];
+            std::memcpy(want, MatrixRow(to_bgr, fmt), 8 * sizeof(float));
+            want[8] = 0.5f, want[9] = 0.5f;
+            EXPECT_EQ(0, std::memcmp(want, cvt.matrix, sizeof(want)));
+            for (int i = 0; i < 10; ++i) EXPECT_EQ(cvt.matrix[i], want[i]) << "position " << i;
+        }
+    }
+}
+
+// Gray: no turn or mirror kernel whatever the orientation.
+TEST_F(FrameToTensor, GrayCallsNoTurnKernel) {
+    for (uint32_t fmt : {8u, 5u, 6u}) {
+        SCOPED_TRACE(fmt);
+        Frame f = MakeFrame(fmt, 2 | 16, kW, kH, 4);
+        TensorPtr out = Output({32, 32, 1}, 1);
+        KernelTrace trace;
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+            &f.img, out, 4, 4, 16, 16, 0);
+        std::vector<std::string> want = {"F_Crop_U8_HWC_Memcpy"};
+        if (fmt == 8) {
+            want.push_back("F_Resize_Bilinear_HWC_U8_C1_Fallback");
+        } else {
+            want.push_back("F_Resize_Bilinear_HWC_U8_C4_Fallback");
+            want.push_back("F_ColorCvt_BGRA8888_To_Gray8_Fallback");
+        }
+        ASSERT_EQ(trace.Names(), want);
+        EXPECT_EQ(trace.calls[0].src_dims, Dims({kH, kW, fmt == 8 ? 1 : 4}));
+        if (fmt == 8) {
+            EXPECT_EQ(trace.calls[1].dst, out.get());  // luma resized straight into the output
+        } else {
+            EXPECT_TRUE(trace.calls[1].dst_owned);
+            EXPECT_EQ(trace.calls[1].dst_dims, Dims({32, 32, 4}));
+        }
+        EXPECT_EQ(trace.calls.back().dst, out.get());
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Refusals, output checks and the placeholders.
+// ---------------------------------------------------------------------------
+
+TEST_F(FrameToTensor, RefusedFormatsWriteNothing) {
+    for (uint32_t fmt : {0u, 1u, 4u, 7u, 10u, 11u, 12u, 13u, 14u, 15u}) {
+        SCOPED_TRACE(fmt);
+        std::vector<uint8_t> bytes(kW * kH * 4, 1);
+        QVN_Image img{};
+        img.pix_fmt = fmt, img.width = kW, img.height = kH, img.data = bytes.data();
+        TensorPtr planar = Output({3, kTH, kTW}, 0);
+        TensorPtr gray = Output({kTH, kTW, 1}, 1);
+        LogCapture log;
+        KernelTrace trace;
+        quvas::kit::QV_BinlinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &img, planar, false);
+        EXPECT_EQ(log.Take(), std::vector<std::string>({kBadFormat}));
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &img, planar, true, 2, 2, 10, 10, 0);
+        EXPECT_EQ(log.Take(), std::vector<std::string>({kBadFormat}));
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+            &img, gray, 2, 2, 10, 10, 0);
+        EXPECT_EQ(log.Take(), std::vector<std::string>({kBadFormat}));
+        EXPECT_TRUE(trace.calls.empty());
+        EXPECT_TRUE(Untouched(planar));
+        EXPECT_TRUE(Untouched(gray));
+    }
+}
+
+// A failed output check is reported and the conversion still runs: a tensor
+// in another location is still filled with the right pixels.
+TEST_F(FrameToTensor, OutputChecksReportAndGoOn) {
+    const Frame f = MakeFrame(8, 0, kW, kH, 21);
+    {
+        LogCapture log;
+        TensorPtr out = Output({3, kTH, kTW}, 0, 7, 0x20002);
+        quvas::kit::QV_BinlinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &f.img, out, false);
+        EXPECT_EQ(log.Take(), std::vector<std::string>({kBadLocation}));
+        EXPECT_TRUE(Within(ExpectedPlanar(f, false, Box(), 0, kTH, kTW, ResizeCore), out, 1));
+    }
+    {
+        LogCapture log;
+        TensorPtr out = Output({kTH, kTW, 1}, 1, 7, 0);
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+            &f.img, out, 0, 0, 0, 0, 0);
+        EXPECT_EQ(log.Take(), std::vector<std::string>({kBadLocation}));
+        EXPECT_TRUE(Within(ExpectedGray(f, Box(), 0, kTH, kTW, ResizeCore), out, 0));
+    }
+    // All three wrong: three messages, in order, before anything else.
+    const Frame bgra = MakeFrame(5, 0, kW, kH, 22);
+    for (int which = 0; which < 3; ++which) {
+        SCOPED_TRACE(which);
+        LogCapture log;
+        KernelTrace trace;
+        const bool gray = which == 2;
+        // Wrong type (u16), wrong layout (the planar layout for gray and the
+        // other way round), wrong location.
+        TensorPtr out = Output(gray ? Dims({kTH, kTW, 1}) : Dims({3, kTH, kTW}), gray ? 0 : 1, 6,
+                               0x10002);
+        if (which == 0) {
+            quvas::kit::QV_BinlinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                &bgra.img, out, false);
+        } else if (which == 1) {
+            quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                &bgra.img, out, false, 1, 1, 30, 30, 0);
+        } else {
+            quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+                &bgra.img, out, 1, 1, 30, 30, 0);
+        }
+        const std::vector<std::string> lines = log.Take();
+        ASSERT_GE(lines.size(), 3u);
+        EXPECT_EQ(lines[0], kBadType);
+        EXPECT_EQ(lines[1], kBadLayout);
+        EXPECT_EQ(lines[2], kBadLocation);
+        // The work went on into the core.
+        EXPECT_FALSE(trace.calls.empty());
+    }
+    // A refused format after failed checks: both reported, nothing written.
+    {
+        LogCapture log;
+        QVN_Image img = bgra.img;
+        img.pix_fmt = 10;
+        TensorPtr out = Output({3, kTH, kTW}, 0, 1);
+        quvas::kit::QV_BinlinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &img, out, false);
+        EXPECT_EQ(log.Take(), std::vector<std::string>({kBadType, kBadFormat}));
+        EXPECT_TRUE(Untouched(out));
+    }
+}
+
+TEST_F(FrameToTensor, PlaceholdersLeaveTheOutputAlone) {
+    LogCapture log;
+    KernelTrace trace;
+    TensorPtr out = Output({3, kTH, kTW}, 0);
+    quvas::kit::QV_Crop_NearestResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+        nullptr, out, false, 0, 0, 10, 10, 0);
+    quvas::kit::QV_Crop_Resize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+        nullptr, out, true, 0, 0, 10, 10, 0, "bilinear");
+    TensorPtr wrong = Output({3, kTH, kTW}, 1, 1, 0);
+    quvas::kit::QV_Crop_NearestResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+        nullptr, wrong, false, 0, 0, 10, 10, 0);
+    EXPECT_TRUE(Untouched(out));
+    EXPECT_TRUE(Untouched(wrong));
+    EXPECT_TRUE(log.Take().empty());
+    EXPECT_TRUE(trace.calls.empty());
+}
+
+// ---------------------------------------------------------------------------
+// Exceptions from the core part-way through. Whatever was made before the
+// failing step is released on the way out (AddressSanitizer's leak check
+// would report it otherwise); the output is not written.
+// ---------------------------------------------------------------------------
+
+TEST_F(FrameToTensor, ThrowingCoreLeavesNothingBehind) {
+    struct Case {
+        const char* what;
+        uint32_t fmt, ori;
+        int crop_w, crop_h;
+        Dims dims;
+        size_t made;  // kernels that ran before the throw
+    };
+    const Case cases[] = {
+        // A one-row crop: the luma crop is made, the chroma crop has no rows.
+        {"one-row crop", 9, 0, 20, 1, {3, kTH, kTW}, 0},
+        // A one-row output: crops and luma resize made, chroma resize refused.
+        {"one-row output", 2, 0, 20, 20, {3, 1, kTW}, 2},
+        // A one-column output with a quarter turn pending: same, swapped.
+        {"one-column output turned", 3, 2, 20, 20, {3, kTH, 1}, 2},
+        // A crop no tensor can hold.
+        {"huge crop", 5, 0, INT_MAX, 1, {3, kTH, kTW}, 0},
+    };
+    for (const Case& k : cases) {
+        SCOPED_TRACE(k.what);
+        Frame f = MakeFrame(k.fmt, k.ori, kW, kH, 9);
+        TensorPtr out = Output(k.dims, 0);
+        KernelTrace trace;
+        EXPECT_THROW(
+            quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                &f.img, out, false, 0, 0, k.crop_w, k.crop_h, 0),
+            std::invalid_argument);
+        EXPECT_EQ(trace.calls.size(), k.made);
+        for (const KernelCall& c : trace.calls) EXPECT_TRUE(c.dst_ref.expired());
+        EXPECT_TRUE(Untouched(out));
+        EXPECT_EQ(out.use_count(), 1);
+    }
+}
+
+}  // namespace
