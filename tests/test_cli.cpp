@@ -11,6 +11,7 @@
 #include <jpeglib.h>
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -291,6 +292,12 @@ TEST_F(Cli, OrientReadsJpeg) {
     }
     RunResult r = Run("orient " + P("p.jpg") + " " + P("f.png") + " --flipv");
     ASSERT_EQ(r.code, 0) << r.err;
+    // Outputs get the mode of a plain create, not the private temporary's.
+    struct stat st {};
+    ASSERT_EQ(::stat(P("f.png").c_str(), &st), 0);
+    mode_t mask = ::umask(0);
+    ::umask(mask);
+    EXPECT_EQ(st.st_mode & 0777, 0666 & ~mask);
     Img got = ReadPngFile(P("f.png"));
     ASSERT_EQ(got.c, 3);
     for (int y = 0; y < 8; ++y) {

@@ -3,6 +3,7 @@
 
 #include <qvn_kit/qvn_kit.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -237,6 +238,10 @@ void WriteAtomically(const std::string& path,
     if (fd < 0) {
         throw ToolError("cannot create '" + path + "': " + std::strerror(errno), kExitOutput);
     }
+    // mkstemp makes the file private; give it the mode a plain create would.
+    mode_t mask = ::umask(0);
+    ::umask(mask);
+    ::fchmod(fd, 0666 & ~mask);
     ::close(fd);
     std::string tmp(name.data());
     try {
