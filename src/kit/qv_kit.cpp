@@ -226,7 +226,717 @@ bool IS_Valid_FilePathArr(int count, const void** paths) {
 // ===========================================================================
 // Result orientation transforms
 // ===========================================================================
+//
+// Every transform works on normalised coordinates as "1 - value" in single
+// precision. A point map is a possible exchange of x and y followed by 1 - v on
+// x, on y or on both; the five maps of this section are:
+//
+//                 swap  1-x  1-y       (x, y) becomes
+//   clockwise 90   yes   yes   no       (1 - y, x)
+//   clockwise 180  no    yes   yes      (1 - x, 1 - y)
+//   clockwise 270  yes   no    yes      (y, 1 - x)
+//   mirror         no    yes   no       (1 - x, y)
+//   vertical flip  no    no    yes      (x, 1 - y)
+
+#include <immintrin.h>
+
+#include <exception>
+#include <iterator>
+#include <utility>
+#include <vector>
+
+namespace {
+
+// Maps n interleaved (x, y) points in place, eight points (two AVX registers)
+// per step. 1 - v is computed for every lane and a blend keeps it only where
+// the map asks for it, so each point gets exactly the scalar 1.0f - v.
+template <bool kSwap, bool kOneMinusX, bool kOneMinusY>
+inline void MapPoints(QVN_Point2D* points, uint32_t n) {
+    float* p = &points[0].x;
+    const __m256 one = _mm256_set1_ps(1.0f);
+    // Lane i of a register holds x for even i and y for odd i.
+    constexpr int kBlend = (kOneMinusX ? 0x55 : 0) | (kOneMinusY ? 0xAA : 0);
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        __m256 a = _mm256_loadu_ps(p + 2 * i);
+        __m256 b = _mm256_loadu_ps(p + 2 * i + 8);
+        if (kSwap) {
+            a = _mm256_permute_ps(a, 0xB1);  // (x, y) -> (y, x) in every pair
+            b = _mm256_permute_ps(b, 0xB1);
+        }
+        a = _mm256_blend_ps(a, _mm256_sub_ps(one, a), kBlend);
+        b = _mm256_blend_ps(b, _mm256_sub_ps(one, b), kBlend);
+        _mm256_storeu_ps(p + 2 * i, a);
+        _mm256_storeu_ps(p + 2 * i + 8, b);
+    }
+    // At most seven points remain; points beyond n are never touched.
+    for (; i < n; ++i) {
+        float x = p[2 * i];
+        float y = p[2 * i + 1];
+        if (kSwap) std::swap(x, y);
+        p[2 * i] = kOneMinusX ? 1.0f - x : x;
+        p[2 * i + 1] = kOneMinusY ? 1.0f - y : y;
+    }
+}
+
+inline void RectRotate90(QVN_Rect2D* r) {
+    const QVN_Rect2D s = *r;
+    r->x0 = 1.0f - s.y1;
+    r->y0 = s.x0;
+    r->x1 = 1.0f - s.y0;
+    r->y1 = s.x1;
+}
+
+inline void RectRotate180(QVN_Rect2D* r) {
+    const QVN_Rect2D s = *r;
+    r->x0 = 1.0f - s.x1;
+    r->y0 = 1.0f - s.y1;
+    r->x1 = 1.0f - s.x0;
+    r->y1 = 1.0f - s.y0;
+}
+
+inline void RectRotate270(QVN_Rect2D* r) {
+    const QVN_Rect2D s = *r;
+    r->x0 = s.y0;
+    r->y0 = 1.0f - s.x1;
+    r->x1 = s.y1;
+    r->y1 = 1.0f - s.x0;
+}
+
+inline void RectFlipH(QVN_Rect2D* r) {
+    const QVN_Rect2D s = *r;
+    r->x0 = 1.0f - s.x1;
+    r->x1 = 1.0f - s.x0;
+}
+
+inline void RectFlipV(QVN_Rect2D* r) {
+    const QVN_Rect2D s = *r;
+    r->y0 = 1.0f - s.y1;
+    r->y1 = 1.0f - s.y0;
+}
+
+// Left/right counterparts among the 278 face landmarks: 132 pairs, flattened.
+// Indices not named (16, 51-54, 60, 85, 91, 96, 100, 182, 198, 214, 230, ...)
+// lie on the axis of symmetry. No index appears twice, so the order in which
+// the pairs are exchanged does not matter.
+constexpr int kFaceLandmarkMirrorPairs[] = {
+    // jaw line 0-32, reversed about point 16
+    0, 32, 1, 31, 2, 30, 3, 29, 4, 28, 5, 27, 6, 26, 7, 25, 8, 24, 9, 23, 10, 22, 11, 21,
+    12, 20, 13, 19, 14, 18, 15, 17,
+    33, 46, 34, 45, 35, 44, 36, 43, 37, 42, 38, 50, 39, 49, 40, 48, 41, 47,
+    66, 78, 67, 77, 68, 76, 69, 75, 70, 74, 71, 81, 72, 80, 73, 79,
+    102, 103,
+    55, 65, 56, 64, 57, 63, 58, 62, 59, 61,
+    82, 88, 83, 87, 84, 86, 89, 93, 90, 92, 94, 98, 95, 97, 99, 101,
+    104, 123, 105, 122, 106, 121, 107, 120, 108, 119, 109, 118, 110, 117, 111, 129, 112, 128,
+    113, 127, 114, 126, 115, 125, 116, 124,
+    130, 163, 131, 162, 132, 161, 133, 160, 134, 159, 135, 158, 136, 157, 137, 156, 138, 155,
+    139, 154, 140, 153, 141, 152, 142, 173, 143, 172, 144, 171, 145, 170, 146, 169, 147, 168,
+    148, 167, 149, 166, 150, 165, 151, 164,
+    174, 190, 175, 189, 176, 188, 177, 187, 178, 186, 179, 185, 180, 184, 181, 183,
+    191, 205, 192, 204, 193, 203, 194, 202, 195, 201, 196, 200, 197, 199,
+    206, 222, 207, 221, 208, 220, 209, 219, 210, 218, 211, 217, 212, 216, 213, 215,
+    223, 237, 224, 236, 225, 235, 226, 234, 227, 233, 228, 232, 229, 231,
+    238, 268, 239, 267, 240, 266, 241, 265, 242, 264, 243, 263, 244, 262, 245, 261, 246, 260,
+    247, 259, 248, 258, 249, 276, 250, 275, 251, 274, 252, 273, 253, 272, 254, 271, 255, 270,
+    256, 269, 257, 277,
+};
+static_assert(std::size(kFaceLandmarkMirrorPairs) == 2 * 132, "132 mirror pairs");
+
+template <bool kSwap, bool kOneMinusX, bool kOneMinusY, void (*kRect)(QVN_Rect2D*)>
+inline void MapFaces(QVN_FaceFrameDataArr* arr) {
+    for (uint32_t i = 0; i < arr->count; ++i) {
+        QVN_Face& face = arr->faces[i];
+        kRect(&face.rect);
+        MapPoints<kSwap, kOneMinusX, kOneMinusY>(face.landmarks, face.landmarksNum);
+    }
+}
+
+template <bool kSwap, bool kOneMinusX, bool kOneMinusY, void (*kRect)(QVN_Rect2D*)>
+inline void MapBodies(QVN_BodyFrameDataArr* arr) {
+    for (uint32_t i = 0; i < arr->count; ++i) {
+        QVN_Body& body = arr->bodies[i];
+        kRect(&body.rect);
+        MapPoints<kSwap, kOneMinusX, kOneMinusY>(body.landmarks, body.landmarksNum);
+    }
+}
+
+template <void (*kRect)(QVN_Rect2D*)>
+inline void MapObjRects(QVN_ObjCountDataArr* arr) {
+    // count is signed: zero or less means the record holds nothing.
+    for (int32_t i = 0; i < arr->count; ++i) kRect(&arr->objRectArr[i]);
+}
+
+template <void (*kRect)(QVN_Rect2D*)>
+inline void MapGestures(QVN_GestureFrameDataArr* arr) {
+    for (uint32_t i = 0; i < arr->count; ++i) kRect(&arr->gestures[i].rect);
+}
+
+}  // namespace
+
+namespace quvas {
+namespace kit {
+
+void FaceFrameDataArr_clockwise_rotate_90_result(QVN_FaceFrameDataArr* arr) {
+    MapFaces<true, true, false, RectRotate90>(arr);
+}
+
+void FaceFrameDataArr_clockwise_rotate_180_result(QVN_FaceFrameDataArr* arr) {
+    MapFaces<false, true, true, RectRotate180>(arr);
+}
+
+void FaceFrameDataArr_clockwise_rotate_270_result(QVN_FaceFrameDataArr* arr) {
+    MapFaces<true, false, true, RectRotate270>(arr);
+}
+
+void FaceFrameDataArr_flip_h_result(QVN_FaceFrameDataArr* arr) {
+    // Built at the first face mirror of the process; the initialisation of a
+    // function-local static is thread-safe, and the table is read-only after.
+    static const std::vector<int> faceLandmarkMirrorPairs(std::begin(kFaceLandmarkMirrorPairs),
+                                                          std::end(kFaceLandmarkMirrorPairs));
+    const int* pairs = faceLandmarkMirrorPairs.data();
+    const size_t pair_count = faceLandmarkMirrorPairs.size() / 2;
+    for (uint32_t i = 0; i < arr->count; ++i) {
+        QVN_Face& face = arr->faces[i];
+        RectFlipH(&face.rect);
+        MapPoints<false, true, false>(face.landmarks, face.landmarksNum);
+        // A mirrored left eye is a right eye: put every landmark (and its score)
+        // back under its own index. All 132 pairs are exchanged whatever
+        // landmarksNum says, so slots beyond the valid count move too.
+        for (size_t k = 0; k < pair_count; ++k) {
+            const int a = pairs[2 * k];
+            const int b = pairs[2 * k + 1];
+            std::swap(face.landmarks[a], face.landmarks[b]);
+            std::swap(face.landmarkScores[a], face.landmarkScores[b]);
+        }
+        std::swap(face.sidePair[0], face.sidePair[1]);
+    }
+}
+
+void FaceFrameDataArr_flip_v_result(QVN_FaceFrameDataArr* arr) {
+    // Top and bottom have no named counterparts: nothing is reordered.
+    MapFaces<false, false, true, RectFlipV>(arr);
+}
+
+void ObjCountDataArr_clockwise_rotate_90_result(QVN_ObjCountDataArr* arr) {
+    MapObjRects<RectRotate90>(arr);
+}
+
+void ObjCountDataArr_clockwise_rotate_180_result(QVN_ObjCountDataArr* arr) {
+    MapObjRects<RectRotate180>(arr);
+}
+
+void ObjCountDataArr_clockwise_rotate_270_result(QVN_ObjCountDataArr* arr) {
+    MapObjRects<RectRotate270>(arr);
+}
+
+void ObjCountDataArr_flip_h_result(QVN_ObjCountDataArr* arr) { MapObjRects<RectFlipH>(arr); }
+
+void ObjCountDataArr_flip_v_result(QVN_ObjCountDataArr* arr) { MapObjRects<RectFlipV>(arr); }
+
+void QVN_BodyFrameDataArr_clockwise_rotate_90_result(QVN_BodyFrameDataArr* arr) {
+    MapBodies<true, true, false, RectRotate90>(arr);
+}
+
+void QVN_BodyFrameDataArr_clockwise_rotate_180_result(QVN_BodyFrameDataArr* arr) {
+    MapBodies<false, true, true, RectRotate180>(arr);
+}
+
+void QVN_BodyFrameDataArr_clockwise_rotate_270_result(QVN_BodyFrameDataArr* arr) {
+    MapBodies<true, false, true, RectRotate270>(arr);
+}
+
+void QVN_BodyFrameDataArr_flip_h_result(QVN_BodyFrameDataArr* arr) {
+    // Body key points keep their indices under a mirror.
+    MapBodies<false, true, false, RectFlipH>(arr);
+}
+
+void QVN_BodyFrameDataArr_flip_v_result(QVN_BodyFrameDataArr* arr) {
+    MapBodies<false, false, true, RectFlipV>(arr);
+}
+
+}  // namespace kit
+}  // namespace quvas
+
+extern "C" {
+
+// Faces, bodies and object counts accept 0 and 360 as "no turn" and refuse
+// other angles with QVN_RESULT_UNSUPPORTED; each family keeps its own
+// message. Gestures and rectangles refuse 360 and answer QVN_RESULT_FAIL.
+// Detectors compare these codes and texts, so they stay as they are.
+
+QVN_API int32_t QVN_FaceFrameDataArr_Result_Rotate(QVN_FaceFrameDataArr* arr, int angle) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    switch (angle) {
+        case 0:
+        case 360:
+            return QVN_RESULT_SUCCESS;
+        case 90:
+            quvas::kit::FaceFrameDataArr_clockwise_rotate_90_result(arr);
+            return QVN_RESULT_SUCCESS;
+        case 180:
+            quvas::kit::FaceFrameDataArr_clockwise_rotate_180_result(arr);
+            return QVN_RESULT_SUCCESS;
+        case 270:
+            quvas::kit::FaceFrameDataArr_clockwise_rotate_270_result(arr);
+            return QVN_RESULT_SUCCESS;
+        default:
+            Log(kErr, "unsupported angle of rotation!");
+            return QVN_RESULT_UNSUPPORTED;
+    }
+}
+
+QVN_API int32_t QVN_FaceFrameDataArr_Result_Mirror(QVN_FaceFrameDataArr* arr) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    quvas::kit::FaceFrameDataArr_flip_h_result(arr);
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_FaceFrameDataArr_Result_FlipV(QVN_FaceFrameDataArr* arr) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    quvas::kit::FaceFrameDataArr_flip_v_result(arr);
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_ObjCountDataArr_Result_Rotate(QVN_ObjCountDataArr* arr, int angle) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    switch (angle) {
+        case 0:
+        case 360:
+            return QVN_RESULT_SUCCESS;
+        case 90:
+            quvas::kit::ObjCountDataArr_clockwise_rotate_90_result(arr);
+            return QVN_RESULT_SUCCESS;
+        case 180:
+            quvas::kit::ObjCountDataArr_clockwise_rotate_180_result(arr);
+            return QVN_RESULT_SUCCESS;
+        case 270:
+            quvas::kit::ObjCountDataArr_clockwise_rotate_270_result(arr);
+            return QVN_RESULT_SUCCESS;
+        default:
+            Log(kErr, "unsupported angle for rotating result!");
+            return QVN_RESULT_UNSUPPORTED;
+    }
+}
+
+QVN_API int32_t QVN_ObjCountDataArr_Result_Mirror(QVN_ObjCountDataArr* arr) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    quvas::kit::ObjCountDataArr_flip_h_result(arr);
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_ObjCountDataArr_Result_FlipV(QVN_ObjCountDataArr* arr) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    quvas::kit::ObjCountDataArr_flip_v_result(arr);
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_BodyFrameDataArr_Result_Rotate(QVN_BodyFrameDataArr* arr, int angle) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    // The pose pipeline has always wrapped this step in a handler of its own;
+    // its text names that pipeline. The transforms themselves do not throw:
+    // what can reach the handler is an exception out of the log (a caller's
+    // log callback may throw).
+    try {
+        switch (angle) {
+            case 0:
+            case 360:
+                return QVN_RESULT_SUCCESS;
+            case 90:
+                quvas::kit::QVN_BodyFrameDataArr_clockwise_rotate_90_result(arr);
+                return QVN_RESULT_SUCCESS;
+            case 180:
+                quvas::kit::QVN_BodyFrameDataArr_clockwise_rotate_180_result(arr);
+                return QVN_RESULT_SUCCESS;
+            case 270:
+                quvas::kit::QVN_BodyFrameDataArr_clockwise_rotate_270_result(arr);
+                return QVN_RESULT_SUCCESS;
+            default:
+                Log(kErr, "Error: unsupported rotate angle!");
+                return QVN_RESULT_UNSUPPORTED;
+        }
+    } catch (const std::exception& e) {
+        Log(kErr, "Pose::Process_Pose_Result failed. Error: %s", e.what());
+        return QVN_RESULT_FAIL;
+    }
+}
+
+QVN_API int32_t QVN_BodyFrameDataArr_Result_Mirror(QVN_BodyFrameDataArr* arr) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    quvas::kit::QVN_BodyFrameDataArr_flip_h_result(arr);
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_BodyFrameDataArr_Result_FlipV(QVN_BodyFrameDataArr* arr) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    quvas::kit::QVN_BodyFrameDataArr_flip_v_result(arr);
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_GestureFrameDataArr_Result_Rotate(QVN_GestureFrameDataArr* arr, int angle) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    try {
+        // The angle is judged on the first gesture: an empty array accepts
+        // any angle, and a refused one changes nothing.
+        if (arr->count > 0 && angle != 0 && angle != 90 && angle != 180 && angle != 270) {
+            Log(kErr, "unsupported angle of rotation!");
+            return QVN_RESULT_FAIL;
+        }
+        switch (angle) {
+            case 90:
+                MapGestures<RectRotate90>(arr);
+                break;
+            case 180:
+                MapGestures<RectRotate180>(arr);
+                break;
+            case 270:
+                MapGestures<RectRotate270>(arr);
+                break;
+            default:  // 0, or anything on an empty array
+                break;
+        }
+    } catch (const std::exception& e) {
+        Log(kErr, "rotate result failed. Error: %s", e.what());
+        return QVN_RESULT_FAIL;
+    }
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_GestureFrameDataArr_Result_Mirror(QVN_GestureFrameDataArr* arr) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    MapGestures<RectFlipH>(arr);
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_GestureFrameDataArr_Result_FlipV(QVN_GestureFrameDataArr* arr) {
+    if (arr == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    MapGestures<RectFlipV>(arr);
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_Rect2D_Result_Rotate(QVN_Rect2D* rect, int angle) {
+    if (rect == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    try {
+        switch (angle) {
+            case 0:
+                break;
+            case 90:
+                RectRotate90(rect);
+                break;
+            case 180:
+                RectRotate180(rect);
+                break;
+            case 270:
+                RectRotate270(rect);
+                break;
+            default:
+                Log(kErr, "unsupported angle of rotation!");
+                return QVN_RESULT_FAIL;
+        }
+    } catch (const std::exception& e) {
+        Log(kErr, "rotate result failed. Error: %s", e.what());
+        return QVN_RESULT_FAIL;
+    }
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_Rect2D_Result_Mirror(QVN_Rect2D* rect) {
+    if (rect == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    RectFlipH(rect);
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_Rect2D_Result_FlipV(QVN_Rect2D* rect) {
+    if (rect == nullptr) {
+        Log(kErr, "data is NULL.");
+        return QVN_RESULT_INVALID_ARG;
+    }
+    // Unlike every other vertical flip, the new top is the old bottom as it
+    // stands, not mirrored: (x0, y0, x1, y1) -> (x0, y1, x1, 1 - y0). Callers
+    // have compensated for this for a long time, so it is kept; note that
+    // applying it twice does not give the rectangle back.
+    const QVN_Rect2D s = *rect;
+    rect->y0 = s.y1;
+    rect->y1 = 1.0f - s.y0;
+    return QVN_RESULT_SUCCESS;
+}
+
+}  // extern "C"
+
 
 // ===========================================================================
 // CPU image orientation
 // ===========================================================================
+//
+// Plain byte movers: a pixel is `channels` bytes moved as a block, whatever
+// the format. The output is byte for byte the pixel-by-pixel definition; only
+// the order of the work differs. One- and four-byte pixels (gray, BGRA, RGBA)
+// go to libyuv's vector row kernels, two- and three-byte mirrors too; every
+// other case takes a tiled path specialised on the pixel size.
+
+#include <libyuv/planar_functions.h>
+#include <libyuv/rotate.h>
+#include <libyuv/rotate_argb.h>
+
+#include <algorithm>
+#include <cstddef>
+
+namespace {
+
+// Moves one pixel whose size is known at compile time: the memcpy becomes a
+// couple of register moves.
+template <int N>
+struct FixedPixel {
+    static constexpr size_t size() { return N; }
+    void operator()(uint8_t* d, const uint8_t* s) const { std::memcpy(d, s, N); }
+};
+
+// Any other size.
+struct AnyPixel {
+    size_t n;
+    size_t size() const { return n; }
+    void operator()(uint8_t* d, const uint8_t* s) const { std::memcpy(d, s, n); }
+};
+
+// Destination pixels are produced in tiles of kTile x kTile: the source rows a
+// tile reads stay in L1 while its columns are walked, so each source cache
+// line is fetched once instead of once per destination row.
+constexpr int kTile = 32;
+
+// Quarter turn of a w x h image into an h x w one. Destination row r, column c
+// takes source pixel (r, h - 1 - c) for the clockwise turn and (w - 1 - r, c)
+// for the counter-clockwise one (270 clockwise).
+template <class Pixel>
+void RotateQuarterTiled(const uint8_t* src, uint8_t* dst, int w, int h, bool clockwise,
+                        Pixel px) {
+    const size_t n = px.size();
+    const ptrdiff_t src_stride = static_cast<ptrdiff_t>(w) * static_cast<ptrdiff_t>(n);
+    const ptrdiff_t dst_stride = static_cast<ptrdiff_t>(h) * static_cast<ptrdiff_t>(n);
+    const ptrdiff_t step = clockwise ? -src_stride : src_stride;
+    for (int r0 = 0; r0 < w; r0 += kTile) {
+        const int r1 = std::min(r0 + kTile, w);
+        for (int c0 = 0; c0 < h; c0 += kTile) {
+            const int c1 = std::min(c0 + kTile, h);
+            for (int r = r0; r < r1; ++r) {
+                const int x = clockwise ? r : w - 1 - r;
+                const int y = clockwise ? h - 1 - c0 : c0;
+                const uint8_t* s = src + y * src_stride + static_cast<ptrdiff_t>(x) * n;
+                uint8_t* d = dst + r * dst_stride + static_cast<ptrdiff_t>(c0) * n;
+                for (int c = c0; c < c1; ++c) {
+                    px(d, s);
+                    d += n;
+                    s += step;
+                }
+            }
+        }
+    }
+}
+
+// Mirrors h rows of w pixels. Destination row y receives source row y, or
+// source row h - 1 - y when `upside_down` (which makes it a half turn).
+template <class Pixel>
+void MirrorRowsTiled(const uint8_t* src, uint8_t* dst, int w, int h, bool upside_down,
+                     Pixel px) {
+    const size_t n = px.size();
+    const ptrdiff_t stride = static_cast<ptrdiff_t>(w) * static_cast<ptrdiff_t>(n);
+    for (int y = 0; y < h; ++y) {
+        const uint8_t* s = src + (upside_down ? h - 1 - y : y) * stride + stride - n;
+        uint8_t* d = dst + y * stride;
+        for (int x = 0; x < w; ++x) {
+            px(d, s);
+            d += n;
+            s -= n;
+        }
+    }
+}
+
+template <class Fn>
+void WithPixel(int n, Fn&& fn) {
+    switch (n) {
+        case 1: fn(FixedPixel<1>()); break;
+        case 2: fn(FixedPixel<2>()); break;
+        case 3: fn(FixedPixel<3>()); break;
+        case 4: fn(FixedPixel<4>()); break;
+        case 5: fn(FixedPixel<5>()); break;
+        case 6: fn(FixedPixel<6>()); break;
+        case 8: fn(FixedPixel<8>()); break;
+        case 12: fn(FixedPixel<12>()); break;
+        case 16: fn(FixedPixel<16>()); break;
+        default: fn(AnyPixel{static_cast<size_t>(n)}); break;
+    }
+}
+
+void RotateQuarter(const uint8_t* src, uint8_t* dst, int w, int h, int n, bool clockwise) {
+    if (n == 1) {
+        if (clockwise) {
+            libyuv::RotatePlane90(src, w, dst, h, w, h);
+        } else {
+            libyuv::RotatePlane270(src, w, dst, h, w, h);
+        }
+        return;
+    }
+    if (n == 4) {
+        libyuv::ARGBRotate(src, w * 4, dst, h * 4, w, h,
+                           clockwise ? libyuv::kRotate90 : libyuv::kRotate270);
+        return;
+    }
+    WithPixel(n, [&](auto px) { RotateQuarterTiled(src, dst, w, h, clockwise, px); });
+}
+
+// A negative height tells libyuv's plane functions to read the source bottom
+// row first, which turns a mirror into a half turn.
+void MirrorRows(const uint8_t* src, uint8_t* dst, int w, int h, int n, bool upside_down) {
+    const int hh = upside_down ? -h : h;
+    switch (n) {
+        case 1:
+            libyuv::MirrorPlane(src, w, dst, w, w, hh);
+            return;
+        case 2:
+            libyuv::MirrorUVPlane(src, w * 2, dst, w * 2, w, hh);
+            return;
+        case 3:
+            libyuv::RGB24Mirror(src, w * 3, dst, w * 3, w, hh);
+            return;
+        case 4:
+            libyuv::ARGBMirror(src, w * 4, dst, w * 4, w, hh);
+            return;
+        default:
+            WithPixel(n, [&](auto px) { MirrorRowsTiled(src, dst, w, h, upside_down, px); });
+            return;
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+QVN_API int32_t QVN_Clockwise_Rotate_Image_CPU(const QVN_Image* src, QVN_Image* dst, int angle) {
+    const int w = src->width;
+    const int h = src->height;
+    const int n = src->channels;
+    const QVN_Rect2D r = src->rect;
+    // Pixels move only for a real image; a pixel of no bytes moves nothing.
+    const bool move = w > 0 && h > 0 && n > 0;
+    switch (angle) {
+        case 0: {
+            // The size is a 32-bit product, as callers have always computed it.
+            const int64_t bytes = static_cast<int64_t>(static_cast<int32_t>(
+                static_cast<int64_t>(w) * h * n));
+            if (bytes > 0) std::memcpy(dst->data, src->data, static_cast<size_t>(bytes));
+            dst->width = w;
+            dst->height = h;
+            dst->channels = n;
+            // The region of interest stays as the caller set it.
+            return QVN_RESULT_SUCCESS;
+        }
+        case 90:
+            if (move) RotateQuarter(src->data, dst->data, w, h, n, true);
+            dst->width = h;
+            dst->height = w;
+            dst->channels = n;
+            dst->rect.x0 = 1.0f - r.y1;
+            dst->rect.y0 = r.x0;
+            dst->rect.x1 = 1.0f - r.y0;
+            dst->rect.y1 = r.x1;
+            return QVN_RESULT_SUCCESS;
+        case 180:
+            if (move) MirrorRows(src->data, dst->data, w, h, n, true);
+            dst->width = w;
+            dst->height = h;
+            dst->channels = n;
+            dst->rect.x0 = 1.0f - r.x1;
+            dst->rect.y0 = 1.0f - r.y1;
+            dst->rect.x1 = 1.0f - r.x0;
+            dst->rect.y1 = 1.0f - r.y0;
+            return QVN_RESULT_SUCCESS;
+        case 270:
+            if (move) RotateQuarter(src->data, dst->data, w, h, n, false);
+            dst->width = h;
+            dst->height = w;
+            dst->channels = n;
+            dst->rect.x0 = r.y0;
+            dst->rect.y0 = 1.0f - r.x1;
+            dst->rect.x1 = r.y1;
+            dst->rect.y1 = 1.0f - r.x0;
+            return QVN_RESULT_SUCCESS;
+        default:
+            Log(kErr, "[Quvas Error] unsupported rotate angle");
+            return QVN_RESULT_INVALID_ARG;
+    }
+}
+
+QVN_API int32_t QVN_Mirror_Image_CPU(const QVN_Image* src, QVN_Image* dst) {
+    const int w = src->width;
+    const int h = src->height;
+    const int n = src->channels;
+    const QVN_Rect2D r = src->rect;
+    if (w > 0 && h > 0 && n > 0) MirrorRows(src->data, dst->data, w, h, n, false);
+    // Only the horizontal extent of the region moves; the caller has set the
+    // rest of dst (normally to a copy of src).
+    dst->rect.x0 = 1.0f - r.x1;
+    dst->rect.x1 = 1.0f - r.x0;
+    return QVN_RESULT_SUCCESS;
+}
+
+QVN_API int32_t QVN_FlipV_Image_CPU(const QVN_Image* src, QVN_Image* dst) {
+    const int h = src->height;
+    const QVN_Rect2D r = src->rect;
+    const int64_t row = static_cast<int64_t>(src->width) * src->channels;
+    if (h > 0 && row > 0) {
+        const size_t stride = static_cast<size_t>(row);
+        const uint8_t* s = src->data;
+        uint8_t* d = dst->data + static_cast<size_t>(h - 1) * stride;
+        for (int y = 0; y < h; ++y) {
+            std::memcpy(d, s, stride);
+            s += stride;
+            d -= stride;
+        }
+    }
+    dst->rect.y0 = 1.0f - r.y1;
+    dst->rect.y1 = 1.0f - r.y0;
+    return QVN_RESULT_SUCCESS;
+}
+
+}  // extern "C"
