@@ -458,124 +458,132 @@ void QVN_BodyFrameDataArr_flip_v_result(QVN_BodyFrameDataArr* arr) {
 }  // namespace kit
 }  // namespace quvas
 
-extern "C" {
+namespace {
+
+// Every wrapper refuses a missing record the same way.
+template <typename Record>
+bool MissingRecord(const Record* record) {
+    if (record != nullptr) return false;
+    Log(kErr, "data is NULL.");
+    return true;
+}
+
+// A mirror or vertical flip: nothing to refuse but a missing record.
+template <typename Record>
+int32_t TransformInPlace(Record* record, void (*transform)(Record*)) {
+    if (MissingRecord(record)) return QVN_RESULT_INVALID_ARG;
+    transform(record);
+    return QVN_RESULT_SUCCESS;
+}
+
+template <typename Record>
+struct QuarterTurns {
+    void (*cw90)(Record*);
+    void (*cw180)(Record*);
+    void (*cw270)(Record*);
+};
 
 // Faces, bodies and object counts accept 0 and 360 as "no turn" and refuse
-// other angles with QVN_RESULT_UNSUPPORTED; each family keeps its own
-// message. Gestures and rectangles refuse 360 and answer QVN_RESULT_FAIL.
-// Detectors compare these codes and texts, so they stay as they are.
-
-QVN_API int32_t QVN_FaceFrameDataArr_Result_Rotate(QVN_FaceFrameDataArr* arr, int angle) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
+// other angles with QVN_RESULT_UNSUPPORTED and their family's own message.
+// Gestures and rectangles refuse 360 and answer QVN_RESULT_FAIL. Detectors
+// compare these codes and texts, so they stay as they are.
+template <typename Record>
+int32_t TurnInPlace(Record* record, int angle, const QuarterTurns<Record>& turns,
+                    const char* refusal) {
     switch (angle) {
         case 0:
         case 360:
             return QVN_RESULT_SUCCESS;
         case 90:
-            quvas::kit::FaceFrameDataArr_clockwise_rotate_90_result(arr);
+            turns.cw90(record);
             return QVN_RESULT_SUCCESS;
         case 180:
-            quvas::kit::FaceFrameDataArr_clockwise_rotate_180_result(arr);
+            turns.cw180(record);
             return QVN_RESULT_SUCCESS;
         case 270:
-            quvas::kit::FaceFrameDataArr_clockwise_rotate_270_result(arr);
+            turns.cw270(record);
             return QVN_RESULT_SUCCESS;
         default:
-            Log(kErr, "unsupported angle of rotation!");
+            Log(kErr, "%s", refusal);
             return QVN_RESULT_UNSUPPORTED;
     }
+}
+
+// Gestures and rectangles: 0, 90, 180, 270 only.
+bool GestureOrRectAngle(int angle) { return angle == 0 || angle == 90 || angle == 180 || angle == 270; }
+
+void RectTurn(QVN_Rect2D* rect, int angle) {
+    if (angle == 90) RectRotate90(rect);
+    if (angle == 180) RectRotate180(rect);
+    if (angle == 270) RectRotate270(rect);
+}
+
+void GesturesTurn(QVN_GestureFrameDataArr* arr, int angle) {
+    if (angle == 90) MapGestures<RectRotate90>(arr);
+    if (angle == 180) MapGestures<RectRotate180>(arr);
+    if (angle == 270) MapGestures<RectRotate270>(arr);
+}
+
+// Unlike every other vertical flip, the new top is the old bottom as it
+// stands, not mirrored: (x0, y0, x1, y1) -> (x0, y1, x1, 1 - y0). Callers have
+// compensated for this for a long time, so it is kept; note that applying it
+// twice does not give the rectangle back.
+void RectFlipVKept(QVN_Rect2D* rect) {
+    const QVN_Rect2D s = *rect;
+    rect->y0 = s.y1;
+    rect->y1 = 1.0f - s.y0;
+}
+
+}  // namespace
+
+extern "C" {
+
+QVN_API int32_t QVN_FaceFrameDataArr_Result_Rotate(QVN_FaceFrameDataArr* arr, int angle) {
+    if (MissingRecord(arr)) return QVN_RESULT_INVALID_ARG;
+    return TurnInPlace(arr, angle,
+                       {quvas::kit::FaceFrameDataArr_clockwise_rotate_90_result,
+                        quvas::kit::FaceFrameDataArr_clockwise_rotate_180_result,
+                        quvas::kit::FaceFrameDataArr_clockwise_rotate_270_result},
+                       "unsupported angle of rotation!");
 }
 
 QVN_API int32_t QVN_FaceFrameDataArr_Result_Mirror(QVN_FaceFrameDataArr* arr) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    quvas::kit::FaceFrameDataArr_flip_h_result(arr);
-    return QVN_RESULT_SUCCESS;
+    return TransformInPlace(arr, quvas::kit::FaceFrameDataArr_flip_h_result);
 }
 
 QVN_API int32_t QVN_FaceFrameDataArr_Result_FlipV(QVN_FaceFrameDataArr* arr) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    quvas::kit::FaceFrameDataArr_flip_v_result(arr);
-    return QVN_RESULT_SUCCESS;
+    return TransformInPlace(arr, quvas::kit::FaceFrameDataArr_flip_v_result);
 }
 
 QVN_API int32_t QVN_ObjCountDataArr_Result_Rotate(QVN_ObjCountDataArr* arr, int angle) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    switch (angle) {
-        case 0:
-        case 360:
-            return QVN_RESULT_SUCCESS;
-        case 90:
-            quvas::kit::ObjCountDataArr_clockwise_rotate_90_result(arr);
-            return QVN_RESULT_SUCCESS;
-        case 180:
-            quvas::kit::ObjCountDataArr_clockwise_rotate_180_result(arr);
-            return QVN_RESULT_SUCCESS;
-        case 270:
-            quvas::kit::ObjCountDataArr_clockwise_rotate_270_result(arr);
-            return QVN_RESULT_SUCCESS;
-        default:
-            Log(kErr, "unsupported angle for rotating result!");
-            return QVN_RESULT_UNSUPPORTED;
-    }
+    if (MissingRecord(arr)) return QVN_RESULT_INVALID_ARG;
+    return TurnInPlace(arr, angle,
+                       {quvas::kit::ObjCountDataArr_clockwise_rotate_90_result,
+                        quvas::kit::ObjCountDataArr_clockwise_rotate_180_result,
+                        quvas::kit::ObjCountDataArr_clockwise_rotate_270_result},
+                       "unsupported angle for rotating result!");
 }
 
 QVN_API int32_t QVN_ObjCountDataArr_Result_Mirror(QVN_ObjCountDataArr* arr) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    quvas::kit::ObjCountDataArr_flip_h_result(arr);
-    return QVN_RESULT_SUCCESS;
+    return TransformInPlace(arr, quvas::kit::ObjCountDataArr_flip_h_result);
 }
 
 QVN_API int32_t QVN_ObjCountDataArr_Result_FlipV(QVN_ObjCountDataArr* arr) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    quvas::kit::ObjCountDataArr_flip_v_result(arr);
-    return QVN_RESULT_SUCCESS;
+    return TransformInPlace(arr, quvas::kit::ObjCountDataArr_flip_v_result);
 }
 
 QVN_API int32_t QVN_BodyFrameDataArr_Result_Rotate(QVN_BodyFrameDataArr* arr, int angle) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
+    if (MissingRecord(arr)) return QVN_RESULT_INVALID_ARG;
     // The pose pipeline has always wrapped this step in a handler of its own;
     // its text names that pipeline. The transforms themselves do not throw:
     // what can reach the handler is an exception out of the log (a caller's
     // log callback may throw).
     try {
-        switch (angle) {
-            case 0:
-            case 360:
-                return QVN_RESULT_SUCCESS;
-            case 90:
-                quvas::kit::QVN_BodyFrameDataArr_clockwise_rotate_90_result(arr);
-                return QVN_RESULT_SUCCESS;
-            case 180:
-                quvas::kit::QVN_BodyFrameDataArr_clockwise_rotate_180_result(arr);
-                return QVN_RESULT_SUCCESS;
-            case 270:
-                quvas::kit::QVN_BodyFrameDataArr_clockwise_rotate_270_result(arr);
-                return QVN_RESULT_SUCCESS;
-            default:
-                Log(kErr, "Error: unsupported rotate angle!");
-                return QVN_RESULT_UNSUPPORTED;
-        }
+        return TurnInPlace(arr, angle,
+                           {quvas::kit::QVN_BodyFrameDataArr_clockwise_rotate_90_result,
+                            quvas::kit::QVN_BodyFrameDataArr_clockwise_rotate_180_result,
+                            quvas::kit::QVN_BodyFrameDataArr_clockwise_rotate_270_result},
+                           "Error: unsupported rotate angle!");
     } catch (const std::exception& e) {
         Log(kErr, "Pose::Process_Pose_Result failed. Error: %s", e.what());
         return QVN_RESULT_FAIL;
@@ -583,48 +591,23 @@ QVN_API int32_t QVN_BodyFrameDataArr_Result_Rotate(QVN_BodyFrameDataArr* arr, in
 }
 
 QVN_API int32_t QVN_BodyFrameDataArr_Result_Mirror(QVN_BodyFrameDataArr* arr) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    quvas::kit::QVN_BodyFrameDataArr_flip_h_result(arr);
-    return QVN_RESULT_SUCCESS;
+    return TransformInPlace(arr, quvas::kit::QVN_BodyFrameDataArr_flip_h_result);
 }
 
 QVN_API int32_t QVN_BodyFrameDataArr_Result_FlipV(QVN_BodyFrameDataArr* arr) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    quvas::kit::QVN_BodyFrameDataArr_flip_v_result(arr);
-    return QVN_RESULT_SUCCESS;
+    return TransformInPlace(arr, quvas::kit::QVN_BodyFrameDataArr_flip_v_result);
 }
 
 QVN_API int32_t QVN_GestureFrameDataArr_Result_Rotate(QVN_GestureFrameDataArr* arr, int angle) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
+    if (MissingRecord(arr)) return QVN_RESULT_INVALID_ARG;
     try {
         // The angle is judged on the first gesture: an empty array accepts
         // any angle, and a refused one changes nothing.
-        if (arr->count > 0 && angle != 0 && angle != 90 && angle != 180 && angle != 270) {
+        if (arr->count > 0 && !GestureOrRectAngle(angle)) {
             Log(kErr, "unsupported angle of rotation!");
             return QVN_RESULT_FAIL;
         }
-        switch (angle) {
-            case 90:
-                MapGestures<RectRotate90>(arr);
-                break;
-            case 180:
-                MapGestures<RectRotate180>(arr);
-                break;
-            case 270:
-                MapGestures<RectRotate270>(arr);
-                break;
-            default:  // 0, or anything on an empty array
-                break;
-        }
+        GesturesTurn(arr, angle);
     } catch (const std::exception& e) {
         Log(kErr, "rotate result failed. Error: %s", e.what());
         return QVN_RESULT_FAIL;
@@ -633,45 +616,21 @@ QVN_API int32_t QVN_GestureFrameDataArr_Result_Rotate(QVN_GestureFrameDataArr* a
 }
 
 QVN_API int32_t QVN_GestureFrameDataArr_Result_Mirror(QVN_GestureFrameDataArr* arr) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    MapGestures<RectFlipH>(arr);
-    return QVN_RESULT_SUCCESS;
+    return TransformInPlace(arr, MapGestures<RectFlipH>);
 }
 
 QVN_API int32_t QVN_GestureFrameDataArr_Result_FlipV(QVN_GestureFrameDataArr* arr) {
-    if (arr == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    MapGestures<RectFlipV>(arr);
-    return QVN_RESULT_SUCCESS;
+    return TransformInPlace(arr, MapGestures<RectFlipV>);
 }
 
 QVN_API int32_t QVN_Rect2D_Result_Rotate(QVN_Rect2D* rect, int angle) {
-    if (rect == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
+    if (MissingRecord(rect)) return QVN_RESULT_INVALID_ARG;
     try {
-        switch (angle) {
-            case 0:
-                break;
-            case 90:
-                RectRotate90(rect);
-                break;
-            case 180:
-                RectRotate180(rect);
-                break;
-            case 270:
-                RectRotate270(rect);
-                break;
-            default:
-                Log(kErr, "unsupported angle of rotation!");
-                return QVN_RESULT_FAIL;
+        if (!GestureOrRectAngle(angle)) {
+            Log(kErr, "unsupported angle of rotation!");
+            return QVN_RESULT_FAIL;
         }
+        RectTurn(rect, angle);
     } catch (const std::exception& e) {
         Log(kErr, "rotate result failed. Error: %s", e.what());
         return QVN_RESULT_FAIL;
@@ -680,27 +639,11 @@ QVN_API int32_t QVN_Rect2D_Result_Rotate(QVN_Rect2D* rect, int angle) {
 }
 
 QVN_API int32_t QVN_Rect2D_Result_Mirror(QVN_Rect2D* rect) {
-    if (rect == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    RectFlipH(rect);
-    return QVN_RESULT_SUCCESS;
+    return TransformInPlace(rect, RectFlipH);
 }
 
 QVN_API int32_t QVN_Rect2D_Result_FlipV(QVN_Rect2D* rect) {
-    if (rect == nullptr) {
-        Log(kErr, "data is NULL.");
-        return QVN_RESULT_INVALID_ARG;
-    }
-    // Unlike every other vertical flip, the new top is the old bottom as it
-    // stands, not mirrored: (x0, y0, x1, y1) -> (x0, y1, x1, 1 - y0). Callers
-    // have compensated for this for a long time, so it is kept; note that
-    // applying it twice does not give the rectangle back.
-    const QVN_Rect2D s = *rect;
-    rect->y0 = s.y1;
-    rect->y1 = 1.0f - s.y0;
-    return QVN_RESULT_SUCCESS;
+    return TransformInPlace(rect, RectFlipVKept);
 }
 
 }  // extern "C"
