@@ -1,0 +1,735 @@
+// test_cli.cpp - runs the built qvn-kit binary on small inputs made here and
+// compares its files with the kit called directly (the tool adds no pixel
+// logic of its own), with values that follow from the requirements, and
+// checks that every bad input ends with one clear line, a non-zero exit
+// code and no file left behind.
+#include <qvn_kit/qvn_kit.hpp>
+#include <quvas/runtime/tensor.h>
+
+#include <gtest/gtest.h>
+#include <png.h>
+#include <jpeglib.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#ifndef QVN_KIT_TOOL
+#error "QVN_KIT_TOOL must name the qvn-kit binary"
+#endif
+
+namespace {
+
+struct RunResult {
+    int code = -1;
+    std::string out, err;
+};
+
+std::string Slurp(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+class Cli : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/qvn-cli-XXXXXX";
+        ASSERT_NE(::mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override {
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        ASSERT_EQ(std::system(cmd.c_str()), 0);
+    }
+    std::string P(const std::string& name) const { return dir_ + "/" + name; }
+
+    RunResult Run(const std::string& args) {
+        std::string cmd = std::string("'") + QVN_KIT_TOOL + "' " + args + " >'" + P(".out") +
+                          "' 2>'" + P(".err") + "'";
+        int status = std::system(cmd.c_str());
+        RunResult r;
+        r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        r.out = Slurp(P(".out"));
+        r.err = Slurp(P(".err"));
+        std::remove(P(".out").c_str());
+        std::remove(P(".err").c_str());
+        return r;
+    }
+
+    // Names in the directory, sorted.
+    std::vector<std::string> Listing() const {
+        std::vector<std::string> names;
+        DIR* d = ::opendir(dir_.c_str());
+        while (dirent* e = ::readdir(d)) {
+            std::string n = e->d_name;
+            if (n != "." && n != "..") names.push_back(n);
+        }
+        ::closedir(d);
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    std::string dir_;
+};
+
+// --- small independent file writers and readers -----------------------------
+
+struct Img {
+    int w = 0, h = 0, c = 0;
+    std::vector<uint8_t> px;
+};
+
+void WritePngFile(const std::string& path, const Img& img) {
+    png_image image;
+    std::memset(&image, 0, sizeof image);
+    image.version = PNG_IMAGE_VERSION;
+    image.width = static_cast<png_uint_32>(img.w);
+    image.height = static_cast<png_uint_32>(img.h);
+    image.format = img.c == 1 ? PNG_FORMAT_GRAY : img.c == 3 ? PNG_FORMAT_RGB : PNG_FORMAT_RGBA;
+    ASSERT_NE(png_image_write_to_file(&image, path.c_str(), 0, img.px.data(), 0, nullptr), 0);
+}
+
+Img ReadPngFile(const std::string& path) {
+    png_image image;
+    std::memset(&image, 0, sizeof image);
+    image.version = PNG_IMAGE_VERSION;
+    Img img;
+    if (png_image_begin_read_from_file(&image, path.c_str()) == 0) return img;
+    img.c = PNG_IMAGE_SAMPLE_CHANNELS(image.format);
+    image.format = img.c == 1 ? PNG_FORMAT_GRAY : img.c == 3 ? PNG_FORMAT_RGB : PNG_FORMAT_RGBA;
+    if (img.c == 2) image.format = PNG_FORMAT_RGBA, img.c = 4;
+    img.w = static_cast<int>(image.width);
+    img.h = static_cast<int>(image.height);
+    img.px.resize(static_cast<size_t>(img.w) * img.h * img.c);
+    png_image_finish_read(&image, nullptr, img.px.data(), 0, nullptr);
+    return img;
+}
+
+Img RandomImg(int w, int h, int c, unsigned seed) {
+    std::mt19937 rng(seed);
+    Img img{w, h, c, std::vector<uint8_t>(static_cast<size_t>(w) * h * c)};
+    for (auto& v : img.px) v = static_cast<uint8_t>(rng() & 0xFF);
+    return img;
+}
+
+void WriteNpyF32(const std::string& path, const std::vector<size_t>& shape,
+                 const std::vector<float>& v) {
+    std::string shp = "(";
+    for (size_t i = 0; i < shape.size(); ++i) shp += std::to_string(shape[i]) + ", ";
+    shp += ")";
+    std::string dict = "{'descr': '<f4', 'fortran_order': False, 'shape': " + shp + ", }";
+    while ((10 + dict.size() + 1) % 64 != 0) dict += ' ';
+    dict += '\n';
+    std::ofstream f(path, std::ios::binary);
+    f.write("\x93NUMPY\x01\x00", 8);
+    char len[2] = {static_cast<char>(dict.size() & 0xFF), static_cast<char>(dict.size() >> 8)};
+    f.write(len, 2);
+    f << dict;
+    f.write(reinterpret_cast<const char*>(v.data()), static_cast<long>(v.size() * 4));
+}
+
+// A uint8 .npy: its shape text and body.
+struct NpyU8 {
+    std::string descr, shape;
+    std::vector<uint8_t> body;
+};
+
+NpyU8 ReadNpyU8(const std::string& path) {
+    std::string s = Slurp(path);
+    NpyU8 n;
+    if (s.size() < 10 || s.compare(0, 6, "\x93NUMPY") != 0) return n;
+    size_t len = static_cast<uint8_t>(s[8]) | (static_cast<size_t>(static_cast<uint8_t>(s[9])) << 8);
+    std::string header = s.substr(10, len);
+    size_t d = header.find("'descr': '");
+    n.descr = header.substr(d + 10, header.find('\'', d + 10) - d - 10);
+    size_t a = header.find('('), b = header.find(')');
+    n.shape = header.substr(a, b - a + 1);
+    n.body.assign(s.begin() + 10 + static_cast<long>(len), s.end());
+    return n;
+}
+
+void WriteText(const std::string& path, const std::string& text) {
+    std::ofstream f(path, std::ios::binary);
+    f << text;
+}
+
+std::vector<std::vector<std::string>> CsvCells(const std::string& text) {
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::vector<std::string> cells;
+        std::istringstream ls(line);
+        std::string c;
+        while (std::getline(ls, c, ',')) cells.push_back(c);
+        rows.push_back(cells);
+    }
+    return rows;
+}
+
+QVN_Image ImageOf(Img& img, uint32_t pix_fmt) {
+    QVN_Image q{};
+    q.pix_fmt = pix_fmt;
+    q.width = img.w;
+    q.height = img.h;
+    q.channels = img.c;
+    q.rect = QVN_Rect2D{0.1f, 0.2f, 0.7f, 0.9f};
+    q.data = img.px.data();
+    return q;
+}
+
+// ---------------------------------------------------------------------------
+
+TEST_F(Cli, VersionAndHelp) {
+    RunResult v = Run("--version");
+    EXPECT_EQ(v.code, 0) << v.err;
+    EXPECT_NE(v.out.find("kit 1.0"), std::string::npos) << v.out;
+    EXPECT_NE(v.out.find("core 1.0"), std::string::npos) << v.out;
+    RunResult h = Run("--help");
+    EXPECT_EQ(h.code, 0);
+    for (const char* sub : {"preprocess", "orient", "warp", "mask", "decode", "track", "demo"}) {
+        EXPECT_NE(h.out.find(sub), std::string::npos) << sub;
+        RunResult sh = Run(std::string(sub) + " --help");
+        EXPECT_EQ(sh.code, 0) << sub;
+        EXPECT_NE(sh.out.find("Usage"), std::string::npos) << sub << sh.out;
+    }
+    RunResult none = Run("");
+    EXPECT_NE(none.code, 0);
+    EXPECT_FALSE(none.err.empty());
+}
+
+TEST_F(Cli, OrientMatchesKnownTurnsAndTheLibrary) {
+    // 3 x 2 gray picture with rows "abc" / "def": a quarter turn clockwise
+    // gives rows "da", "eb", "fc"; 270 gives "cf", "be", "ad"; 180 "fed", "cba".
+    Img small{3, 2, 1, {'a', 'b', 'c', 'd', 'e', 'f'}};
+    WritePngFile(P("abc.png"), small);
+    const std::pair<const char*, const char*> cases[] = {
+        {"--rotate 90", "daebfc"}, {"--rotate 270", "cfbead"}, {"--rotate 180", "fedcba"},
+        {"--mirror", "cbafed"},    {"--flipv", "defabc"}};
+    for (const auto& c : cases) {
+        RunResult r = Run("orient " + P("abc.png") + " " + P("t.png") + " " + c.first);
+        ASSERT_EQ(r.code, 0) << c.first << r.err;
+        Img t = ReadPngFile(P("t.png"));
+        EXPECT_EQ(std::string(t.px.begin(), t.px.end()), c.second) << c.first;
+    }
+    // A colour picture with alpha against the library called directly.
+    Img rgba = RandomImg(7, 5, 4, 7);
+    WritePngFile(P("rgba.png"), rgba);
+    for (int angle : {90, 180, 270}) {
+        ASSERT_EQ(Run("orient " + P("rgba.png") + " " + P("o.png") + " --rotate " +
+                      std::to_string(angle)).code, 0);
+        Img got = ReadPngFile(P("o.png"));
+        Img want{0, 0, 4, std::vector<uint8_t>(rgba.px.size())};
+        QVN_Image s = ImageOf(rgba, QVN_PIX_FMT_RGBA8888), d = s;
+        d.data = want.px.data();
+        ASSERT_EQ(QVN_Clockwise_Rotate_Image_CPU(&s, &d, angle), 0);
+        EXPECT_EQ(got.w, d.width);
+        EXPECT_EQ(got.h, d.height);
+        EXPECT_EQ(got.px, want.px) << angle;
+    }
+}
+
+// A JPEG written and decoded here with libjpeg; the tool's output is the
+// decoded picture flipped top to bottom.
+TEST_F(Cli, OrientReadsJpeg) {
+    Img src = RandomImg(16, 8, 3, 4);
+    {
+        std::FILE* f = std::fopen(P("p.jpg").c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        jpeg_compress_struct c;
+        jpeg_error_mgr e;
+        c.err = jpeg_std_error(&e);
+        jpeg_create_compress(&c);
+        jpeg_stdio_dest(&c, f);
+        c.image_width = 16;
+        c.image_height = 8;
+        c.input_components = 3;
+        c.in_color_space = JCS_RGB;
+        jpeg_set_defaults(&c);
+        jpeg_start_compress(&c, TRUE);
+        while (c.next_scanline < 8) {
+            JSAMPROW row = src.px.data() + c.next_scanline * 48;
+            jpeg_write_scanlines(&c, &row, 1);
+        }
+        jpeg_finish_compress(&c);
+        jpeg_destroy_compress(&c);
+        std::fclose(f);
+    }
+    std::vector<uint8_t> decoded(16 * 8 * 3);
+    {
+        std::FILE* f = std::fopen(P("p.jpg").c_str(), "rb");
+        jpeg_decompress_struct d;
+        jpeg_error_mgr e;
+        d.err = jpeg_std_error(&e);
+        jpeg_create_decompress(&d);
+        jpeg_stdio_src(&d, f);
+        jpeg_read_header(&d, TRUE);
+        d.out_color_space = JCS_RGB;
+        jpeg_start_decompress(&d);
+        while (d.output_scanline < 8) {
+            JSAMPROW row = decoded.data() + d.output_scanline * 48;
+            jpeg_read_scanlines(&d, &row, 1);
+        }
+        jpeg_finish_decompress(&d);
+        jpeg_destroy_decompress(&d);
+        std::fclose(f);
+    }
+    RunResult r = Run("orient " + P("p.jpg") + " " + P("f.png") + " --flipv");
+    ASSERT_EQ(r.code, 0) << r.err;
+    // Outputs get the mode of a plain create, not the private temporary's.
+    struct stat st {};
+    ASSERT_EQ(::stat(P("f.png").c_str(), &st), 0);
+    mode_t mask = ::umask(0);
+    ::umask(mask);
+    EXPECT_EQ(st.st_mode & 0777, 0666 & ~mask);
+    Img got = ReadPngFile(P("f.png"));
+    ASSERT_EQ(got.c, 3);
+    for (int y = 0; y < 8; ++y) {
+        EXPECT_TRUE(std::equal(got.px.begin() + y * 48, got.px.begin() + y * 48 + 48,
+                               decoded.begin() + (7 - y) * 48))
+            << "row " << y;
+    }
+}
+
+TEST_F(Cli, WarpMatchesTheLibraryScalarAndVector) {
+    Img src = RandomImg(21, 13, 3, 11);
+    WritePngFile(P("in.png"), src);
+    float m[6] = {0.9f, 0.15f, 1.25f, -0.1f, 1.1f, 0.5f};
+    const std::string mtext = "0.9,0.15,1.25,-0.1,1.1,0.5";
+    for (bool vec : {false, true}) {
+        RunResult r = Run("warp " + P("in.png") + " " + P("w.png") + " --matrix " + mtext +
+                          " --size 17x11 --border 9" + (vec ? " --vector" : ""));
+        ASSERT_EQ(r.code, 0) << r.err;
+        Img got = ReadPngFile(P("w.png"));
+        ASSERT_EQ(got.w, 17);
+        ASSERT_EQ(got.h, 11);
+        Img want{17, 11, 3, std::vector<uint8_t>(17 * 11 * 3)};
+        QVN_Image s = ImageOf(src, QVN_PIX_FMT_RGB888);
+        QVN_Image d = ImageOf(want, QVN_PIX_FMT_RGB888);
+        if (vec) {
+            quvas::kit::AffineInvQvimageBilinearSSE(&s, &d, 0x09090909u, m);
+        } else {
+            quvas::kit::affine_inv_qvimage_bilinear(&s, &d, 9, m);
+        }
+        EXPECT_EQ(got.px, want.px) << (vec ? "vector" : "scalar");
+    }
+    // The identity copies everything but the last row and column, which are
+    // outside (their 2x2 neighbourhood leaves the picture) and get the border.
+    Img gray = RandomImg(6, 4, 1, 3);
+    WritePngFile(P("g.png"), gray);
+    ASSERT_EQ(Run("warp " + P("g.png") + " " + P("id.png") +
+                  " --matrix 1,0,0,0,1,0 --size 6x4 --border 77").code, 0);
+    Img id = ReadPngFile(P("id.png"));
+    for (int y = 0; y < 4; ++y)
+        for (int x = 0; x < 6; ++x) {
+            uint8_t want = (x == 5 || y == 3) ? 77 : gray.px[static_cast<size_t>(y) * 6 + x];
+            EXPECT_EQ(id.px[static_cast<size_t>(y) * 6 + x], want) << x << "," << y;
+        }
+}
+
+TEST_F(Cli, MaskMatchesTheLibraryAndTheByteRules) {
+    // 5 x 7 = 35 values: two whole blocks of 16 and a tail of 3.
+    std::vector<float> v(35);
+    for (size_t i = 0; i < v.size(); ++i) v[i] = static_cast<float>(i) / 34.f * 1.4f - 0.2f;
+    v[0] = 0.5f;    // vector part: 127.5 rounds to even, 128
+    v[1] = -1.f;    // 0
+    v[2] = 2.f;     // 255
+    v[34] = 0.5f;   // tail: truncated, 127
+    WriteNpyF32(P("m.npy"), {5, 7}, v);
+    for (bool sig : {false, true}) {
+        RunResult r = Run("mask " + P("m.npy") + " " + P("m.png") + (sig ? " --sigmoid" : ""));
+        ASSERT_EQ(r.code, 0) << r.err;
+        Img got = ReadPngFile(P("m.png"));
+        ASSERT_EQ(got.w, 7);
+        ASSERT_EQ(got.h, 5);
+        std::vector<float> src(48, 0.f);
+        std::copy(v.begin(), v.end(), src.begin());
+        std::vector<unsigned char> want(48);
+        if (sig) {
+            quvas::kit::sigmoid_float01toUchar0255SSE(src.data(), want.data(), 35);
+        } else {
+            quvas::kit::float01toUchar0255SSE(src.data(), want.data(), 35);
+        }
+        EXPECT_EQ(got.px, std::vector<uint8_t>(want.begin(), want.begin() + 35));
+        if (!sig) {
+            EXPECT_EQ(got.px[0], 128);
+            EXPECT_EQ(got.px[1], 0);
+            EXPECT_EQ(got.px[2], 255);
+            EXPECT_EQ(got.px[34], 127);
+        }
+    }
+    // Sigmoid: 5 -> 253, 50 -> 255, -50 -> 0 on either path.
+    WriteNpyF32(P("s.npy"), {1, 1, 3}, {5.f, 50.f, -50.f});
+    ASSERT_EQ(Run("mask " + P("s.npy") + " " + P("s.png") + " --sigmoid").code, 0);
+    EXPECT_EQ(ReadPngFile(P("s.png")).px, (std::vector<uint8_t>{253, 255, 0}));
+}
+
+TEST_F(Cli, DecodeMatchesTheLibrary) {
+    const int c = 2, h = 5, w = 8;
+    std::vector<float> heat(static_cast<size_t>(c) * h * w, 0.f);
+    heat[(0 * h + 1) * w + 6] = 30.f;  // channel 0: column 6, row 1
+    for (int i = 0; i < h * w; ++i) heat[static_cast<size_t>(h * w + i)] = 0.01f * (i % 7);
+    WriteNpyF32(P("h.npy"), {c, h, w}, heat);
+    for (const char* mode : {"", " --confidence", " --vector"}) {
+        RunResult r = Run("decode " + P("h.npy") + " --beta 1.5" + mode);
+        ASSERT_EQ(r.code, 0) << mode << r.err;
+        quvas::kit::SoftArgMax d(w, h, c, 1.5f);
+        if (std::string(mode) == " --vector") {
+            d.Decode_WithConfidenceNoSqrt_CHW_F32_SSE(heat.data(), c, h, w);
+        } else if (std::string(mode) == " --confidence") {
+            d.Decode_WithConfidenceNoSqrt_CHW_F32(heat.data(), c, h, w);
+        } else {
+            d.Decode_CHW_F32(heat.data(), c, h, w);
+        }
+        auto rows = CsvCells(r.out);
+        ASSERT_EQ(rows.size(), 3u) << r.out;
+        EXPECT_EQ(rows[0], (std::vector<std::string>{"channel", "x", "y", "confidence"}));
+        for (int i = 0; i < c; ++i) {
+            ASSERT_EQ(rows[static_cast<size_t>(i) + 1].size(), 4u);
+            EXPECT_EQ(std::strtof(rows[i + 1][1].c_str(), nullptr), d.x_out[i]) << mode;
+            EXPECT_EQ(std::strtof(rows[i + 1][2].c_str(), nullptr), d.y_out[i]) << mode;
+            EXPECT_EQ(std::strtof(rows[i + 1][3].c_str(), nullptr), d.confidence[i]) << mode;
+        }
+    }
+    // A peak far above the rest lands on its pixel: column 6 of 8 is
+    // 2*6/7 - 1, row 1 of 5 is 2*1/4 - 1.
+    RunResult j = Run("decode " + P("h.npy") + " --beta 1.5 --json -o " + P("k.json"));
+    ASSERT_EQ(j.code, 0) << j.err;
+    std::string json = Slurp(P("k.json"));
+    EXPECT_NE(json.find("\"keypoints\""), std::string::npos);
+    RunResult csv = Run("decode " + P("h.npy") + " --beta 1.5");
+    auto rows = CsvCells(csv.out);
+    EXPECT_NEAR(std::strtof(rows[1][1].c_str(), nullptr), 12.f / 7.f - 1.f, 1e-3);
+    EXPECT_NEAR(std::strtof(rows[1][2].c_str(), nullptr), -0.5f, 1e-3);
+}
+
+TEST_F(Cli, TrackKalmanMatchesTheLibraryAndFillsGaps) {
+    WriteText(P("in.csv"),
+              "frame,x,y,w,h\n0,0.10,0.20,0.30,0.40\n1,0.12,0.21,0.30,0.40\n"
+              "2,0.15,0.22,0.31,0.41\n5,0.22,0.25,0.30,0.40\n6,0.25,0.26,0.30,0.40\n");
+    RunResult r = Run("track " + P("in.csv") + " " + P("out.csv") +
+                      " --kalman --frame 320x240 --frequency 25 --process-noise 0.5 "
+                      "--measurement-noise 2 --plot " + P("plot.svg"));
+    ASSERT_EQ(r.code, 0) << r.err;
+    auto rows = CsvCells(Slurp(P("out.csv")));
+    ASSERT_EQ(rows.size(), 8u);  // header + frames 0..6
+    auto params = std::make_shared<quvas::kit::QVTBoxTrackerParams>();
+    *params = quvas::kit::QVTBoxTrackerParams{};
+    params->frequency = 25.f;
+    params->process_noise = 0.5f;
+    params->measurement_noise = 2.f;
+    quvas::kit::QVTBoxKalmanTracker t(320, 240, params);
+    const float in[5][5] = {{0, .10f, .20f, .30f, .40f}, {1, .12f, .21f, .30f, .40f},
+                            {2, .15f, .22f, .31f, .41f}, {5, .22f, .25f, .30f, .40f},
+                            {6, .25f, .26f, .30f, .40f}};
+    t.init(in[0][1], in[0][2], in[0][3], in[0][4]);
+    size_t row = 1;
+    long last = -1;
+    for (const auto& m : in) {
+        for (long f = last + 1; f < static_cast<long>(m[0]); ++f, ++row) {
+            float b[4];
+            t.predict(&b[0], &b[1], &b[2], &b[3]);
+            EXPECT_EQ(rows[row][0], std::to_string(f));
+            EXPECT_EQ(rows[row][5], "predicted");
+            for (int k = 0; k < 4; ++k) EXPECT_EQ(std::strtof(rows[row][k + 1].c_str(), nullptr), b[k]);
+        }
+        float b[4] = {m[1], m[2], m[3], m[4]};
+        t.track(&b[0], &b[1], &b[2], &b[3]);
+        EXPECT_EQ(rows[row][5], "measured");
+        for (int k = 0; k < 4; ++k) EXPECT_EQ(std::strtof(rows[row][k + 1].c_str(), nullptr), b[k]);
+        last = static_cast<long>(m[0]);
+        ++row;
+    }
+    std::string svg = Slurp(P("plot.svg"));
+    EXPECT_EQ(svg.rfind("<?xml", 0), 0u);
+    EXPECT_NE(svg.find("</svg>"), std::string::npos);
+}
+
+TEST_F(Cli, TrackOneEuroStartsAtTheMeasurementAndStaysInsideTheInputs) {
+    // The One-Euro filter blends each input with its last output (weights in
+    // 0..1), so every smoothed corner lies within the inputs seen so far; the
+    // first output is the first measurement itself.
+    std::string csv = "frame,x,y,w,h\n";
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<float> u(0.f, 0.05f);
+    std::vector<std::array<float, 4>> in;
+    for (int f = 0; f < 20; ++f) {
+        std::array<float, 4> b = {0.2f + u(rng), 0.3f + u(rng), 0.2f + u(rng), 0.2f + u(rng)};
+        in.push_back(b);
+        char line[128];
+        std::snprintf(line, sizeof line, "%d,%.9g,%.9g,%.9g,%.9g\n", f, b[0], b[1], b[2], b[3]);
+        csv += line;
+    }
+    WriteText(P("in.csv"), csv);
+    RunResult r = Run("track " + P("in.csv") + " " + P("out.csv") +
+                      " --one-euro --min-cutoff 1 --beta 0.5 --frame 640x480");
+    ASSERT_EQ(r.code, 0) << r.err;
+    auto rows = CsvCells(Slurp(P("out.csv")));
+    ASSERT_EQ(rows.size(), 21u);
+    // Corners in pixels, as the tracker works on them.
+    auto corners = [](const std::array<float, 4>& b) {
+        return std::array<double, 4>{b[0] * 640.0, b[1] * 480.0, (b[0] + b[2]) * 640.0,
+                                     (b[1] + b[3]) * 480.0};
+    };
+    std::array<double, 4> lo = corners(in[0]), hi = lo;
+    for (size_t f = 0; f < in.size(); ++f) {
+        auto c = corners(in[f]);
+        for (int k = 0; k < 4; ++k) lo[k] = std::min(lo[k], c[k]), hi[k] = std::max(hi[k], c[k]);
+        std::array<float, 4> out;
+        for (int k = 0; k < 4; ++k) out[k] = std::strtof(rows[f + 1][k + 1].c_str(), nullptr);
+        auto oc = corners(out);
+        for (int k = 0; k < 4; ++k) {
+            if (f == 0) {
+                EXPECT_NEAR(oc[k], c[k], 1e-3) << k;
+            }
+            EXPECT_GE(oc[k], lo[k] - 1e-3) << f << "," << k;
+            EXPECT_LE(oc[k], hi[k] + 1e-3) << f << "," << k;
+        }
+    }
+}
+
+// --- preprocess -------------------------------------------------------------
+
+struct Converted {
+    std::vector<uint8_t> bytes;
+};
+
+Converted ConvertDirect(std::vector<uint8_t>& frame, uint32_t pix_fmt, int w, int h,
+                        uint32_t ori, bool bgr, bool gray, int th, int tw,
+                        const int crop[4], uint8_t pad) {
+    using namespace quvas::runtime;
+    DeviceCPU dev;
+    TensorPtr t = gray ? dev.CreateTensor(TensorShape({th, tw, 1}, data_type::kUInt8, layout::kHWC), nullptr)
+                       : dev.CreateTensor(TensorShape({3, th, tw}, data_type::kUInt8, layout::kCHW), nullptr);
+    QVN_Image img{};
+    img.ori_fmt = ori;
+    img.pix_fmt = pix_fmt;
+    img.width = w;
+    img.height = h;
+    img.channels = (pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888) ? 4 : 1;
+    img.rect = QVN_Rect2D{0, 0, 1, 1};
+    img.data = frame.data();
+    if (gray) {
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+            &img, t, crop[0], crop[1], crop[2], crop[3], pad);
+    } else {
+        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &img, t, bgr, crop[0], crop[1], crop[2], crop[3], pad);
+    }
+    return Converted{std::vector<uint8_t>(t->data(), t->data() + t->byte_size())};
+}
+
+TEST_F(Cli, PreprocessRawFramesMatchTheLibrary) {
+    const int w = 24, h = 16;
+    const size_t fb = static_cast<size_t>(w) * h * 3 / 2;
+    std::mt19937 rng(21);
+    std::vector<uint8_t> all(fb * 3);
+    for (auto& b : all) b = static_cast<uint8_t>(rng() & 0xFF);
+    std::ofstream(P("f.nv21"), std::ios::binary).write(reinterpret_cast<char*>(all.data()),
+                                                       static_cast<long>(all.size()));
+    RunResult r = Run("preprocess " + P("f.nv21") + " " + P("t.npy") +
+                      " --size 24x16 --format nv21 --orient 'rotate90r|mirror' "
+                      "--crop 2,1,12,10 --pad 7 --tensor 3x10x8");
+    ASSERT_EQ(r.code, 0) << r.err;
+    const int crop[4] = {2, 1, 12, 10};
+    for (int i = 0; i < 3; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "t_%05d.npy", i);
+        NpyU8 got = ReadNpyU8(P(name));
+        EXPECT_EQ(got.descr, "|u1");
+        EXPECT_EQ(got.shape, "(3, 10, 8)");
+        std::vector<uint8_t> frame(all.begin() + static_cast<long>(fb) * i,
+                                   all.begin() + static_cast<long>(fb) * (i + 1));
+        Converted want = ConvertDirect(frame, QVN_PIX_FMT_YUV420SP_D, w, h, 17, false, false,
+                                       10, 8, crop, 7);
+        EXPECT_EQ(got.body, want.bytes) << "frame " << i;
+    }
+    // Names and numbers for the orientation are the same thing.
+    ASSERT_EQ(Run("preprocess " + P("f.nv21") + " " + P("n.npy") +
+                  " --size 24x16 --orient 17 --crop 2,1,12,10 --pad 7 --tensor 3x10x8").code, 0);
+    EXPECT_EQ(ReadNpyU8(P("n_00001.npy")).body, ReadNpyU8(P("t_00001.npy")).body);
+
+    // Gray, whole frame.
+    std::ofstream(P("one.nv12"), std::ios::binary).write(reinterpret_cast<char*>(all.data()),
+                                                         static_cast<long>(fb));
+    ASSERT_EQ(Run("preprocess " + P("one.nv12") + " " + P("g.npy") +
+                  " --size 24x16 --format nv12 --gray --tensor 1x9x13").code, 0);
+    std::vector<uint8_t> frame(all.begin(), all.begin() + static_cast<long>(fb));
+    const int none[4] = {0, 0, 0, 0};
+    NpyU8 g = ReadNpyU8(P("g.npy"));
+    EXPECT_EQ(g.shape, "(9, 13, 1)");
+    EXPECT_EQ(g.body, ConvertDirect(frame, QVN_PIX_FMT_YUV420SP_C, w, h, 0, false, true, 9, 13,
+                                    none, 0).bytes);
+}
+
+TEST_F(Cli, PreprocessPicturesMatchTheLibrary) {
+    // RGBA frames are the picture's bytes as they are: exact comparison.
+    Img pic = RandomImg(20, 14, 4, 99);
+    WritePngFile(P("p.png"), pic);
+    const int none[4] = {0, 0, 0, 0};
+    ASSERT_EQ(Run("preprocess " + P("p.png") + " " + P("a.npy") +
+                  " --format rgba --orient rotate180 --tensor 3x12x16").code, 0);
+    EXPECT_EQ(ReadNpyU8(P("a.npy")).body,
+              ConvertDirect(pic.px, QVN_PIX_FMT_RGBA8888, 20, 14, 4, false, false, 12, 16, none, 0)
+                  .bytes);
+    // B,G,R planes are the R,G,B planes in the opposite order, and the PNG
+    // shows the same picture either way.
+    ASSERT_EQ(Run("preprocess " + P("p.png") + " " + P("b.npy") +
+                  " --format rgba --orient rotate180 --tensor 3x12x16 --bgr").code, 0);
+    std::vector<uint8_t> a = ReadNpyU8(P("a.npy")).body, b = ReadNpyU8(P("b.npy")).body;
+    ASSERT_EQ(a.size(), 3u * 12 * 16);
+    ASSERT_EQ(b.size(), a.size());
+    for (size_t i = 0; i < 192; ++i) {
+        EXPECT_EQ(b[i], a[384 + i]);
+        EXPECT_EQ(b[192 + i], a[192 + i]);
+        EXPECT_EQ(b[384 + i], a[i]);
+    }
+    ASSERT_EQ(Run("preprocess " + P("p.png") + " " + P("a.png") +
+                  " --format rgba --orient rotate180 --tensor 3x12x16").code, 0);
+    ASSERT_EQ(Run("preprocess " + P("p.png") + " " + P("b.png") +
+                  " --format rgba --orient rotate180 --tensor 3x12x16 --bgr").code, 0);
+    Img pa = ReadPngFile(P("a.png")), pb = ReadPngFile(P("b.png"));
+    EXPECT_EQ(pa.w, 16);
+    EXPECT_EQ(pa.h, 12);
+    EXPECT_EQ(pa.px, pb.px);
+    for (size_t i = 0; i < 192; ++i) {  // planes put back together
+        EXPECT_EQ(pa.px[3 * i], a[i]);
+        EXPECT_EQ(pa.px[3 * i + 1], a[192 + i]);
+        EXPECT_EQ(pa.px[3 * i + 2], a[384 + i]);
+    }
+    // A flat colour through PNG -> NV21 -> RGB tensor. The tool encodes with
+    // BT.601 full range: Y = .299 R + .587 G + .114 B, U - 128 = (B - Y) / 1.772,
+    // V - 128 = (R - Y) / 1.402; the kit decodes nv21 with its weights in
+    // 64ths: R = Y + 90/64 (V-128), G = Y - 22/64 (U-128) - 46/64 (V-128),
+    // B = Y + 133/64 (U-128). Up to the rounding of both steps.
+    for (const std::array<double, 3>& rgb :
+         {std::array<double, 3>{200, 120, 40}, std::array<double, 3>{90, 90, 90},
+          std::array<double, 3>{30, 160, 220}}) {
+        Img flat{16, 16, 3, {}};
+        for (int i = 0; i < 256; ++i)
+            for (double v : rgb) flat.px.push_back(static_cast<uint8_t>(v));
+        WritePngFile(P("flat.png"), flat);
+        ASSERT_EQ(Run("preprocess " + P("flat.png") + " " + P("flat.npy") +
+                      " --format nv21 --tensor 3x8x8").code, 0);
+        std::vector<uint8_t> f = ReadNpyU8(P("flat.npy")).body;
+        ASSERT_EQ(f.size(), 192u);
+        double y = 0.299 * rgb[0] + 0.587 * rgb[1] + 0.114 * rgb[2];
+        double u = (rgb[2] - y) / 1.772, v = (rgb[0] - y) / 1.402;
+        double want[3] = {y + 90.0 / 64 * v, y - 22.0 / 64 * u - 46.0 / 64 * v,
+                          y + 133.0 / 64 * u};
+        for (int c = 0; c < 3; ++c) {
+            double expect = std::min(255.0, std::max(0.0, want[c]));
+            for (size_t i = 0; i < 64; ++i) EXPECT_NEAR(f[64 * c + i], expect, 3.0) << c;
+        }
+    }
+}
+
+// --- bad input --------------------------------------------------------------
+
+TEST_F(Cli, BadInputFailsWithOneLineAndLeavesNoFile) {
+    Img rgb = RandomImg(8, 6, 3, 1);
+    WritePngFile(P("in.png"), rgb);
+    Img odd = RandomImg(7, 5, 3, 2);
+    WritePngFile(P("odd.png"), odd);
+    WriteText(P("junk.png"), "this is not a picture");
+    WriteText(P("cut.png"), Slurp(P("in.png")).substr(0, 60));
+    WriteText(P("raw.bin"), std::string(100, 'x'));
+    WriteText(P("bad.csv"), "frame,x,y,w,h\n0,0.1,0.1,0.2,0.2\n1,0.1,zero,0.2,0.2\n");
+    WriteText(P("back.csv"), "0,0.1,0.1,0.2,0.2\n0,0.1,0.1,0.2,0.2\n");
+    WriteNpyF32(P("i.npy"), {2, 3}, {0, 1, 2, 3, 4, 5});
+    WriteText(P("bad.npy"), "\x93NUMPY\x01\x00\x10\x00{'descr': '<i8'}");
+    const std::vector<std::string> inputs = Listing();
+
+    struct Case {
+        std::string args;
+        int code;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"orient " + P("missing.png") + " " + P("o.png") + " --rotate 90", 3, "cannot open"},
+        {"orient " + P("junk.png") + " " + P("o.png") + " --rotate 90", 3,
+         "neither a PNG nor a JPEG"},
+        {"orient " + P("cut.png") + " " + P("o.png") + " --rotate 90", 3, "cannot decode PNG"},
+        {"orient " + P("in.png") + " " + P("o.png") + " --rotate 45", 2, "not 90, 180 or 270"},
+        {"orient " + P("in.png") + " " + P("o.png") + " --mirror --flipv", 2, "exactly one"},
+        {"warp " + P("in.png") + " " + P("o.png") + " --matrix 1,0,0,0,1 --size 4x4", 2,
+         "malformed matrix"},
+        {"warp " + P("in.png") + " " + P("o.png") + " --matrix 1,0,0,0,1,x --size 4x4", 2,
+         "malformed matrix"},
+        {"warp " + P("in.png") + " " + P("o.png") + " --matrix 1,0,0,0,1,0 --size 4by4", 2,
+         "malformed size"},
+        {"preprocess " + P("in.png") + " " + P("o.png") + " --format yuyv", 2,
+         "unknown frame format 'yuyv'"},
+        {"preprocess " + P("in.png") + " " + P("o.png") + " --orient sideways", 2,
+         "unknown orientation 'sideways'"},
+        {"preprocess " + P("odd.png") + " " + P("o.png") + " --format nv21", 3, "not even"},
+        {"preprocess " + P("raw.bin") + " " + P("o.png") + " --size 8x6", 3,
+         "not a whole number"},
+        {"preprocess " + P("in.png") + " " + P("o.png") + " --tensor 1x8x8", 2,
+         "cannot hold the output"},
+        {"preprocess " + P("in.png") + " " + P("o.png") + " --gray --tensor 3x8x8", 2,
+         "cannot hold the output"},
+        {"preprocess " + P("in.png") + " " + P("o.png") + " --crop 1,2,3", 2, "malformed crop"},
+        {"track " + P("bad.csv") + " " + P("o.csv") + " --kalman", 3, "line 3"},
+        {"track " + P("back.csv") + " " + P("o.csv") + " --kalman", 3, "does not follow"},
+        {"track " + P("missing.csv") + " " + P("o.csv") + " --kalman", 3, "cannot open"},
+        {"track " + P("bad.csv") + " " + P("o.csv"), 2, "exactly one of --kalman"},
+        {"mask " + P("bad.npy") + " " + P("o.png"), 3, "malformed NumPy file"},
+        {"mask " + P("i.npy") + " " + P("o.png") + " --bogus", 2, "bogus"},
+        {"decode " + P("missing.npy"), 3, "cannot open"},
+        {"decode " + P("i.npy") + " --vector -o " + P("o.csv"), 2, "multiple of 4"},
+    };
+    for (const Case& c : cases) {
+        RunResult r = Run(c.args);
+        EXPECT_EQ(r.code, c.code) << c.args << "\n" << r.err;
+        EXPECT_EQ(r.err.rfind("qvn-kit: ", 0), 0u) << c.args << "\n" << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << c.args << "\n" << r.err;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.args << "\n" << r.err;
+        EXPECT_EQ(Listing(), inputs) << c.args;  // no output, no temporary
+    }
+    // An output that cannot be written.
+    RunResult r = Run("orient " + P("in.png") + " " + P("no/such/dir/o.png") + " --mirror");
+    EXPECT_EQ(r.code, 4) << r.err;
+    EXPECT_NE(r.err.find("cannot create"), std::string::npos) << r.err;
+}
+
+TEST_F(Cli, DemoWritesEveryStep) {
+    RunResult r = Run("demo " + P("demo"));
+    ASSERT_EQ(r.code, 0) << r.err;
+    for (const char* name :
+         {"01_chart_upright.png", "02_frame_nv21_rotate90r.png", "03_tensor_3x256x256.png",
+          "04_heatmaps.png", "05_results_upright.png", "06_results_on_frame.png"}) {
+        Img img = ReadPngFile(P(std::string("demo/") + name));
+        EXPECT_GT(img.w, 0) << name;
+    }
+    EXPECT_EQ(ReadPngFile(P("demo/01_chart_upright.png")).w, 320);
+    Img frame = ReadPngFile(P("demo/02_frame_nv21_rotate90r.png"));
+    EXPECT_EQ(frame.w, 240);
+    EXPECT_EQ(frame.h, 320);
+    Img tensor = ReadPngFile(P("demo/03_tensor_3x256x256.png"));
+    EXPECT_EQ(tensor.w, 256);
+    EXPECT_EQ(tensor.h, 256);
+    std::string report = Slurp(P("demo/report.txt"));
+    EXPECT_NE(report.find("Is_Valid_QVN_Image_For_CPU: valid"), std::string::npos) << report;
+    EXPECT_NE(report.find(" ms "), std::string::npos);
+    EXPECT_EQ(CsvCells(Slurp(P("demo/05_track.csv"))).size(), 41u);
+    EXPECT_NE(Slurp(P("demo/05_track.svg")).find("</svg>"), std::string::npos);
+}
+
+}  // namespace

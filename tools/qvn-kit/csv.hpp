@@ -1,0 +1,27 @@
+// csv.hpp - box tracks as CSV: one box per line, "frame,x,y,w,h", with an
+// optional header line; x, y, w, h normalised to the frame.
+#ifndef QVN_TOOL_CSV_HPP
+#define QVN_TOOL_CSV_HPP
+
+#include <string>
+#include <vector>
+
+namespace qvntool {
+
+struct BoxRow {
+    long frame = 0;
+    float x = 0, y = 0, w = 0, h = 0;
+    bool predicted = false;  // written by the tracker without a measurement
+};
+
+// Frames must be non-negative and strictly increasing. ToolError naming the
+// file and line for anything else.
+std::vector<BoxRow> ReadBoxCsv(const std::string& path);
+
+// "frame,x,y,w,h,kind" with kind "measured" or "predicted"; nine
+// significant digits so that floats survive the round trip.
+std::string BoxCsvText(const std::vector<BoxRow>& rows);
+
+}  // namespace qvntool
+
+#endif  // QVN_TOOL_CSV_HPP

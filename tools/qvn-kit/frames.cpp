@@ -1,0 +1,171 @@
+// frames.cpp - file-format conversions between pictures, frames and tensors.
+#include "frames.hpp"
+
+#include "common.hpp"
+
+#include <qvn_kit/qvn_kit.hpp>
+
+#include <libyuv/convert.h>
+#include <libyuv/convert_argb.h>
+#include <libyuv/convert_from.h>
+#include <libyuv/convert_from_argb.h>
+
+#include <cstring>
+
+namespace qvntool {
+
+void Frame::Bind(uint32_t pix_fmt, int width, int height, int channels, uint32_t ori) {
+    image = QVN_Image{};
+    image.ori_fmt = ori;
+    image.pix_fmt = pix_fmt;
+    image.width = width;
+    image.height = height;
+    image.channels = channels;
+    image.rect = QVN_Rect2D{0.f, 0.f, 1.f, 1.f};
+    image.data = bytes.data();
+}
+
+size_t FrameBytes(uint32_t pix_fmt, int width, int height) {
+    QVN_Image probe{};
+    probe.pix_fmt = pix_fmt;
+    probe.width = width;
+    probe.height = height;
+    probe.channels = 4;
+    uint32_t bytes = 0;
+    if (QVN_Get_QVNImage_Bytes(&probe, &bytes) != 0) return 0;
+    return bytes;
+}
+
+namespace {
+
+bool IsTwoPlane(uint32_t pix_fmt) {
+    return pix_fmt == QVN_PIX_FMT_YUV420SP_A || pix_fmt == QVN_PIX_FMT_YUV420SP_B ||
+           pix_fmt == QVN_PIX_FMT_YUV420SP_C || pix_fmt == QVN_PIX_FMT_YUV420SP_D;
+}
+
+// libyuv's "ARGB" is B,G,R,A in memory.
+std::vector<uint8_t> PictureToBgra(const Picture& pic) {
+    std::vector<uint8_t> bgra(static_cast<size_t>(pic.width) * pic.height * 4);
+    const int w = pic.width, h = pic.height;
+    if (pic.channels == 1) {
+        libyuv::J400ToARGB(pic.pixels.data(), w, bgra.data(), w * 4, w, h);
+    } else if (pic.channels == 3) {
+        libyuv::RAWToARGB(pic.pixels.data(), w * 3, bgra.data(), w * 4, w, h);
+    } else {
+        libyuv::ABGRToARGB(pic.pixels.data(), w * 4, bgra.data(), w * 4, w, h);
+    }
+    return bgra;
+}
+
+}  // namespace
+
+void PictureToFrame(const Picture& pic, uint32_t pix_fmt, uint32_t ori, Frame& frame) {
+    const int w = pic.width, h = pic.height;
+    std::vector<uint8_t> bgra = PictureToBgra(pic);
+    if (pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888) {
+        frame.bytes.resize(bgra.size());
+        if (pix_fmt == QVN_PIX_FMT_BGRA8888) {
+            frame.bytes = bgra;
+        } else {
+            libyuv::ARGBToABGR(bgra.data(), w * 4, frame.bytes.data(), w * 4, w, h);
+        }
+        frame.Bind(pix_fmt, w, h, 4, ori);
+        return;
+    }
+    if (pix_fmt != QVN_PIX_FMT_YUV420SP_C && pix_fmt != QVN_PIX_FMT_YUV420SP_D) {
+        throw ToolError(std::string("a picture cannot be turned into format ") +
+                            FrameFormatName(pix_fmt) + " (use nv12, nv21, bgra or rgba)",
+                        kExitUsage);
+    }
+    if (w % 2 != 0 || h % 2 != 0) {
+        throw ToolError("image size " + std::to_string(w) + "x" + std::to_string(h) +
+                            " is not even in both directions, as " +
+                            FrameFormatName(pix_fmt) + " needs",
+                        kExitInput);
+    }
+    const int cw = w / 2, ch = h / 2;
+    std::vector<uint8_t> y(static_cast<size_t>(w) * h), u(static_cast<size_t>(cw) * ch),
+        v(u.size());
+    libyuv::ARGBToJ420(bgra.data(), w * 4, y.data(), w, u.data(), cw, v.data(), cw, w, h);
+    frame.bytes.resize(FrameBytes(pix_fmt, w, h));
+    uint8_t* chroma = frame.bytes.data() + static_cast<size_t>(w) * h;
+    if (pix_fmt == QVN_PIX_FMT_YUV420SP_C) {
+        libyuv::I420ToNV12(y.data(), w, u.data(), cw, v.data(), cw, frame.bytes.data(), w,
+                           chroma, w, w, h);
+    } else {
+        libyuv::I420ToNV21(y.data(), w, u.data(), cw, v.data(), cw, frame.bytes.data(), w,
+                           chroma, w, w, h);
+    }
+    frame.Bind(pix_fmt, w, h, 1, ori);
+}
+
+Picture FrameToPicture(const QVN_Image& frame) {
+    const int w = frame.width, h = frame.height;
+    std::vector<uint8_t> bgra(static_cast<size_t>(w) * h * 4);
+    const uint8_t* data = frame.data;
+    if (frame.pix_fmt == QVN_PIX_FMT_BGRA8888) {
+        std::memcpy(bgra.data(), data, bgra.size());
+    } else if (frame.pix_fmt == QVN_PIX_FMT_RGBA8888) {
+        libyuv::ABGRToARGB(data, w * 4, bgra.data(), w * 4, w, h);
+    } else if (IsTwoPlane(frame.pix_fmt)) {
+        const uint8_t* chroma = data + static_cast<size_t>(w) * h;
+        // Chroma stride is the luma width: (w / 2) pairs of two bytes.
+        if (frame.pix_fmt == QVN_PIX_FMT_YUV420SP_D) {
+            libyuv::NV21ToARGBMatrix(data, w, chroma, (w / 2) * 2, bgra.data(), w * 4,
+                                     &libyuv::kYuvJPEGConstants, (w / 2) * 2, (h / 2) * 2);
+        } else {
+            libyuv::NV12ToARGBMatrix(data, w, chroma, (w / 2) * 2, bgra.data(), w * 4,
+                                     &libyuv::kYuvJPEGConstants, (w / 2) * 2, (h / 2) * 2);
+        }
+    } else {
+        throw ToolError("cannot show a frame of pixel format " + std::to_string(frame.pix_fmt),
+                        kExitUsage);
+    }
+    Picture pic(w, h, 3);
+    libyuv::ARGBToRAW(bgra.data(), w * 4, pic.pixels.data(), w * 3, w, h);
+    return pic;
+}
+
+QVN_Image PictureImage(Picture& pic) {
+    QVN_Image img{};
+    img.pix_fmt = pic.channels == 1   ? QVN_PIX_FMT_GRAY8
+                  : pic.channels == 3 ? QVN_PIX_FMT_RGB888
+                                      : QVN_PIX_FMT_RGBA8888;
+    img.width = pic.width;
+    img.height = pic.height;
+    img.channels = pic.channels;
+    img.rect = QVN_Rect2D{0.f, 0.f, 1.f, 1.f};
+    img.data = pic.pixels.data();
+    return img;
+}
+
+Picture TensorToPicture(const quvas::runtime::Tensor& tensor) {
+    const std::vector<int32_t>& d = tensor.shape().dims;
+    if (d.size() == 3 && tensor.shape().layout == quvas::runtime::layout::kCHW && d[0] == 3) {
+        Picture pic(d[2], d[1], 3);
+        QVN_Image src{}, dst{};
+        src.width = d[2];
+        src.height = d[1];
+        src.data = tensor.data();
+        dst.width = d[2];
+        dst.height = d[1];
+        dst.data = pic.pixels.data();
+        quvas::kit::post_getRGB_HWC_from_RGB_CHW(&src, &dst);
+        return pic;
+    }
+    int h = 0, w = 0;
+    if (d.size() == 3 && d[2] == 1) {
+        h = d[0];
+        w = d[1];
+    } else if (d.size() == 3 && d[0] == 1) {
+        h = d[1];
+        w = d[2];
+    } else {
+        throw ToolError("cannot show a tensor of this shape", kExitUsage);
+    }
+    Picture pic(w, h, 1);
+    std::memcpy(pic.pixels.data(), tensor.data(), pic.pixels.size());
+    return pic;
+}
+
+}  // namespace qvntool

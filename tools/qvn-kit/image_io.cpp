@@ -1,0 +1,179 @@
+// image_io.cpp - PNG and JPEG reading and PNG writing.
+#include "image_io.hpp"
+
+#include "common.hpp"
+
+#include <jpeglib.h>
+#include <png.h>
+
+#include <csetjmp>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace qvntool {
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* f) const {
+        if (f != nullptr) std::fclose(f);
+    }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// libpng reports errors through longjmp; the message is kept for ToolError.
+struct PngErrorState {
+    char message[256] = {0};
+};
+
+void PngError(png_structp png, png_const_charp msg) {
+    auto* state = static_cast<PngErrorState*>(png_get_error_ptr(png));
+    std::snprintf(state->message, sizeof state->message, "%s", msg);
+    png_longjmp(png, 1);
+}
+
+void PngWarning(png_structp, png_const_charp) {}
+
+Picture ReadPng(const std::string& path, const std::vector<uint8_t>& bytes) {
+    png_image image;
+    std::memset(&image, 0, sizeof image);
+    image.version = PNG_IMAGE_VERSION;
+    if (png_image_begin_read_from_memory(&image, bytes.data(), bytes.size()) == 0) {
+        throw ToolError("cannot decode PNG '" + path + "': " + image.message, kExitInput);
+    }
+    int channels = 0;
+    if (image.format & PNG_FORMAT_FLAG_ALPHA) {
+        image.format = PNG_FORMAT_RGBA;
+        channels = 4;
+    } else if (image.format & PNG_FORMAT_FLAG_COLOR) {
+        image.format = PNG_FORMAT_RGB;
+        channels = 3;
+    } else {
+        image.format = PNG_FORMAT_GRAY;
+        channels = 1;
+    }
+    if (image.width == 0 || image.height == 0 || image.width > (1u << 15) ||
+        image.height > (1u << 15)) {
+        png_image_free(&image);
+        throw ToolError("PNG '" + path + "' has an unsupported size", kExitInput);
+    }
+    Picture pic(static_cast<int>(image.width), static_cast<int>(image.height), channels);
+    if (png_image_finish_read(&image, nullptr, pic.pixels.data(), 0, nullptr) == 0) {
+        std::string msg = image.message;
+        png_image_free(&image);
+        throw ToolError("cannot decode PNG '" + path + "': " + msg, kExitInput);
+    }
+    return pic;
+}
+
+struct JpegErrorState {
+    jpeg_error_mgr mgr;
+    std::jmp_buf jump;
+    char message[JMSG_LENGTH_MAX] = {0};
+};
+
+void JpegError(j_common_ptr info) {
+    auto* state = reinterpret_cast<JpegErrorState*>(info->err);
+    (*info->err->format_message)(info, state->message);
+    std::longjmp(state->jump, 1);
+}
+
+void JpegSilence(j_common_ptr, int) {}
+
+Picture ReadJpeg(const std::string& path, const std::vector<uint8_t>& bytes) {
+    jpeg_decompress_struct info;
+    JpegErrorState err;
+    info.err = jpeg_std_error(&err.mgr);
+    err.mgr.error_exit = JpegError;
+    err.mgr.emit_message = JpegSilence;
+    // Everything the jump may skip over is set up before setjmp.
+    Picture pic;
+    if (setjmp(err.jump) != 0) {
+        jpeg_destroy_decompress(&info);
+        throw ToolError("cannot decode JPEG '" + path + "': " + err.message, kExitInput);
+    }
+    jpeg_create_decompress(&info);
+    jpeg_mem_src(&info, bytes.data(), static_cast<unsigned long>(bytes.size()));
+    jpeg_read_header(&info, TRUE);
+    bool gray = info.jpeg_color_space == JCS_GRAYSCALE;
+    if (!gray && info.jpeg_color_space != JCS_YCbCr && info.jpeg_color_space != JCS_RGB) {
+        jpeg_destroy_decompress(&info);
+        throw ToolError("JPEG '" + path + "' uses an unsupported colour space (not gray or RGB)",
+                        kExitInput);
+    }
+    info.out_color_space = gray ? JCS_GRAYSCALE : JCS_RGB;
+    jpeg_start_decompress(&info);
+    pic.width = static_cast<int>(info.output_width);
+    pic.height = static_cast<int>(info.output_height);
+    pic.channels = static_cast<int>(info.output_components);
+    pic.pixels.resize(static_cast<size_t>(pic.width) * pic.height * pic.channels);
+    while (info.output_scanline < info.output_height) {
+        JSAMPROW row = pic.pixels.data() +
+                       static_cast<size_t>(info.output_scanline) * pic.width * pic.channels;
+        jpeg_read_scanlines(&info, &row, 1);
+    }
+    jpeg_finish_decompress(&info);
+    jpeg_destroy_decompress(&info);
+    return pic;
+}
+
+}  // namespace
+
+Picture ReadPicture(const std::string& path) {
+    std::vector<uint8_t> bytes = ReadFileBytes(path);
+    static const uint8_t kPngMagic[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+    if (bytes.size() >= 8 && std::memcmp(bytes.data(), kPngMagic, 8) == 0) {
+        return ReadPng(path, bytes);
+    }
+    if (bytes.size() >= 3 && bytes[0] == 0xFF && bytes[1] == 0xD8 && bytes[2] == 0xFF) {
+        return ReadJpeg(path, bytes);
+    }
+    throw ToolError("'" + path + "' is neither a PNG nor a JPEG file", kExitInput);
+}
+
+void WritePng(const std::string& path, const Picture& pic, bool bgr) {
+    if (pic.channels != 1 && pic.channels != 3 && pic.channels != 4) {
+        throw ToolError("cannot write a PNG of " + std::to_string(pic.channels) + " channels",
+                        kExitOutput);
+    }
+    WriteAtomically(path, [&](const std::string& tmp) {
+        FilePtr file(std::fopen(tmp.c_str(), "wb"));
+        if (!file) throw ToolError("cannot write '" + path + "'", kExitOutput);
+        PngErrorState state;
+        png_structp png =
+            png_create_write_struct(PNG_LIBPNG_VER_STRING, &state, PngError, PngWarning);
+        png_infop info = png ? png_create_info_struct(png) : nullptr;
+        if (png == nullptr || info == nullptr) {
+            png_destroy_write_struct(&png, &info);
+            throw ToolError("cannot write '" + path + "': out of memory", kExitOutput);
+        }
+        if (setjmp(png_jmpbuf(png)) != 0) {
+            png_destroy_write_struct(&png, &info);
+            throw ToolError("cannot write '" + path + "': " + state.message, kExitOutput);
+        }
+        png_init_io(png, file.get());
+        int type = pic.channels == 1   ? PNG_COLOR_TYPE_GRAY
+                   : pic.channels == 3 ? PNG_COLOR_TYPE_RGB
+                                       : PNG_COLOR_TYPE_RGBA;
+        png_set_IHDR(png, info, static_cast<png_uint_32>(pic.width),
+                     static_cast<png_uint_32>(pic.height), 8, type, PNG_INTERLACE_NONE,
+                     PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+        png_write_info(png, info);
+        if (bgr && pic.channels >= 3) png_set_bgr(png);
+        size_t stride = static_cast<size_t>(pic.width) * pic.channels;
+        for (int y = 0; y < pic.height; ++y) {
+            png_write_row(png, const_cast<png_bytep>(pic.pixels.data() + stride * y));
+        }
+        png_write_end(png, info);
+        png_destroy_write_struct(&png, &info);
+        std::FILE* raw = file.release();
+        if (std::fclose(raw) != 0) throw ToolError("cannot write '" + path + "'", kExitOutput);
+    });
+}
+
+bool IsPictureFile(const std::string& path) {
+    std::string ext = Extension(path);
+    return ext == ".png" || ext == ".jpg" || ext == ".jpeg";
+}
+
+}  // namespace qvntool

@@ -1,0 +1,40 @@
+// image_io.hpp - PNG (libpng) and JPEG (libjpeg) files to and from packed
+// 8-bit pixels. File format conversion only.
+#ifndef QVN_TOOL_IMAGE_IO_HPP
+#define QVN_TOOL_IMAGE_IO_HPP
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qvntool {
+
+// Packed pixels, rows without padding. channels 1 (gray), 3 (R,G,B) or
+// 4 (R,G,B,A) on reading; writing also takes B,G,R(,A) through `bgr`.
+struct Picture {
+    int width = 0;
+    int height = 0;
+    int channels = 0;
+    std::vector<uint8_t> pixels;
+
+    Picture() = default;
+    Picture(int w, int h, int c)
+        : width(w), height(h), channels(c),
+          pixels(static_cast<size_t>(w) * static_cast<size_t>(h) * static_cast<size_t>(c)) {}
+};
+
+// Reads a PNG or JPEG, told apart by their first bytes. 16-bit PNG samples
+// are reduced to 8 bits, palettes expanded, gray+alpha becomes R,G,B,A.
+// ToolError naming the file on any fault.
+Picture ReadPicture(const std::string& path);
+
+// Writes a PNG atomically (see WriteAtomically). `bgr` says the pixels are
+// stored B,G,R(,A).
+void WritePng(const std::string& path, const Picture& pic, bool bgr = false);
+
+// True for paths ending in .png, .jpg or .jpeg.
+bool IsPictureFile(const std::string& path);
+
+}  // namespace qvntool
+
+#endif  // QVN_TOOL_IMAGE_IO_HPP
