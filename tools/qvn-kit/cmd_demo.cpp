@@ -200,8 +200,8 @@ void RunDemo(const std::string& dir) {
 
     // 3. Upright tensor.
     quvas::runtime::DeviceCPU device;
-    TensorSpec spec{3, 256, 256, false};
-    quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, spec);
+    TensorTarget target{3, 256, 256, false};
+    quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
     Stopwatch t4;
     quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
         &frame.image, tensor, false, 0, 0, 0, 0, 0);

@@ -22,7 +22,7 @@
 
 namespace qvntool {
 
-TensorSpec ParseTensorSpec(const std::string& text, bool gray) {
+TensorTarget ParseTensorSpec(const std::string& text, bool gray) {
     std::vector<int> d = ParseDims(text, "tensor shape", 3);
     if (!gray && d[0] != 3) {
         throw ToolError("tensor shape " + text + " cannot hold the output: the colour "
@@ -34,28 +34,28 @@ TensorSpec ParseTensorSpec(const std::string& text, bool gray) {
                             "converter writes 1 plane (use 1xHxW)",
                         kExitUsage);
     }
-    return TensorSpec{d[0], d[1], d[2], gray};
+    return TensorTarget{d[0], d[1], d[2], gray};
 }
 
 quvas::runtime::TensorPtr MakeOutputTensor(quvas::runtime::DeviceCPU& device,
-                                           const TensorSpec& spec) {
+                                           const TensorTarget& target) {
     using namespace quvas::runtime;
-    if (spec.gray) {
+    if (target.gray) {
         return device.CreateTensor(
-            TensorShape({spec.h, spec.w, 1}, data_type::kUInt8, layout::kHWC), nullptr);
+            TensorShape({target.h, target.w, 1}, data_type::kUInt8, layout::kHWC), nullptr);
     }
     return device.CreateTensor(
-        TensorShape({spec.c, spec.h, spec.w}, data_type::kUInt8, layout::kCHW), nullptr);
+        TensorShape({target.c, target.h, target.w}, data_type::kUInt8, layout::kCHW), nullptr);
 }
 
-void ConvertFrame(const QVN_Image& frame, const TensorSpec& spec, bool bgr,
+void ConvertFrame(const QVN_Image& frame, const TensorTarget& target, bool bgr,
                   const std::vector<int>& crop, unsigned char pad,
                   quvas::runtime::TensorPtr& tensor) {
     bool two_plane = frame.pix_fmt == QVN_PIX_FMT_YUV420SP_A ||
                      frame.pix_fmt == QVN_PIX_FMT_YUV420SP_B ||
                      frame.pix_fmt == QVN_PIX_FMT_YUV420SP_C ||
                      frame.pix_fmt == QVN_PIX_FMT_YUV420SP_D;
-    if (two_plane && !spec.gray && (spec.h < 2 || spec.w < 2)) {
+    if (two_plane && !target.gray && (target.h < 2 || target.w < 2)) {
         throw ToolError("tensor shape cannot hold the output: a two-plane frame needs a "
                             "tensor of at least 2x2 pixels",
                         kExitUsage);
@@ -70,7 +70,7 @@ void ConvertFrame(const QVN_Image& frame, const TensorSpec& spec, bool bgr,
         cw = crop[2];
         ch = crop[3];
     }
-    if (spec.gray) {
+    if (target.gray) {
         quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
             &frame, tensor, cx, cy, cw, ch, pad);
     } else {
@@ -121,7 +121,7 @@ void RunPreprocess(const PreprocessOptions& o) {
         throw ToolError("--pad " + std::to_string(o.pad) + " is not in 0..255", kExitUsage);
     }
     if (o.gray && o.bgr) throw ToolError("--bgr and --gray exclude each other", kExitUsage);
-    TensorSpec spec =
+    TensorTarget target =
         ParseTensorSpec(o.tensor.empty() ? (o.gray ? "1x256x256" : "3x256x256") : o.tensor,
                         o.gray);
     quvas::runtime::DeviceCPU device;
@@ -130,8 +130,8 @@ void RunPreprocess(const PreprocessOptions& o) {
         Picture pic = ReadPicture(o.in);
         Frame frame;
         PictureToFrame(pic, pix_fmt, ori, frame);
-        quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, spec);
-        ConvertFrame(frame.image, spec, o.bgr, crop, static_cast<unsigned char>(o.pad), tensor);
+        quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
+        ConvertFrame(frame.image, target, o.bgr, crop, static_cast<unsigned char>(o.pad), tensor);
         WriteTensor(o.out, *tensor, o.bgr);
         return;
     }
@@ -154,8 +154,8 @@ void RunPreprocess(const PreprocessOptions& o) {
                            bytes.begin() + static_cast<long>(frame_bytes) * (i + 1));
         int channels = (pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888) ? 4 : 1;
         frame.Bind(pix_fmt, size.w, size.h, channels, ori);
-        quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, spec);
-        ConvertFrame(frame.image, spec, o.bgr, crop, static_cast<unsigned char>(o.pad), tensor);
+        quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
+        ConvertFrame(frame.image, target, o.bgr, crop, static_cast<unsigned char>(o.pad), tensor);
         WriteTensor(IndexedPath(o.out, i, count), *tensor, o.bgr);
         progress.Step(i + 1);
     }

@@ -11,19 +11,19 @@
 
 namespace qvntool {
 
-struct TensorSpec {
+struct TensorTarget {
     int c = 3, h = 256, w = 256;
     bool gray = false;
 };
 
 // "CxHxW", checked against what the chosen converter writes.
-TensorSpec ParseTensorSpec(const std::string& text, bool gray);
+TensorTarget ParseTensorSpec(const std::string& text, bool gray);
 // Planar {C, H, W} (layout CHW), or {H, W, 1} (layout HWC) for gray; u8.
 quvas::runtime::TensorPtr MakeOutputTensor(quvas::runtime::DeviceCPU& device,
-                                           const TensorSpec& spec);
+                                           const TensorTarget& target);
 // Validates the frame with the kit, then converts it; `crop` is empty or
 // x, y, w, h.
-void ConvertFrame(const QVN_Image& frame, const TensorSpec& spec, bool bgr,
+void ConvertFrame(const QVN_Image& frame, const TensorTarget& target, bool bgr,
                   const std::vector<int>& crop, unsigned char pad,
                   quvas::runtime::TensorPtr& tensor);
 // .npy or PNG by the name.
