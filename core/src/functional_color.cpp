@@ -17,9 +17,9 @@
 // weights must lie in (-4, 4) (and round to at most 32767 in magnitude) and
 // the offsets m8, m9 in [-4, 4]; m7 is not read.
 //
-// Four-byte pixels to planes only move bytes. Gray is BT.601 luma with the
-// weights rounded to 1/16384:
-//   gray = (1868 B + 9617 G + 4899 R + 8192) >> 14
+// Four-byte pixels to planes only move bytes, and gray is BT.601 luma with
+// the weights rounded to 1/16384: both are rows of kernels/ (row.h), whose
+// checks live here.
 #include <quvas/kernel/functional.h>
 #include <quvas/utility/log.h>
 
@@ -29,6 +29,7 @@
 #include <cmath>
 
 #include "functional_check.h"
+#include "kernels/planar.h"
 
 namespace quvas {
 namespace kernel {
@@ -41,16 +42,6 @@ using detail::Refuse;
 
 namespace {
 
-// Puts the four bytes of every 8 pixels channel by channel, 8 each:
-// (c0 x8, c1 x8, c2 x8, c3 x8) as 64-bit groups.
-inline __m256i GroupChannels(__m256i v) {
-    const __m256i by_channel = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11,
-                                                15, 0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7,
-                                                11, 15);
-    const __m256i lanes = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
-    return _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(v, by_channel), lanes);
-}
-
 // Packs 32 int32 values (4 vectors, each 8 in order) into 32 saturated bytes.
 inline __m256i PackBytes(__m256i s0, __m256i s1, __m256i s2, __m256i s3) {
     const __m256i bytes =
@@ -60,32 +51,10 @@ inline __m256i PackBytes(__m256i s0, __m256i s1, __m256i s2, __m256i s3) {
 
 // Four-byte HWC to three planes: plane p receives byte pick[p] of each pixel.
 void Pack4ToPlanes(const Image& s, const Image& d, const int pick[3]) {
-    const size_t plane = static_cast<size_t>(d.h) * d.w;
-    uint8_t* out[3] = {d.data + plane * 0, d.data + plane * 1, d.data + plane * 2};
-    const size_t n = plane;  // pixels, rows are packed on both sides
-    const uint8_t* in = s.data;
-    size_t i = 0;
-    for (; i + 32 <= n; i += 32) {
-        const __m256i* p = reinterpret_cast<const __m256i*>(in + i * 4);
-        const __m256i v0 = GroupChannels(_mm256_loadu_si256(p));
-        const __m256i v1 = GroupChannels(_mm256_loadu_si256(p + 1));
-        const __m256i v2 = GroupChannels(_mm256_loadu_si256(p + 2));
-        const __m256i v3 = GroupChannels(_mm256_loadu_si256(p + 3));
-        const __m256i lo01 = _mm256_unpacklo_epi64(v0, v1);  // c0 v0, c0 v1, c2 v0, c2 v1
-        const __m256i hi01 = _mm256_unpackhi_epi64(v0, v1);  // c1 ..., c3 ...
-        const __m256i lo23 = _mm256_unpacklo_epi64(v2, v3);
-        const __m256i hi23 = _mm256_unpackhi_epi64(v2, v3);
-        __m256i ch[3];
-        ch[0] = _mm256_permute2x128_si256(lo01, lo23, 0x20);
-        ch[1] = _mm256_permute2x128_si256(hi01, hi23, 0x20);
-        ch[2] = _mm256_permute2x128_si256(lo01, lo23, 0x31);
-        for (int k = 0; k < 3; ++k) {
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(out[k] + i), ch[pick[k]]);
-        }
-    }
-    for (; i < n; ++i) {
-        for (int k = 0; k < 3; ++k) out[k][i] = in[i * 4 + pick[k]];
-    }
+    const size_t plane = static_cast<size_t>(d.h) * d.w;  // rows are packed on both sides
+    uint8_t* by_byte[3];
+    for (int p = 0; p < 3; ++p) by_byte[pick[p]] = d.data + plane * p;
+    kernels::SplitPlanes(s.data, 4, plane, by_byte[0], by_byte[1], by_byte[2]);
 }
 
 void Pack4(const char* kernel, const TensorPtr& src, const TensorPtr& dst, const int pick[3]) {
@@ -98,37 +67,6 @@ void Pack4(const char* kernel, const TensorPtr& src, const TensorPtr& dst, const
     }
     if (detail::Overlap(s, d)) return Refuse(kernel, src, dst, "src and dst share storage");
     Pack4ToPlanes(s, d, pick);
-}
-
-constexpr int kGrayB = 1868, kGrayG = 9617, kGrayR = 4899;
-
-void BgraToGray(const Image& s, const Image& d) {
-    const size_t n = static_cast<size_t>(s.h) * s.w;
-    const uint8_t* in = s.data;
-    uint8_t* out = d.data;
-    const __m256i w = _mm256_set1_epi64x(static_cast<long long>(kGrayB) |
-                                         static_cast<long long>(kGrayG) << 16 |
-                                         static_cast<long long>(kGrayR) << 32);
-    const __m256i zero = _mm256_setzero_si256();
-    const __m256i round = _mm256_set1_epi32(1 << 13);
-    size_t i = 0;
-    for (; i + 32 <= n; i += 32) {
-        __m256i sum[4];
-        for (int k = 0; k < 4; ++k) {
-            const __m256i v =
-                _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + (i + 8 * k) * 4));
-            // Pixels (0, 1 | 4, 5) and (2, 3 | 6, 7) as 16-bit B G R A.
-            const __m256i lo = _mm256_madd_epi16(_mm256_unpacklo_epi8(v, zero), w);
-            const __m256i hi = _mm256_madd_epi16(_mm256_unpackhi_epi8(v, zero), w);
-            sum[k] = _mm256_srli_epi32(_mm256_add_epi32(_mm256_hadd_epi32(lo, hi), round), 14);
-        }
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i),
-                            PackBytes(sum[0], sum[1], sum[2], sum[3]));
-    }
-    for (; i < n; ++i) {
-        const uint8_t* p = in + i * 4;
-        out[i] = static_cast<uint8_t>((kGrayB * p[0] + kGrayG * p[1] + kGrayR * p[2] + 8192) >> 14);
-    }
 }
 
 // --- two-plane YUV --------------------------------------------------------
@@ -277,7 +215,7 @@ void F_ColorCvt_BGRA8888_To_Gray8_Fallback(const TensorPtr& src, const TensorPtr
         return Refuse(kName, src, dst, "dst must be a u8 HWC image {H, W, 1} of src");
     }
     if (detail::Overlap(s, d)) return Refuse(kName, src, dst, "src and dst share storage");
-    BgraToGray(s, d);
+    kernels::BgraToGray(s.data, d.data, static_cast<size_t>(s.h) * s.w);
 }
 
 }  // namespace functional

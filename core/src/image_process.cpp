@@ -16,6 +16,7 @@
 #include <string>
 
 #include "image_process_kernels.h"
+#include "kernels/planar.h"
 
 namespace quvas {
 namespace kernel {
@@ -189,16 +190,16 @@ void Execute(int code, const View& i, const View& o, double x0, double y0, doubl
     const size_t plane = static_cast<size_t>(o.d1) * static_cast<size_t>(o.d2);
     switch (code) {
         case op::kPack4ToPlanar012:
-            ipk::SplitPlanes(i.data, 4, plane, o.data, o.data + plane, o.data + 2 * plane);
+            kernels::SplitPlanes(i.data, 4, plane, o.data, o.data + plane, o.data + 2 * plane);
             return;
         case op::kPack4ToPlanar210:
-            ipk::SplitPlanes(i.data, 4, plane, o.data + 2 * plane, o.data + plane, o.data);
+            kernels::SplitPlanes(i.data, 4, plane, o.data + 2 * plane, o.data + plane, o.data);
             return;
         case op::kPack3ToPlanar012:
-            ipk::SplitPlanes(i.data, 3, plane, o.data, o.data + plane, o.data + 2 * plane);
+            kernels::SplitPlanes(i.data, 3, plane, o.data, o.data + plane, o.data + 2 * plane);
             return;
         case op::kPack3ToPlanar210:
-            ipk::SplitPlanes(i.data, 3, plane, o.data + 2 * plane, o.data + plane, o.data);
+            kernels::SplitPlanes(i.data, 3, plane, o.data + 2 * plane, o.data + plane, o.data);
             return;
         case op::kYUV420PlanarToRGB: {
             const uint8_t* u = i.data + plane;
@@ -214,10 +215,11 @@ void Execute(int code, const View& i, const View& o, double x0, double y0, doubl
             for (int c = 0; c < i.d0; ++c) {
                 const uint8_t* s = i.data + c * plane;
                 uint8_t* d = o.data + c * plane;
-                if (code == op::kRotate90) ipk::TurnPlane90(s, i.d1, i.d2, d);
-                if (code == op::kRotate180) ipk::TurnPlane180(s, i.d1, i.d2, d);
-                if (code == op::kRotate270) ipk::TurnPlane270(s, i.d1, i.d2, d);
-                if (code == op::kMirror) ipk::MirrorPlane(s, i.d1, i.d2, d);
+                const int h = i.d1, w = i.d2;
+                if (code == op::kRotate90) kernels::RotateClockwise90(s, w, d, h, w, h, 1);
+                if (code == op::kRotate180) kernels::Rotate180(s, w, d, w, w, h, 1);
+                if (code == op::kRotate270) kernels::RotateClockwise270(s, w, d, h, w, h, 1);
+                if (code == op::kMirror) kernels::Mirror(s, w, d, w, w, h, 1);
             }
             return;
         default:

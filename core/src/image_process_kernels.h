@@ -1,10 +1,12 @@
-// image_process_kernels.h - pixel kernels behind ImageProcessFallback.
+// image_process_kernels.h - the pixel work of ImageProcessFallback that is
+// its own: the 4:2:0 conversion and the resizer's sample positions. Turns,
+// mirror, splits and the resize rows are the shared drivers of
+// kernels/planar.h.
 //
 // Everything here works on contiguous 8-bit images whose shapes the caller
 // has already checked; nothing validates, logs or throws (except std::vector
 // allocation). The arithmetic of each kernel is fixed bit for bit and written
-// down in core/IMAGE_PROCESS.md; the vector paths produce the same bytes as
-// the scalar ones, which only serve the tails.
+// down in core/IMAGE_PROCESS.md.
 #ifndef QUVAS_CORE_IMAGE_PROCESS_KERNELS_H
 #define QUVAS_CORE_IMAGE_PROCESS_KERNELS_H
 
@@ -14,11 +16,6 @@
 namespace quvas {
 namespace kernel {
 namespace ipk {
-
-// Interleaved pixels of `channels` (3 or 4) bytes -> three planes: byte 0 of
-// every pixel to dst0, byte 1 to dst1, byte 2 to dst2 (byte 3 is dropped).
-void SplitPlanes(const uint8_t* src, int channels, size_t pixels, uint8_t* dst0, uint8_t* dst1,
-                 uint8_t* dst2);
 
 // Three-plane 4:2:0 frame (luma h x w, then u and v of (h/2) x (w/2)) ->
 // planar R, G, B of h x w with the full-range BT.601 weights. Odd sizes:
@@ -34,12 +31,6 @@ void Yuv420ToPlanarRgb(const uint8_t* y, const uint8_t* u, const uint8_t* v, int
 // box (0, 0, 1, 1).
 void ResampleBilinear(const uint8_t* src, int sw, int sh, uint8_t* dst, int dw, int dh,
                       int channels, double x0, double y0, double x1, double y1);
-
-// Per plane turns and mirror of an h x w plane (clockwise).
-void TurnPlane90(const uint8_t* src, int h, int w, uint8_t* dst);   // dst is w x h
-void TurnPlane180(const uint8_t* src, int h, int w, uint8_t* dst);  // dst is h x w
-void TurnPlane270(const uint8_t* src, int h, int w, uint8_t* dst);  // dst is w x h
-void MirrorPlane(const uint8_t* src, int h, int w, uint8_t* dst);   // dst is h x w
 
 }  // namespace ipk
 }  // namespace kernel

@@ -655,394 +655,18 @@ QVN_API int32_t QVN_Rect2D_Result_FlipV(QVN_Rect2D* rect) {
 //
 // Plain byte movers: a pixel is `channels` bytes moved as a block, whatever
 // the format. The output is byte for byte the pixel-by-pixel definition; only
-// the order of the work differs. Quarter turns of one-, three- and four-byte
-// pixels go through vector transposes (16 x 16 bytes, 8 x 8 pixels); mirrors
-// and half turns of one to four bytes per pixel through shuffle kernels;
-// every other pixel size takes a tiled path specialised on the size.
-// (libyuv's plane and ARGB turns gave the same bytes but measured 1.3 to 2.3x
-// slower on 1920 x 1080 frames.)
+// the order of the work differs. The pixels move through the core's plane
+// drivers (kernels/planar.h, linked in privately), the same ones behind the
+// core's turn kernels; kernels/README.md says which engine each uses and why.
 
-#include <algorithm>
-#include <cstddef>
+#include "kernels/planar.h"
 
 namespace {
 
-// Moves one pixel whose size is known at compile time: the memcpy becomes a
-// couple of register moves.
-template <int N>
-struct FixedPixel {
-    static constexpr size_t size() { return N; }
-    void operator()(uint8_t* d, const uint8_t* s) const { std::memcpy(d, s, N); }
-};
+namespace kernels = quvas::kernels;
 
-// Any other size.
-struct AnyPixel {
-    size_t n;
-    size_t size() const { return n; }
-    void operator()(uint8_t* d, const uint8_t* s) const { std::memcpy(d, s, n); }
-};
-
-template <class Fn>
-void WithPixel(int n, Fn&& fn) {
-    switch (n) {
-        case 1: fn(FixedPixel<1>()); break;
-        case 2: fn(FixedPixel<2>()); break;
-        case 3: fn(FixedPixel<3>()); break;
-        case 4: fn(FixedPixel<4>()); break;
-        case 5: fn(FixedPixel<5>()); break;
-        case 6: fn(FixedPixel<6>()); break;
-        case 8: fn(FixedPixel<8>()); break;
-        case 12: fn(FixedPixel<12>()); break;
-        case 16: fn(FixedPixel<16>()); break;
-        default: fn(AnyPixel{static_cast<size_t>(n)}); break;
-    }
-}
-
-// Source pixels are visited in tiles of kTile x kTile: the rows a tile reads
-// stay in L1 while its columns are walked, so each source cache line is
-// fetched once rather than once per destination row.
-constexpr int kTile = 32;
-
-// Quarter turn of the source pixels x in [xb, xe), y in [yb, ye) of a w x h
-// image into the h x w destination. Source (x, y) lands on destination row x,
-// column h - 1 - y when clockwise; on row w - 1 - x, column y otherwise.
-template <class Pixel>
-void RotateRegion(const uint8_t* src, uint8_t* dst, int w, int h, bool clockwise, int xb, int xe,
-                  int yb, int ye, Pixel px) {
-    const ptrdiff_t n = static_cast<ptrdiff_t>(px.size());
-    const ptrdiff_t src_stride = w * n;
-    const ptrdiff_t dst_stride = h * n;
-    const ptrdiff_t dst_step = clockwise ? -n : n;
-    for (int ty = yb; ty < ye; ty += kTile) {
-        const int ty_end = std::min(ty + kTile, ye);
-        for (int tx = xb; tx < xe; tx += kTile) {
-            const int tx_end = std::min(tx + kTile, xe);
-            for (int x = tx; x < tx_end; ++x) {
-                const ptrdiff_t r = clockwise ? x : w - 1 - x;
-                const ptrdiff_t c = clockwise ? h - 1 - ty : ty;
-                const uint8_t* s = src + ty * src_stride + x * n;
-                uint8_t* d = dst + r * dst_stride + c * n;
-                for (int y = ty; y < ty_end; ++y) {
-                    px(d, s);
-                    s += src_stride;
-                    d += dst_step;
-                }
-            }
-        }
-    }
-}
-
-// Eight pixels of four or three bytes held as the eight 32-bit lanes of an
-// AVX register (a three-byte pixel gets a zero fourth byte).
-struct Lanes4 {
-    static constexpr int kBytes = 4;
-    static __m256 Load(const uint8_t* p) { return _mm256_loadu_ps(reinterpret_cast<const float*>(p)); }
-    static void Store(uint8_t* p, __m256 v) { _mm256_storeu_ps(reinterpret_cast<float*>(p), v); }
-};
-
-struct Lanes3 {
-    static constexpr int kBytes = 3;
-    // Reads exactly the 24 bytes of the eight pixels: bytes 0-15 feed the low
-    // half, bytes 8-23 the high half.
-    static __m256 Load(const uint8_t* p) {
-        const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8));
-        const __m256i both = _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
-        const __m256i spread = _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1,
-                                                4, 5, 6, -1, 7, 8, 9, -1, 10, 11, 12, -1, 13, 14, 15, -1);
-        return _mm256_castsi256_ps(_mm256_shuffle_epi8(both, spread));
-    }
-    // Writes exactly 24 bytes.
-    static void Store(uint8_t* p, __m256 v) {
-        const __m256i pack = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,
-                                              0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
-        __m256i b = _mm256_shuffle_epi8(_mm256_castps_si256(v), pack);
-        b = _mm256_permutevar8x32_epi32(b, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_castsi256_si128(b));
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(p + 16), _mm256_extracti128_si256(b, 1));
-    }
-};
-
-// Transposes the 8 x 8 block of 32-bit lanes held in r[0..7].
-inline void Transpose8x8(__m256 r[8]) {
-    const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]);
-    const __m256 t1 = _mm256_unpackhi_ps(r[0], r[1]);
-    const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]);
-    const __m256 t3 = _mm256_unpackhi_ps(r[2], r[3]);
-    const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]);
-    const __m256 t5 = _mm256_unpackhi_ps(r[4], r[5]);
-    const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]);
-    const __m256 t7 = _mm256_unpackhi_ps(r[6], r[7]);
-    const __m256 s0 = _mm256_shuffle_ps(t0, t2, _MM_SHUFFLE(1, 0, 1, 0));
-    const __m256 s1 = _mm256_shuffle_ps(t0, t2, _MM_SHUFFLE(3, 2, 3, 2));
-    const __m256 s2 = _mm256_shuffle_ps(t1, t3, _MM_SHUFFLE(1, 0, 1, 0));
-    const __m256 s3 = _mm256_shuffle_ps(t1, t3, _MM_SHUFFLE(3, 2, 3, 2));
-    const __m256 s4 = _mm256_shuffle_ps(t4, t6, _MM_SHUFFLE(1, 0, 1, 0));
-    const __m256 s5 = _mm256_shuffle_ps(t4, t6, _MM_SHUFFLE(3, 2, 3, 2));
-    const __m256 s6 = _mm256_shuffle_ps(t5, t7, _MM_SHUFFLE(1, 0, 1, 0));
-    const __m256 s7 = _mm256_shuffle_ps(t5, t7, _MM_SHUFFLE(3, 2, 3, 2));
-    r[0] = _mm256_permute2f128_ps(s0, s4, 0x20);
-    r[1] = _mm256_permute2f128_ps(s1, s5, 0x20);
-    r[2] = _mm256_permute2f128_ps(s2, s6, 0x20);
-    r[3] = _mm256_permute2f128_ps(s3, s7, 0x20);
-    r[4] = _mm256_permute2f128_ps(s0, s4, 0x31);
-    r[5] = _mm256_permute2f128_ps(s1, s5, 0x31);
-    r[6] = _mm256_permute2f128_ps(s2, s6, 0x31);
-    r[7] = _mm256_permute2f128_ps(s3, s7, 0x31);
-}
-
-// Quarter turn of three- or four-byte pixels: whole 8 x 8 blocks through
-// vector transposes, tile by tile, and the strips left at the right and
-// bottom edges (fewer than eight columns or rows) one pixel at a time.
-//
-// A tile is 16 source rows by 256 columns: two block rows fill whole 64-byte
-// lines of every destination row they touch, and the 16 source rows are read
-// as long sequential runs. (Square 32 x 32 and 64 x 64 tiles measured 1.1 to
-// 2x slower on 1920 x 1080 frames.)
-constexpr int kBlockTileRows = 16;
-constexpr int kBlockTileCols = 256;
-
-template <class L>
-void RotateQuarterBlocks(const uint8_t* src, uint8_t* dst, int w, int h, bool clockwise) {
-    constexpr ptrdiff_t n = L::kBytes;
-    const ptrdiff_t src_stride = w * n;
-    const ptrdiff_t dst_stride = h * n;
-    const int w8 = w & ~7;
-    const int h8 = h & ~7;
-    for (int ty = 0; ty < h8; ty += kBlockTileRows) {
-        const int ty_end = std::min(ty + kBlockTileRows, h8);
-        for (int tx = 0; tx < w8; tx += kBlockTileCols) {
-            const int tx_end = std::min(tx + kBlockTileCols, w8);
-            for (int y0 = ty; y0 < ty_end; y0 += 8) {
-                for (int x0 = tx; x0 < tx_end; x0 += 8) {
-                    __m256 r[8];
-                    const uint8_t* s = src + y0 * src_stride + x0 * n;
-                    // Clockwise, a destination row runs up the source column:
-                    // load the rows bottom first so that each transposed row is
-                    // already in destination order.
-                    for (int i = 0; i < 8; ++i) r[i] = L::Load(s + (clockwise ? 7 - i : i) * src_stride);
-                    Transpose8x8(r);
-                    if (clockwise) {
-                        uint8_t* d = dst + x0 * dst_stride + (h - 8 - y0) * n;
-                        for (int j = 0; j < 8; ++j) L::Store(d + j * dst_stride, r[j]);
-                    } else {
-                        uint8_t* d = dst + (w - 1 - x0) * dst_stride + y0 * n;
-                        for (int j = 0; j < 8; ++j) L::Store(d - j * dst_stride, r[j]);
-                    }
-                }
-            }
-        }
-    }
-    const FixedPixel<L::kBytes> px;
-    RotateRegion(src, dst, w, h, clockwise, w8, w, 0, h, px);   // right strip
-    RotateRegion(src, dst, w, h, clockwise, 0, w8, h8, h, px);  // bottom strip
-}
-
-// Transposes two 16 x 16 byte blocks at once, one in each 128-bit half of
-// r[0..15] (all unpacks stay within a half). Four rounds of interleaving
-// (bytes, then pairs, quads and eights) move byte j of row i to byte i of
-// row j.
-inline void Transpose16x16BytesX2(__m256i r[16]) {
-    __m256i a[16];
-    __m256i b[16];
-    // a[8g + k]: columns 8g..8g+7 of rows 2k, 2k+1.
-    for (int k = 0; k < 8; ++k) {
-        a[k] = _mm256_unpacklo_epi8(r[2 * k], r[2 * k + 1]);
-        a[8 + k] = _mm256_unpackhi_epi8(r[2 * k], r[2 * k + 1]);
-    }
-    // b[4c + m]: columns 4c..4c+3 of rows 4m..4m+3.
-    for (int g = 0; g < 2; ++g) {
-        for (int m = 0; m < 4; ++m) {
-            b[8 * g + m] = _mm256_unpacklo_epi16(a[8 * g + 2 * m], a[8 * g + 2 * m + 1]);
-            b[8 * g + 4 + m] = _mm256_unpackhi_epi16(a[8 * g + 2 * m], a[8 * g + 2 * m + 1]);
-        }
-    }
-    // a[4c + 2p + q]: columns 4c + 2q, 4c + 2q + 1 of rows 8p..8p+7.
-    for (int c = 0; c < 4; ++c) {
-        for (int p = 0; p < 2; ++p) {
-            a[4 * c + 2 * p] = _mm256_unpacklo_epi32(b[4 * c + 2 * p], b[4 * c + 2 * p + 1]);
-            a[4 * c + 2 * p + 1] = _mm256_unpackhi_epi32(b[4 * c + 2 * p], b[4 * c + 2 * p + 1]);
-        }
-    }
-    // r[j]: column j of all 16 rows.
-    for (int c = 0; c < 4; ++c) {
-        for (int q = 0; q < 2; ++q) {
-            r[4 * c + 2 * q] = _mm256_unpacklo_epi64(a[4 * c + q], a[4 * c + 2 + q]);
-            r[4 * c + 2 * q + 1] = _mm256_unpackhi_epi64(a[4 * c + q], a[4 * c + 2 + q]);
-        }
-    }
-}
-
-// Quarter turn of one-byte pixels in steps of 16 source rows by 32 columns
-// (two 16 x 16 byte transposes side by side), in tiles of 64 rows so that
-// every destination row gets whole 64-byte lines; edge strips one pixel at a
-// time.
-void RotateQuarterBytes(const uint8_t* src, uint8_t* dst, int w, int h, bool clockwise) {
-    const ptrdiff_t src_stride = w;
-    const ptrdiff_t dst_stride = h;
-    const int w32 = w & ~31;
-    const int h16 = h & ~15;
-    for (int ty = 0; ty < h16; ty += 64) {
-        const int ty_end = std::min(ty + 64, h16);
-        for (int tx = 0; tx < w32; tx += kBlockTileCols) {
-            const int tx_end = std::min(tx + kBlockTileCols, w32);
-            for (int y0 = ty; y0 < ty_end; y0 += 16) {
-                for (int x0 = tx; x0 < tx_end; x0 += 32) {
-                    __m256i r[16];
-                    const uint8_t* s = src + y0 * src_stride + x0;
-                    for (int i = 0; i < 16; ++i) {
-                        r[i] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(
-                            s + (clockwise ? 15 - i : i) * src_stride));
-                    }
-                    Transpose16x16BytesX2(r);
-                    // The low halves hold columns x0..x0+15, the high halves
-                    // columns x0+16..x0+31.
-                    for (int j = 0; j < 16; ++j) {
-                        const ptrdiff_t lo_row = clockwise ? x0 + j : w - 1 - x0 - j;
-                        const ptrdiff_t hi_row = clockwise ? x0 + 16 + j : w - 17 - x0 - j;
-                        const ptrdiff_t col = clockwise ? h - 16 - y0 : y0;
-                        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + lo_row * dst_stride + col),
-                                         _mm256_castsi256_si128(r[j]));
-                        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + hi_row * dst_stride + col),
-                                         _mm256_extracti128_si256(r[j], 1));
-                    }
-                }
-            }
-        }
-    }
-    const FixedPixel<1> px;
-    RotateRegion(src, dst, w, h, clockwise, w32, w, 0, h, px);    // right strip
-    RotateRegion(src, dst, w, h, clockwise, 0, w32, h16, h, px);  // bottom strip
-}
-
-// Mirror kernels: each reverses one block of kPixels pixels. `s` points at the
-// leftmost source pixel of the block, `d` at the leftmost destination pixel.
-struct MirrorBlock1 {
-    static constexpr int kBytes = 1;
-    static constexpr int kPixels = 32;
-    static void Run(const uint8_t* s, uint8_t* d) {
-        const __m256i reverse = _mm256_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0,
-                                                 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
-        __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
-        v = _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, reverse), 0x4E);
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), v);
-    }
-};
-
-struct MirrorBlock2 {
-    static constexpr int kBytes = 2;
-    static constexpr int kPixels = 16;
-    static void Run(const uint8_t* s, uint8_t* d) {
-        const __m256i reverse = _mm256_setr_epi8(14, 15, 12, 13, 10, 11, 8, 9, 6, 7, 4, 5, 2, 3, 0, 1,
-                                                 14, 15, 12, 13, 10, 11, 8, 9, 6, 7, 4, 5, 2, 3, 0, 1);
-        __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
-        v = _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, reverse), 0x4E);
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), v);
-    }
-};
-
-// Both halves of one shuffle read the same 24 bytes: the low half takes
-// pixels 7..4 from bytes 8-23, the high half pixels 3..0 from bytes 0-15.
-// Exactly 24 bytes are read and written.
-struct MirrorBlock3 {
-    static constexpr int kBytes = 3;
-    static constexpr int kPixels = 8;
-    static void Run(const uint8_t* s, uint8_t* d) {
-        const __m256i reverse = _mm256_setr_epi8(13, 14, 15, 10, 11, 12, 7, 8, 9, 4, 5, 6, -1, -1, -1, -1,
-                                                 9, 10, 11, 6, 7, 8, 3, 4, 5, 0, 1, 2, -1, -1, -1, -1);
-        const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
-        const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 8));
-        __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(hi), lo, 1);
-        v = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(v, reverse),
-                                        _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(v));
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 16), _mm256_extracti128_si256(v, 1));
-    }
-};
-
-struct MirrorBlock4 {
-    static constexpr int kBytes = 4;
-    static constexpr int kPixels = 8;
-    static void Run(const uint8_t* s, uint8_t* d) {
-        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d),
-                            _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0)));
-    }
-};
-
-// Mirrors h rows of w pixels. Destination row y receives source row y, or
-// source row h - 1 - y when `upside_down` (which makes it a half turn).
-//
-// A source row is read from its right end, a descending run that the hardware
-// prefetcher picks up only after a few lines. A half turn reads the rows
-// bottom up, so the whole image is one descending stream; a mirror restarts
-// the run at every row and measured 1.3 to 2x slower than the half turn for
-// the same bytes. So while a row is mirrored, the next source row is
-// prefetched at the same column.
-template <class K>
-void MirrorRowsBlocks(const uint8_t* src, uint8_t* dst, int w, int h, bool upside_down) {
-    constexpr ptrdiff_t n = K::kBytes;
-    constexpr int k = K::kPixels;
-    const ptrdiff_t stride = w * n;
-    for (int y = 0; y < h; ++y) {
-        const uint8_t* s = src + (upside_down ? h - 1 - y : y) * stride;
-        uint8_t* d = dst + y * stride;
-        const bool prefetch = !upside_down && y + 1 < h;
-        int x = 0;
-        for (; x + k <= w; x += k) {
-            const uint8_t* block = s + (w - k - x) * n;
-            if (prefetch) _mm_prefetch(reinterpret_cast<const char*>(block + stride), _MM_HINT_T0);
-            K::Run(block, d + x * n);
-        }
-        for (; x < w; ++x) std::memcpy(d + x * n, s + (w - 1 - x) * n, n);
-    }
-}
-
-// Any pixel size, one pixel at a time.
-template <class Pixel>
-void MirrorRowsGeneric(const uint8_t* src, uint8_t* dst, int w, int h, bool upside_down,
-                       Pixel px) {
-    const ptrdiff_t n = static_cast<ptrdiff_t>(px.size());
-    const ptrdiff_t stride = w * n;
-    for (int y = 0; y < h; ++y) {
-        const uint8_t* s = src + (upside_down ? h - 1 - y : y) * stride + stride - n;
-        uint8_t* d = dst + y * stride;
-        for (int x = 0; x < w; ++x) {
-            px(d, s);
-            d += n;
-            s -= n;
-        }
-    }
-}
-
-void RotateQuarter(const uint8_t* src, uint8_t* dst, int w, int h, int n, bool clockwise) {
-    switch (n) {
-        case 1:
-            RotateQuarterBytes(src, dst, w, h, clockwise);
-            return;
-        case 3:
-            RotateQuarterBlocks<Lanes3>(src, dst, w, h, clockwise);
-            return;
-        case 4:
-            RotateQuarterBlocks<Lanes4>(src, dst, w, h, clockwise);
-            return;
-        default:
-            WithPixel(n, [&](auto px) { RotateRegion(src, dst, w, h, clockwise, 0, w, 0, h, px); });
-            return;
-    }
-}
-
-void MirrorRows(const uint8_t* src, uint8_t* dst, int w, int h, int n, bool upside_down) {
-    switch (n) {
-        case 1: MirrorRowsBlocks<MirrorBlock1>(src, dst, w, h, upside_down); return;
-        case 2: MirrorRowsBlocks<MirrorBlock2>(src, dst, w, h, upside_down); return;
-        case 3: MirrorRowsBlocks<MirrorBlock3>(src, dst, w, h, upside_down); return;
-        case 4: MirrorRowsBlocks<MirrorBlock4>(src, dst, w, h, upside_down); return;
-        default:
-            WithPixel(n, [&](auto px) { MirrorRowsGeneric(src, dst, w, h, upside_down, px); });
-            return;
-    }
-}
+// Bytes in a packed row of w pixels of n bytes.
+inline ptrdiff_t Pitch(int w, int n) { return static_cast<ptrdiff_t>(w) * n; }
 
 }  // namespace
 
@@ -1068,7 +692,7 @@ QVN_API int32_t QVN_Clockwise_Rotate_Image_CPU(const QVN_Image* src, QVN_Image* 
             return QVN_RESULT_SUCCESS;
         }
         case 90:
-            if (move) RotateQuarter(src->data, dst->data, w, h, n, true);
+            if (move) kernels::RotateClockwise90(src->data, Pitch(w, n), dst->data, Pitch(h, n), w, h, n);
             dst->width = h;
             dst->height = w;
             dst->channels = n;
@@ -1078,7 +702,7 @@ QVN_API int32_t QVN_Clockwise_Rotate_Image_CPU(const QVN_Image* src, QVN_Image* 
             dst->rect.y1 = r.x1;
             return QVN_RESULT_SUCCESS;
         case 180:
-            if (move) MirrorRows(src->data, dst->data, w, h, n, true);
+            if (move) kernels::Rotate180(src->data, Pitch(w, n), dst->data, Pitch(w, n), w, h, n);
             dst->width = w;
             dst->height = h;
             dst->channels = n;
@@ -1088,7 +712,7 @@ QVN_API int32_t QVN_Clockwise_Rotate_Image_CPU(const QVN_Image* src, QVN_Image* 
             dst->rect.y1 = 1.0f - r.y0;
             return QVN_RESULT_SUCCESS;
         case 270:
-            if (move) RotateQuarter(src->data, dst->data, w, h, n, false);
+            if (move) kernels::RotateClockwise270(src->data, Pitch(w, n), dst->data, Pitch(h, n), w, h, n);
             dst->width = h;
             dst->height = w;
             dst->channels = n;
@@ -1108,7 +732,7 @@ QVN_API int32_t QVN_Mirror_Image_CPU(const QVN_Image* src, QVN_Image* dst) {
     const int h = src->height;
     const int n = src->channels;
     const QVN_Rect2D r = src->rect;
-    if (w > 0 && h > 0 && n > 0) MirrorRows(src->data, dst->data, w, h, n, false);
+    if (w > 0 && h > 0 && n > 0) kernels::Mirror(src->data, Pitch(w, n), dst->data, Pitch(w, n), w, h, n);
     // Only the horizontal extent of the region moves; the caller has set the
     // rest of dst (normally to a copy of src).
     dst->rect.x0 = 1.0f - r.x1;
@@ -1121,14 +745,7 @@ QVN_API int32_t QVN_FlipV_Image_CPU(const QVN_Image* src, QVN_Image* dst) {
     const QVN_Rect2D r = src->rect;
     const int64_t row = static_cast<int64_t>(src->width) * src->channels;
     if (h > 0 && row > 0) {
-        const size_t stride = static_cast<size_t>(row);
-        const uint8_t* s = src->data;
-        uint8_t* d = dst->data + static_cast<size_t>(h - 1) * stride;
-        for (int y = 0; y < h; ++y) {
-            std::memcpy(d, s, stride);
-            s += stride;
-            d -= stride;
-        }
+        kernels::FlipVertical(src->data, row, dst->data, row, static_cast<size_t>(row), h);
     }
     dst->rect.y0 = 1.0f - r.y1;
     dst->rect.y1 = 1.0f - r.y0;

@@ -1,0 +1,130 @@
+// row.h - row kernels: the pixel loops of every image operation of the core
+// and of the kit's image orientation, one row (or one strip) at a time.
+//
+// A row kernel knows nothing of tensors or images: it takes pointers, a
+// width and a few constants, validates nothing and never logs. Each has a
+// plain C twin (row_common.cpp) and an AVX2 version (row_avx2.cpp) that
+// writes the same bytes; the drivers in planar.h call the AVX2 rows (the
+// libraries are built for AVX2, there is no run-time dispatch), and the
+// parity test holds every AVX2 row to its twin. An AVX2 row handles its own
+// tail and never reads or writes a byte outside the ranges its comment
+// names.
+#ifndef QUVAS_CORE_SRC_KERNELS_ROW_H
+#define QUVAS_CORE_SRC_KERNELS_ROW_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace quvas {
+namespace kernels {
+
+// ---------------------------------------------------------------------------
+// Transposes (quarter turns). A strip is kTransposeRows<N> source rows of
+// `width` pixels of N bytes; row i starts at src + i * src_stride (strides in
+// bytes, either sign). Column j of the strip becomes destination row j:
+//   dst + j * dst_stride + i * N  <-  src + i * src_stride + j * N.
+// A quarter turn clockwise feeds the strip's rows bottom up (negative
+// src_stride); a counter-clockwise one writes destination rows bottom up.
+// ---------------------------------------------------------------------------
+template <int N>
+constexpr int kTransposeRows = N == 1 ? 16 : 8;
+
+void TransposeStrip1_C(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst,
+                       ptrdiff_t dst_stride, int width);
+void TransposeStrip2_C(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst,
+                       ptrdiff_t dst_stride, int width);
+void TransposeStrip3_C(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst,
+                       ptrdiff_t dst_stride, int width);
+void TransposeStrip4_C(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst,
+                       ptrdiff_t dst_stride, int width);
+void TransposeStrip1_AVX2(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst,
+                          ptrdiff_t dst_stride, int width);
+void TransposeStrip2_AVX2(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst,
+                          ptrdiff_t dst_stride, int width);
+void TransposeStrip3_AVX2(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst,
+                          ptrdiff_t dst_stride, int width);
+void TransposeStrip4_AVX2(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst,
+                          ptrdiff_t dst_stride, int width);
+
+// Any pixel size and any number of rows: the same map, pixel by pixel.
+void TransposeAny_C(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst, ptrdiff_t dst_stride,
+                    int width, int rows, int pixel_bytes);
+
+// ---------------------------------------------------------------------------
+// Mirrors: dst pixel x = src pixel width - 1 - x, pixels of N bytes. src and
+// dst must not overlap.
+// ---------------------------------------------------------------------------
+void MirrorRow1_C(const uint8_t* src, uint8_t* dst, int width);
+void MirrorRow2_C(const uint8_t* src, uint8_t* dst, int width);
+void MirrorRow3_C(const uint8_t* src, uint8_t* dst, int width);
+void MirrorRow4_C(const uint8_t* src, uint8_t* dst, int width);
+void MirrorRow1_AVX2(const uint8_t* src, uint8_t* dst, int width);
+void MirrorRow2_AVX2(const uint8_t* src, uint8_t* dst, int width);
+void MirrorRow3_AVX2(const uint8_t* src, uint8_t* dst, int width);
+void MirrorRow4_AVX2(const uint8_t* src, uint8_t* dst, int width);
+void MirrorRowAny_C(const uint8_t* src, uint8_t* dst, int width, int pixel_bytes);
+
+// ---------------------------------------------------------------------------
+// Bilinear resize, 11-bit weights. Horizontal pass of one source row of
+// src_width pixels of C bytes: for destination column d with left tap
+// i = index[d] and packed weights pair[d] = (2048 - a) | a << 16,
+//   out[d * C + k] = src[i * C + k] * (2048 - a) + src[(i + 1) * C + k] * a
+// where the right tap is i itself when src_width is 1. index[d] must be at
+// most src_width - 2 when src_width >= 2 (0 otherwise). out holds width * C
+// int32 values. The _x2 form filters two rows with the same columns.
+// ---------------------------------------------------------------------------
+void ScaleColsBilinear1_C(const uint8_t* src, int src_width, const int32_t* index,
+                          const int32_t* pair, int width, int32_t* out);
+void ScaleColsBilinear2_C(const uint8_t* src, int src_width, const int32_t* index,
+                          const int32_t* pair, int width, int32_t* out);
+void ScaleColsBilinear3_C(const uint8_t* src, int src_width, const int32_t* index,
+                          const int32_t* pair, int width, int32_t* out);
+void ScaleColsBilinear4_C(const uint8_t* src, int src_width, const int32_t* index,
+                          const int32_t* pair, int width, int32_t* out);
+void ScaleColsBilinear1_AVX2(const uint8_t* src, int src_width, const int32_t* index,
+                             const int32_t* pair, int width, int32_t* out);
+void ScaleColsBilinear2_AVX2(const uint8_t* src, int src_width, const int32_t* index,
+                             const int32_t* pair, int width, int32_t* out);
+void ScaleColsBilinear3_AVX2(const uint8_t* src, int src_width, const int32_t* index,
+                             const int32_t* pair, int width, int32_t* out);
+void ScaleColsBilinear4_AVX2(const uint8_t* src, int src_width, const int32_t* index,
+                             const int32_t* pair, int width, int32_t* out);
+void ScaleColsBilinear1x2_AVX2(const uint8_t* src0, const uint8_t* src1, int src_width,
+                               const int32_t* index, const int32_t* pair, int width,
+                               int32_t* out0, int32_t* out1);
+
+// Vertical pass: out[i] = (r0[i] * (2048 - a) + r1[i] * a + 2^21) >> 22 for
+// horizontal results r0, r1 of the pass above and 0 <= a <= 2048.
+void BlendRowsBilinear_C(const int32_t* r0, const int32_t* r1, int a, int n, uint8_t* out);
+void BlendRowsBilinear_AVX2(const int32_t* r0, const int32_t* r1, int a, int n, uint8_t* out);
+
+// ---------------------------------------------------------------------------
+// Interleaved to planar: byte 0, 1, 2 of each of n pixels of 3 or 4 bytes
+// to dst0, dst1, dst2 (a fourth byte is dropped).
+// ---------------------------------------------------------------------------
+void SplitRow3_C(const uint8_t* src, uint8_t* dst0, uint8_t* dst1, uint8_t* dst2, size_t n);
+void SplitRow4_C(const uint8_t* src, uint8_t* dst0, uint8_t* dst1, uint8_t* dst2, size_t n);
+void SplitRow3_AVX2(const uint8_t* src, uint8_t* dst0, uint8_t* dst1, uint8_t* dst2, size_t n);
+void SplitRow4_AVX2(const uint8_t* src, uint8_t* dst0, uint8_t* dst1, uint8_t* dst2, size_t n);
+
+// Planar to interleaved: pixel i = (src0[i], src1[i], src2[i] [, src3[i]]).
+void MergeRow3_C(const uint8_t* src0, const uint8_t* src1, const uint8_t* src2, uint8_t* dst,
+                 size_t n);
+void MergeRow4_C(const uint8_t* src0, const uint8_t* src1, const uint8_t* src2,
+                 const uint8_t* src3, uint8_t* dst, size_t n);
+void MergeRow3_AVX2(const uint8_t* src0, const uint8_t* src1, const uint8_t* src2, uint8_t* dst,
+                    size_t n);
+void MergeRow4_AVX2(const uint8_t* src0, const uint8_t* src1, const uint8_t* src2,
+                    const uint8_t* src3, uint8_t* dst, size_t n);
+
+// ---------------------------------------------------------------------------
+// B, G, R, A pixels to BT.601 luma with the weights rounded to 1/16384:
+//   gray = (1868 B + 9617 G + 4899 R + 8192) >> 14
+// ---------------------------------------------------------------------------
+void BgraToGrayRow_C(const uint8_t* src, uint8_t* dst, size_t n);
+void BgraToGrayRow_AVX2(const uint8_t* src, uint8_t* dst, size_t n);
+
+}  // namespace kernels
+}  // namespace quvas
+
+#endif  // QUVAS_CORE_SRC_KERNELS_ROW_H
