@@ -1,0 +1,345 @@
+// Row kernels of the core's pixel-kernel layer: every AVX2 row against its
+// plain C twin, bit for bit, at every width from 1 to 130 (every tail of
+// every vector step), from unaligned pointers, in buffers that end at a page
+// boundary followed by an inaccessible page (an over-read or over-write
+// faults) or start right after one (an under-read faults). The drivers are
+// checked against the pixel-by-pixel definitions, written out here, at odd
+// heights and widths.
+#include <gtest/gtest.h>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "kernels/planar.h"
+#include "kernels/row.h"
+
+namespace {
+
+namespace k = quvas::kernels;
+
+// A writable region of `size` bytes with an inaccessible page on each side.
+// at_end puts the region's last byte just before the back guard, otherwise
+// its first byte just after the front guard.
+class Guarded {
+public:
+    Guarded(size_t size, bool at_end) : size_(size) {
+        page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        span_ = (size + page_ - 1) / page_ * page_ + 2 * page_;
+        void* m = mmap(nullptr, span_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        EXPECT_NE(m, MAP_FAILED);
+        base_ = static_cast<uint8_t*>(m);
+        mprotect(base_, page_, PROT_NONE);
+        mprotect(base_ + span_ - page_, page_, PROT_NONE);
+        data_ = at_end ? base_ + span_ - page_ - size : base_ + page_;
+    }
+    ~Guarded() { munmap(base_, span_); }
+    Guarded(const Guarded&) = delete;
+    Guarded& operator=(const Guarded&) = delete;
+    uint8_t* data() { return data_; }
+    template <typename T>
+    T* as() { return reinterpret_cast<T*>(data_); }
+    std::vector<uint8_t> bytes() const { return std::vector<uint8_t>(data_, data_ + size_); }
+
+private:
+    size_t size_, page_, span_;
+    uint8_t* base_;
+    uint8_t* data_;
+};
+
+std::mt19937& Rng() {
+    static std::mt19937 rng(12);
+    return rng;
+}
+
+void FillRandom(uint8_t* p, size_t n) {
+    for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(Rng()());
+}
+
+constexpr int kMaxWidth = 130;
+
+// Both placements of the buffers, as the loops below run them.
+constexpr bool kPlacements[] = {true, false};
+
+// ---------------------------------------------------------------------------
+// Transposes: a strip read with a positive and with a negative row stride
+// (the two quarter turns), written with positive and negative strides.
+// ---------------------------------------------------------------------------
+
+using StripFn = void (*)(const uint8_t*, ptrdiff_t, uint8_t*, ptrdiff_t, int);
+
+void CheckStrip(StripFn avx2, StripFn twin, int n, int rows) {
+    for (bool at_end : kPlacements) {
+        for (int width = 1; width <= kMaxWidth; ++width) {
+            const ptrdiff_t ss = static_cast<ptrdiff_t>(width) * n + (width % 3);  // odd pads too
+            const ptrdiff_t ds = static_cast<ptrdiff_t>(rows) * n + (width % 2);
+            const size_t src_bytes = static_cast<size_t>(ss) * (rows - 1) + static_cast<size_t>(width) * n;
+            const size_t dst_bytes = static_cast<size_t>(ds) * (width - 1) + static_cast<size_t>(rows) * n;
+            Guarded src(src_bytes, at_end);
+            FillRandom(src.data(), src_bytes);
+            for (int sign : {1, -1}) {
+                const uint8_t* s = sign > 0 ? src.data() : src.data() + ss * (rows - 1);
+                Guarded a(dst_bytes, at_end), b(dst_bytes, !at_end);
+                std::memset(a.data(), 0xA5, dst_bytes);
+                std::memset(b.data(), 0xA5, dst_bytes);
+                avx2(s, sign * ss, a.data(), ds, width);
+                twin(s, sign * ss, b.data(), ds, width);
+                ASSERT_EQ(a.bytes(), b.bytes()) << "pixel " << n << " width " << width << " sign " << sign;
+                // Destination rows written bottom up.
+                Guarded c(dst_bytes, at_end), e(dst_bytes, !at_end);
+                std::memset(c.data(), 0x5A, dst_bytes);
+                std::memset(e.data(), 0x5A, dst_bytes);
+                avx2(s, sign * ss, c.data() + ds * (width - 1), -ds, width);
+                twin(s, sign * ss, e.data() + ds * (width - 1), -ds, width);
+                ASSERT_EQ(c.bytes(), e.bytes()) << "pixel " << n << " width " << width << " backwards";
+            }
+        }
+    }
+}
+
+TEST(KernelRows, TransposeStripsMatchTheirTwins) {
+    CheckStrip(k::TransposeStrip1_AVX2, k::TransposeStrip1_C, 1, k::kTransposeRows<1>);
+    CheckStrip(k::TransposeStrip2_AVX2, k::TransposeStrip2_C, 2, k::kTransposeRows<2>);
+    CheckStrip(k::TransposeStrip3_AVX2, k::TransposeStrip3_C, 3, k::kTransposeRows<3>);
+    CheckStrip(k::TransposeStrip4_AVX2, k::TransposeStrip4_C, 4, k::kTransposeRows<4>);
+}
+
+// ---------------------------------------------------------------------------
+// Mirrors
+// ---------------------------------------------------------------------------
+
+using MirrorFn = void (*)(const uint8_t*, uint8_t*, int);
+
+void CheckMirror(MirrorFn avx2, MirrorFn twin, int n) {
+    for (bool at_end : kPlacements) {
+        for (int width = 1; width <= kMaxWidth; ++width) {
+            const size_t bytes = static_cast<size_t>(width) * n;
+            Guarded src(bytes, at_end), a(bytes, at_end), b(bytes, !at_end);
+            FillRandom(src.data(), bytes);
+            avx2(src.data(), a.data(), width);
+            twin(src.data(), b.data(), width);
+            ASSERT_EQ(a.bytes(), b.bytes()) << "pixel " << n << " width " << width;
+        }
+    }
+}
+
+TEST(KernelRows, MirrorRowsMatchTheirTwins) {
+    CheckMirror(k::MirrorRow1_AVX2, k::MirrorRow1_C, 1);
+    CheckMirror(k::MirrorRow2_AVX2, k::MirrorRow2_C, 2);
+    CheckMirror(k::MirrorRow3_AVX2, k::MirrorRow3_C, 3);
+    CheckMirror(k::MirrorRow4_AVX2, k::MirrorRow4_C, 4);
+}
+
+// ---------------------------------------------------------------------------
+// Bilinear resize rows
+// ---------------------------------------------------------------------------
+
+using ColsFn = void (*)(const uint8_t*, int, const int32_t*, const int32_t*, int, int32_t*);
+
+// A column table as the resizers build them: indices never decrease and stay
+// at most sw - 2 (0 for a one-pixel row); weights anywhere in 0..2048, the
+// ends included, with the last pixel reached as (sw - 2, 2048).
+void RandomTable(int sw, int width, std::vector<int32_t>* index, std::vector<int32_t>* pair) {
+    index->resize(width);
+    pair->resize(width);
+    const int top = sw >= 2 ? sw - 2 : 0;
+    std::vector<int32_t> picks(width);
+    for (int& p : picks) p = static_cast<int>(Rng()() % (top + 1));
+    std::sort(picks.begin(), picks.end());
+    for (int d = 0; d < width; ++d) {
+        const uint32_t r = Rng()() % 8;
+        const uint32_t a = r == 0 ? 0 : r == 1 ? 2048 : Rng()() % 2049;
+        (*index)[d] = picks[d];
+        (*pair)[d] = static_cast<int32_t>((2048 - a) | (a << 16));
+    }
+    if (sw >= 2 && width > 1) {
+        (*index)[width - 1] = top;  // the right end of the row is read
+        (*pair)[width - 1] = static_cast<int32_t>(2048u << 16);
+    }
+}
+
+void CheckCols(ColsFn avx2, ColsFn twin, int c) {
+    std::vector<int32_t> index, pair;
+    for (bool at_end : kPlacements) {
+        for (int width = 1; width <= kMaxWidth; ++width) {
+            for (int sw : {1, 2, 3, width, width + 7, 3 * width + 1}) {
+                RandomTable(sw, width, &index, &pair);
+                const size_t src_bytes = static_cast<size_t>(sw) * c;
+                const size_t out_bytes = static_cast<size_t>(width) * c * 4;
+                Guarded src(src_bytes, at_end), a(out_bytes, at_end), b(out_bytes, !at_end);
+                FillRandom(src.data(), src_bytes);
+                avx2(src.data(), sw, index.data(), pair.data(), width, a.as<int32_t>());
+                twin(src.data(), sw, index.data(), pair.data(), width, b.as<int32_t>());
+                ASSERT_EQ(a.bytes(), b.bytes()) << "channels " << c << " width " << width << " sw " << sw;
+            }
+        }
+    }
+}
+
+TEST(KernelRows, BilinearColumnRowsMatchTheirTwins) {
+    CheckCols(k::ScaleColsBilinear1_AVX2, k::ScaleColsBilinear1_C, 1);
+    CheckCols(k::ScaleColsBilinear2_AVX2, k::ScaleColsBilinear2_C, 2);
+    CheckCols(k::ScaleColsBilinear3_AVX2, k::ScaleColsBilinear3_C, 3);
+    CheckCols(k::ScaleColsBilinear4_AVX2, k::ScaleColsBilinear4_C, 4);
+    // Two rows at once against the twin on each.
+    std::vector<int32_t> index, pair;
+    for (int width = 1; width <= kMaxWidth; ++width) {
+        for (int sw : {1, 2, width + 1, 2 * width + 3}) {
+            RandomTable(sw, width, &index, &pair);
+            Guarded s0(sw, true), s1(sw, false);
+            FillRandom(s0.data(), sw);
+            FillRandom(s1.data(), sw);
+            const size_t out_bytes = static_cast<size_t>(width) * 4;
+            Guarded a0(out_bytes, true), a1(out_bytes, false), b0(out_bytes, true), b1(out_bytes, true);
+            k::ScaleColsBilinear1x2_AVX2(s0.data(), s1.data(), sw, index.data(), pair.data(), width,
+                                         a0.as<int32_t>(), a1.as<int32_t>());
+            k::ScaleColsBilinear1_C(s0.data(), sw, index.data(), pair.data(), width, b0.as<int32_t>());
+            k::ScaleColsBilinear1_C(s1.data(), sw, index.data(), pair.data(), width, b1.as<int32_t>());
+            ASSERT_EQ(a0.bytes(), b0.bytes()) << "width " << width << " sw " << sw;
+            ASSERT_EQ(a1.bytes(), b1.bytes()) << "width " << width << " sw " << sw;
+        }
+    }
+}
+
+TEST(KernelRows, BilinearBlendRowsMatchTheirTwin) {
+    for (bool at_end : kPlacements) {
+        for (int n = 1; n <= kMaxWidth; ++n) {
+            for (int a : {0, 1, 1023, 1024, 2047, 2048, static_cast<int>(Rng()() % 2049)}) {
+                const size_t in_bytes = static_cast<size_t>(n) * 4;
+                Guarded r0(in_bytes, at_end), r1(in_bytes, !at_end);
+                // Horizontal sums lie in 0 .. 255 * 2048; the ends are included.
+                for (int i = 0; i < n; ++i) {
+                    const uint32_t pick = Rng()() % 8;
+                    r0.as<int32_t>()[i] = pick == 0 ? 0 : pick == 1 ? 255 * 2048 : Rng()() % (255 * 2048 + 1);
+                    r1.as<int32_t>()[i] = pick == 2 ? 0 : pick == 3 ? 255 * 2048 : Rng()() % (255 * 2048 + 1);
+                }
+                Guarded x(n, at_end), y(n, !at_end);
+                k::BlendRowsBilinear_AVX2(r0.as<int32_t>(), r1.as<int32_t>(), a, n, x.data());
+                k::BlendRowsBilinear_C(r0.as<int32_t>(), r1.as<int32_t>(), a, n, y.data());
+                ASSERT_EQ(x.bytes(), y.bytes()) << "n " << n << " a " << a;
+            }
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Splits, merges and gray: runs of n pixels.
+// ---------------------------------------------------------------------------
+
+TEST(KernelRows, SplitsMergesAndGrayMatchTheirTwins) {
+    using SplitFn = void (*)(const uint8_t*, uint8_t*, uint8_t*, uint8_t*, size_t);
+    const struct {
+        SplitFn avx2, twin;
+        int c;
+    } splits[] = {{k::SplitRow3_AVX2, k::SplitRow3_C, 3}, {k::SplitRow4_AVX2, k::SplitRow4_C, 4}};
+    for (bool at_end : kPlacements) {
+        for (size_t n = 1; n <= kMaxWidth; ++n) {
+            for (const auto& s : splits) {
+                Guarded src(n * s.c, at_end);
+                FillRandom(src.data(), n * s.c);
+                Guarded a0(n, at_end), a1(n, !at_end), a2(n, at_end);
+                Guarded b0(n, at_end), b1(n, at_end), b2(n, at_end);
+                s.avx2(src.data(), a0.data(), a1.data(), a2.data(), n);
+                s.twin(src.data(), b0.data(), b1.data(), b2.data(), n);
+                ASSERT_EQ(a0.bytes(), b0.bytes()) << s.c << " " << n;
+                ASSERT_EQ(a1.bytes(), b1.bytes()) << s.c << " " << n;
+                ASSERT_EQ(a2.bytes(), b2.bytes()) << s.c << " " << n;
+            }
+            Guarded p0(n, at_end), p1(n, !at_end), p2(n, at_end), p3(n, !at_end);
+            for (Guarded* p : {&p0, &p1, &p2, &p3}) FillRandom(p->data(), n);
+            Guarded m3a(3 * n, at_end), m3b(3 * n, !at_end), m4a(4 * n, at_end), m4b(4 * n, !at_end);
+            k::MergeRow3_AVX2(p0.data(), p1.data(), p2.data(), m3a.data(), n);
+            k::MergeRow3_C(p0.data(), p1.data(), p2.data(), m3b.data(), n);
+            ASSERT_EQ(m3a.bytes(), m3b.bytes()) << n;
+            k::MergeRow4_AVX2(p0.data(), p1.data(), p2.data(), p3.data(), m4a.data(), n);
+            k::MergeRow4_C(p0.data(), p1.data(), p2.data(), p3.data(), m4b.data(), n);
+            ASSERT_EQ(m4a.bytes(), m4b.bytes()) << n;
+
+            Guarded bgra(4 * n, at_end), ga(n, at_end), gb(n, !at_end);
+            FillRandom(bgra.data(), 4 * n);
+            if (n % 5 == 0) std::memset(bgra.data(), 255, 4 * n);  // the largest sums
+            k::BgraToGrayRow_AVX2(bgra.data(), ga.data(), n);
+            k::BgraToGrayRow_C(bgra.data(), gb.data(), n);
+            ASSERT_EQ(ga.bytes(), gb.bytes()) << n;
+        }
+    }
+}
+
+// The twins themselves against the written definitions, on values worked
+// out by hand.
+TEST(KernelRows, TwinsFollowTheirDefinitions) {
+    // (1868 B + 9617 G + 4899 R + 8192) >> 14
+    const uint8_t bgra[] = {255, 255, 255, 0, 0, 0, 255, 9, 255, 0, 0, 7, 0, 255, 0, 1, 10, 20, 30, 40};
+    uint8_t gray[5];
+    k::BgraToGrayRow_C(bgra, gray, 5);
+    EXPECT_EQ(gray[0], 255);  // 16384 * 255 + 8192 >> 14
+    EXPECT_EQ(gray[1], 76);   // (4899 * 255 + 8192) >> 14 = 76.7 -> 76
+    EXPECT_EQ(gray[2], 29);   // (1868 * 255 + 8192) >> 14 = 29.57 -> 29
+    EXPECT_EQ(gray[3], 150);  // (9617 * 255 + 8192) >> 14 = 150.18 -> 150
+    EXPECT_EQ(gray[4], 22);   // (18680 + 192340 + 146970 + 8192) >> 14 = 22.35 -> 22
+
+    // Horizontal: 100 * (2048 - 512) + 200 * 512 at the left tap 1.
+    const uint8_t row[] = {0, 100, 200, 50};
+    const int32_t index[] = {1, 2, 0};
+    const int32_t pair[] = {(2048 - 512) | 512 << 16, 2048 << 16, 2048};
+    int32_t out[3];
+    k::ScaleColsBilinear1_C(row, 4, index, pair, 3, out);
+    EXPECT_EQ(out[0], 100 * 1536 + 200 * 512);
+    EXPECT_EQ(out[1], 50 * 2048);  // the last pixel as the second tap at full weight
+    EXPECT_EQ(out[2], 0);
+
+    // Vertical: halfway between 255 and 0 is 127.5, rounded up; a quarter of
+    // the way from 0 to 255 is 63.75 -> 64; 1/2048 of 255 is 0.12 -> 0.
+    const int32_t top[] = {255 * 2048, 0, 0};
+    const int32_t bottom[] = {0, 255 * 2048, 255 * 2048};
+    uint8_t blended[3];
+    k::BlendRowsBilinear_C(top, bottom, 1024, 1, blended);
+    k::BlendRowsBilinear_C(top + 1, bottom + 1, 512, 1, blended + 1);
+    k::BlendRowsBilinear_C(top + 2, bottom + 2, 1, 1, blended + 2);
+    EXPECT_EQ(blended[0], 128);
+    EXPECT_EQ(blended[1], 64);
+    EXPECT_EQ(blended[2], 0);
+}
+
+// ---------------------------------------------------------------------------
+// Drivers against the pixel-by-pixel definitions.
+// ---------------------------------------------------------------------------
+
+TEST(KernelDrivers, TurnsAndMirrorsFollowTheDefinitions) {
+    for (int n : {1, 2, 3, 4, 5, 8}) {
+        for (int h : {1, 7, 9, 15, 17, 33, 65}) {
+            for (int w : {1, 8, 31, 33, 61, 257, 300}) {
+                const ptrdiff_t ss = static_cast<ptrdiff_t>(w) * n + 3;  // padded source rows
+                std::vector<uint8_t> src(static_cast<size_t>(ss) * h);
+                FillRandom(src.data(), src.size());
+                auto at = [&](int x, int y) { return &src[static_cast<size_t>(y) * ss + static_cast<size_t>(x) * n]; };
+                const size_t bytes = static_cast<size_t>(w) * h * n;
+                std::vector<uint8_t> cw(bytes), ccw(bytes), half(bytes), mirror(bytes);
+                k::RotateClockwise90(src.data(), ss, cw.data(), static_cast<ptrdiff_t>(h) * n, w, h, n);
+                k::RotateClockwise270(src.data(), ss, ccw.data(), static_cast<ptrdiff_t>(h) * n, w, h, n);
+                k::Rotate180(src.data(), ss, half.data(), static_cast<ptrdiff_t>(w) * n, w, h, n);
+                k::Mirror(src.data(), ss, mirror.data(), static_cast<ptrdiff_t>(w) * n, w, h, n);
+                for (int y = 0; y < h; ++y) {
+                    for (int x = 0; x < w; ++x) {
+                        // Turned images are h wide.
+                        const size_t turned = (static_cast<size_t>(x) * h + (h - 1 - y)) * n;
+                        const size_t turned_ccw = (static_cast<size_t>(w - 1 - x) * h + y) * n;
+                        const size_t flipped = (static_cast<size_t>(h - 1 - y) * w + (w - 1 - x)) * n;
+                        const size_t mirrored = (static_cast<size_t>(y) * w + (w - 1 - x)) * n;
+                        ASSERT_EQ(0, std::memcmp(&cw[turned], at(x, y), n)) << n << " " << w << "x" << h;
+                        ASSERT_EQ(0, std::memcmp(&ccw[turned_ccw], at(x, y), n)) << n << " " << w << "x" << h;
+                        ASSERT_EQ(0, std::memcmp(&half[flipped], at(x, y), n)) << n << " " << w << "x" << h;
+                        ASSERT_EQ(0, std::memcmp(&mirror[mirrored], at(x, y), n)) << n << " " << w << "x" << h;
+                    }
+                }
+            }
+        }
+    }
+}
+
+}  // namespace
