@@ -19,6 +19,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "../kit/qv_internal.h"
+
 namespace quvas {
 namespace kit {
 
@@ -27,10 +29,10 @@ namespace {
 using runtime::DeviceCPU;
 namespace F = kernel::functional;
 
-constexpr int32_t kUInt8 = 7;            // core data type code of u8 elements
-constexpr int32_t kLayoutPlanar = 0;     // {C, H, W}
-constexpr int32_t kLayoutGray = 1;       // {H, W, 1}
-constexpr uint32_t kMainMemory = 65537;  // core location code of host memory
+using runtime::data_type::kUInt8;
+using runtime::location::kMainMemory;
+constexpr int32_t kLayoutPlanar = runtime::layout::kCHW;  // {C, H, W}
+constexpr int32_t kLayoutGray = runtime::layout::kHWC;    // {H, W, 1}
 
 constexpr const char* kBadFormat = "Invaild pixel format of input image.";
 
@@ -38,21 +40,10 @@ constexpr const char* kBadFormat = "Invaild pixel format of input image.";
 using Creator = TensorPtr (DeviceCPU::*)(const unsigned&, const unsigned&, const void*);
 using Kernel = void (*)(const TensorPtr&, const TensorPtr&);
 
-// Conversion toward zero with the hardware's answer (INT_MIN) for values an
-// int cannot hold, instead of undefined behaviour.
-inline int TruncToInt(float v) { return _mm_cvtt_ss2si(_mm_set_ss(v)); }
-
-// 32-bit wrapping arithmetic: crop sizes come from the caller untouched and a
-// wild value must not turn into undefined behaviour before the core sees it.
-inline int WrapAdd(int a, int b) {
-    return static_cast<int>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
-inline int WrapSub(int a, int b) {
-    return static_cast<int>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
-}
-inline int WrapMul(int a, int b) {
-    return static_cast<int>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
-}
+using internal::TruncToInt;
+using internal::WrapAdd;
+using internal::WrapMul;
+using internal::WrapSub;
 
 struct CropBox {
     bool active = false;

@@ -13,6 +13,10 @@
 #include <cstring>
 #include <vector>
 
+#include "kernels/planar.h"
+#include "kernels/row.h"
+#include "../kit/qv_internal.h"
+
 // ===========================================================================
 // Affine matrices and crop geometry
 // ===========================================================================
@@ -324,9 +328,9 @@ namespace kit {
 
 namespace {
 
-// Truncation toward zero with the hardware's defined answer (INT_MIN) for
-// values out of the int range or NaN, which then simply count as outside.
-inline int geom_trunc_to_int(float v) { return _mm_cvtt_ss2si(_mm_set_ss(v)); }
+// Truncation toward zero (internal::TruncToInt) gives INT_MIN for values out
+// of the int range or NaN, which then simply count as outside.
+using internal::TruncToInt;
 
 // Bilinear inverse-affine warp of K interleaved byte channels. Only points
 // whose 2 x 2 neighbourhood lies wholly in the source are sampled; every
@@ -346,10 +350,10 @@ void geom_affine_inv_bilinear(const unsigned char* src, int src_w, int src_h, un
         for (int x = 0; x < dst_w; ++x, out += K) {
             const float fx_pos = static_cast<float>(x);
             const float sx = std::fma(fx_pos, m0, fy_pos * m1) + m2;
-            const int xi = geom_trunc_to_int(sx);
+            const int xi = TruncToInt(sx);
             if (xi < 0) continue;
             const float sy = std::fma(fy_pos, m4, fx_pos * m3) + m5;
-            const int yi = geom_trunc_to_int(sy);
+            const int yi = TruncToInt(sy);
             if (yi < 0 || xi >= src_w - 1 || yi >= src_h - 1) continue;
 
             // A point in (-1, 0) truncates onto row or column 0 and takes it whole.
@@ -439,69 +443,20 @@ void affine_inv_qvimage_bilinear(const QVN_Image* src, QVN_Image* dst, unsigned 
     }
 }
 
-namespace {
-
-inline bool geom_ranges_overlap(const uint8_t* a, size_t a_len, const uint8_t* b, size_t b_len) {
-    const uintptr_t pa = reinterpret_cast<uintptr_t>(a);
-    const uintptr_t pb = reinterpret_cast<uintptr_t>(b);
-    return pa < pb + b_len && pb < pa + a_len;
-}
-
-// Byte-shuffle masks that spread 16 bytes of one plane over 48 interleaved
-// bytes: output block k (16 bytes) takes from plane p the bytes listed, -1
-// (0x80) leaves a hole for the other planes.
-alignas(16) const int8_t kGeomRgbMask[3][3][16] = {
-    // out block 0: R0 G0 B0 R1 G1 B1 ... R5
-    {{0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1, 5},
-     {-1, 0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1, -1},
-     {-1, -1, 0, -1, -1, 1, -1, -1, 2, -1, -1, 3, -1, -1, 4, -1}},
-    // out block 1: G5 B5 R6 ... G10
-    {{-1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1, 10, -1},
-     {5, -1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1, 10},
-     {-1, 5, -1, -1, 6, -1, -1, 7, -1, -1, 8, -1, -1, 9, -1, -1}},
-    // out block 2: B10 R11 G11 B11 ... B15
-    {{-1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15, -1, -1},
-     {-1, -1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15, -1},
-     {10, -1, -1, 11, -1, -1, 12, -1, -1, 13, -1, -1, 14, -1, -1, 15}},
-};
-
-inline void geom_interleave3_16(const uint8_t* p0, const uint8_t* p1, const uint8_t* p2, uint8_t* out) {
-    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p0));
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p1));
-    const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p2));
-    for (int k = 0; k < 3; ++k) {
-        const __m128i ma = _mm_load_si128(reinterpret_cast<const __m128i*>(kGeomRgbMask[k][0]));
-        const __m128i mb = _mm_load_si128(reinterpret_cast<const __m128i*>(kGeomRgbMask[k][1]));
-        const __m128i mc = _mm_load_si128(reinterpret_cast<const __m128i*>(kGeomRgbMask[k][2]));
-        const __m128i v = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(a, ma), _mm_shuffle_epi8(b, mb)),
-                                       _mm_shuffle_epi8(c, mc));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16 * k), v);
-    }
-}
-
-}  // namespace
+// Planar to interleaved: the merge rows of the core's kernel layer.
+namespace kernels = quvas::kernels;
 
 int post_getRGB_HWC_from_RGB_CHW(QVN_Image* src, QVN_Image* dst) {
     const int n = src->width * src->height;
     if (n < 1) return 0;
-    const size_t len = static_cast<size_t>(n) * 3;
+    const size_t count = static_cast<size_t>(n);
     const uint8_t* p0 = src->data;
-    const uint8_t* p1 = p0 + n;
-    const uint8_t* p2 = p1 + n;
-    uint8_t* out = dst->data;
-    int i = 0;
-    // In place (or any overlap) the vector loop could read bytes it already
-    // wrote; the pixel loop keeps the plain left-to-right order instead.
-    if (!geom_ranges_overlap(src->data, len, out, len)) {
-        for (; i + 32 <= n; i += 32) {
-            geom_interleave3_16(p0 + i, p1 + i, p2 + i, out + 3 * i);
-            geom_interleave3_16(p0 + i + 16, p1 + i + 16, p2 + i + 16, out + 3 * i + 48);
-        }
-    }
-    for (; i < n; ++i) {
-        out[3 * i] = p0[i];
-        out[3 * i + 1] = p1[i];
-        out[3 * i + 2] = p2[i];
+    // In place (or any overlap) the vector rows could read bytes they already
+    // wrote; the plain row keeps the pixel-by-pixel left-to-right order.
+    if (internal::RangesOverlap(src->data, count * 3, dst->data, count * 3)) {
+        kernels::MergeRow3_C(p0, p0 + count, p0 + 2 * count, dst->data, count);
+    } else {
+        kernels::MergePlanes(p0, p0 + count, p0 + 2 * count, nullptr, 3, count, dst->data);
     }
     return 0;
 }
@@ -509,35 +464,12 @@ int post_getRGB_HWC_from_RGB_CHW(QVN_Image* src, QVN_Image* dst) {
 int post_getRGBA_HWC_from_RGBA_CHW(QVN_Image* src, QVN_Image* dst) {
     const int n = src->width * src->height;
     if (n < 1) return 0;
-    const size_t len = static_cast<size_t>(n) * 4;
+    const size_t count = static_cast<size_t>(n);
     const uint8_t* p0 = src->data;
-    const uint8_t* p1 = p0 + n;
-    const uint8_t* p2 = p1 + n;
-    const uint8_t* p3 = p2 + n;
-    uint8_t* out = dst->data;
-    int i = 0;
-    if (!geom_ranges_overlap(src->data, len, out, len)) {
-        for (; i + 32 <= n; i += 32) {
-            for (int h = 0; h < 32; h += 16) {
-                const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p0 + i + h));
-                const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p1 + i + h));
-                const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p2 + i + h));
-                const __m128i d = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p3 + i + h));
-                const __m128i ab_lo = _mm_unpacklo_epi8(a, b), ab_hi = _mm_unpackhi_epi8(a, b);
-                const __m128i cd_lo = _mm_unpacklo_epi8(c, d), cd_hi = _mm_unpackhi_epi8(c, d);
-                __m128i* o = reinterpret_cast<__m128i*>(out + 4 * (i + h));
-                _mm_storeu_si128(o + 0, _mm_unpacklo_epi16(ab_lo, cd_lo));
-                _mm_storeu_si128(o + 1, _mm_unpackhi_epi16(ab_lo, cd_lo));
-                _mm_storeu_si128(o + 2, _mm_unpacklo_epi16(ab_hi, cd_hi));
-                _mm_storeu_si128(o + 3, _mm_unpackhi_epi16(ab_hi, cd_hi));
-            }
-        }
-    }
-    for (; i < n; ++i) {
-        out[4 * i] = p0[i];
-        out[4 * i + 1] = p1[i];
-        out[4 * i + 2] = p2[i];
-        out[4 * i + 3] = p3[i];
+    if (internal::RangesOverlap(src->data, count * 4, dst->data, count * 4)) {
+        kernels::MergeRow4_C(p0, p0 + count, p0 + 2 * count, p0 + 3 * count, dst->data, count);
+    } else {
+        kernels::MergePlanes(p0, p0 + count, p0 + 2 * count, p0 + 3 * count, 4, count, dst->data);
     }
     return 0;
 }

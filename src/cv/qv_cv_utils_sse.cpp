@@ -14,6 +14,8 @@
 #include <memory>
 #include <vector>
 
+#include "../kit/qv_internal.h"
+
 // ===========================================================================
 // Vectorised affine warps
 // ===========================================================================
@@ -432,8 +434,8 @@ inline __m128i Scale255(__m128 x) {
 // 255 / (1 + e^-x) with the bit-pattern exponential: (0 - x) * 2^20/ln2 plus
 // the exponent bias, rounded to an integer, is the upper word of a double.
 inline __m128i Sigmoid255(__m128 x) {
-    const __m128 t = _mm_fmadd_ps(_mm_sub_ps(_mm_setzero_ps(), x), _mm_set1_ps(1512775.0f),
-                                  _mm_set1_ps(1072632448.0f));
+    const __m128 t = _mm_fmadd_ps(_mm_sub_ps(_mm_setzero_ps(), x), _mm_set1_ps(internal::kExpScale),
+                                  _mm_set1_ps(internal::kExpBias));
     const __m128i k = _mm_cvtps_epi32(t);
     const __m128i zero = _mm_setzero_si128();
     const __m128 e = _mm_movelh_ps(_mm_cvtpd_ps(_mm_castsi128_pd(_mm_unpacklo_epi32(zero, k))),
@@ -497,30 +499,13 @@ using runtime::Context;
 using runtime::DeviceCPU;
 using runtime::TensorShape;
 
-// Core operation codes used here. The numbering is the core's; these names
-// only say what this file asks of each.
-namespace code {
-constexpr int kPack4Planar012 = 1;
-constexpr int kPack4Planar210 = 3;
-constexpr int kPack3Planar012 = 4;
-constexpr int kYUV420PlanarToRGB = 32;
-constexpr int kRotateCW90 = 50;
-constexpr int kRotate180 = 51;
-constexpr int kRotateCW270 = 52;
-constexpr int kMirror = 53;
-constexpr int kDefaultColour = 60;
-constexpr int kResizePlane = 77;
-constexpr int kResizePack3 = 83;
-constexpr int kResizePack4 = 84;
-constexpr int kCropResizePlane = 85;
-constexpr int kCropResizePack3 = 87;
-constexpr int kCropResizePack4 = 88;
-}  // namespace code
-
-constexpr int32_t kUInt8 = 7;
-constexpr int32_t kLayoutCHW = 0;
-constexpr int32_t kLayoutPlane = 23;
-constexpr uint32_t kMainMemory = 0x10001;
+// The core's operation codes, data type, layout and location codes, by the
+// names its headers give them.
+namespace code = kernel::op;
+using runtime::data_type::kUInt8;
+using runtime::layout::kCHW;
+using runtime::layout::kPlane;
+using runtime::location::kMainMemory;
 
 // The operations are virtual on the core's base class; calling through it
 // lets a caller hand in any implementation of the fallback's interface.
@@ -553,10 +538,10 @@ PlaneViews MakePlaneViews(DeviceCPU* dev, const TensorPtr& frame) {
     uint8_t* data = frame->data();
     PlaneViews views;
     views.plane[0] = dev->CreateTensorExternal(
-        KitShape({static_cast<int32_t>(h), static_cast<int32_t>(w), 1}, kLayoutPlane), data);
-    views.plane[1] = dev->CreateTensorExternal(KitShape(chroma_dims, kLayoutPlane), data + luma);
+        KitShape({static_cast<int32_t>(h), static_cast<int32_t>(w), 1}, kPlane), data);
+    views.plane[1] = dev->CreateTensorExternal(KitShape(chroma_dims, kPlane), data + luma);
     views.plane[2] =
-        dev->CreateTensorExternal(KitShape(chroma_dims, kLayoutPlane), data + luma + (luma >> 2));
+        dev->CreateTensorExternal(KitShape(chroma_dims, kPlane), data + luma + (luma >> 2));
     return views;
 }
 
@@ -565,12 +550,12 @@ PlaneViews MakePlaneViews(DeviceCPU* dev, const TensorPtr& frame) {
 QVN_API void ConvertColorProcessSSE(TensorPtr& in, TensorPtr& out, QVN_PIX_FMT fmt,
                                     kernel::ImageProcessFallback* proc,
                                     std::shared_ptr<Context> ctx) {
-    int op = code::kDefaultColour;
+    int op = code::kPack3ToPlanar210;
     switch (fmt) {
         case QVN_PIX_FMT_YUV420_A: op = code::kYUV420PlanarToRGB; break;
-        case QVN_PIX_FMT_BGRA8888: op = code::kPack4Planar210; break;
-        case QVN_PIX_FMT_RGBA8888: op = code::kPack4Planar012; break;
-        case QVN_PIX_FMT_RGB888: op = code::kPack3Planar012; break;
+        case QVN_PIX_FMT_BGRA8888: op = code::kPack4ToPlanar210; break;
+        case QVN_PIX_FMT_RGBA8888: op = code::kPack4ToPlanar012; break;
+        case QVN_PIX_FMT_RGB888: op = code::kPack3ToPlanar012; break;
         default: break;  // BGR888 and everything else take the default code
     }
     Base(proc)->ConvertPixel(in, out, op, ctx);
@@ -579,12 +564,12 @@ QVN_API void ConvertColorProcessSSE(TensorPtr& in, TensorPtr& out, QVN_PIX_FMT f
 QVN_API void ConvertColorProcessSSEToBGRTensor(TensorPtr& in, TensorPtr& out, QVN_PIX_FMT fmt,
                                                kernel::ImageProcessFallback* proc,
                                                std::shared_ptr<Context> ctx) {
-    int op = code::kDefaultColour;
+    int op = code::kPack3ToPlanar210;
     switch (fmt) {
         case QVN_PIX_FMT_YUV420_A: op = code::kYUV420PlanarToRGB; break;
-        case QVN_PIX_FMT_BGRA8888: op = code::kPack4Planar012; break;
-        case QVN_PIX_FMT_RGBA8888: op = code::kPack4Planar210; break;
-        case QVN_PIX_FMT_BGR888: op = code::kPack3Planar012; break;
+        case QVN_PIX_FMT_BGRA8888: op = code::kPack4ToPlanar012; break;
+        case QVN_PIX_FMT_RGBA8888: op = code::kPack4ToPlanar210; break;
+        case QVN_PIX_FMT_BGR888: op = code::kPack3ToPlanar012; break;
         default: break;  // RGB888 and everything else take the default code
     }
     Base(proc)->ConvertPixel(in, out, op, ctx);
@@ -596,7 +581,7 @@ QVN_API void TransformMatrixProcessSSE(TensorPtr& in, TensorPtr& out, QVN_ORIENT
     const std::vector<int32_t>& d = in->shape().dims;
     // A quarter turn exchanges the last two dims; anything else keeps the
     // input's shape.
-    const TensorShape turned = KitShape({d[0], d[2], d[1]}, kLayoutCHW);
+    const TensorShape turned = KitShape({d[0], d[2], d[1]}, kCHW);
     const TensorShape same = in->shape();
     DeviceCPU* dev = ctx->device;
     const uint32_t f = static_cast<uint32_t>(flags);
@@ -604,10 +589,10 @@ QVN_API void TransformMatrixProcessSSE(TensorPtr& in, TensorPtr& out, QVN_ORIENT
     TensorPtr mid;
     if (f & 0x01u) {
         mid = dev->CreateTensor(turned, nullptr);
-        Base(proc)->ConvertPixel(in, mid, code::kRotateCW270, ctx);
+        Base(proc)->ConvertPixel(in, mid, code::kRotate270, ctx);
     } else if (f & 0x02u) {
         mid = dev->CreateTensor(turned, nullptr);
-        Base(proc)->ConvertPixel(in, mid, code::kRotateCW90, ctx);
+        Base(proc)->ConvertPixel(in, mid, code::kRotate90, ctx);
     } else if (f & 0x44u) {
         mid = dev->CreateTensor(same, nullptr);
         Base(proc)->ConvertPixel(in, mid, code::kRotate180, ctx);
@@ -631,11 +616,11 @@ QVN_API void ResizeProcessSSE(TensorPtr& in, TensorPtr& out, QVN_PIX_FMT fmt,
     switch (fmt) {
         case QVN_PIX_FMT_RGB888:
         case QVN_PIX_FMT_BGR888:
-            Base(proc)->ConvertPixel(in, out, code::kResizePack3, ctx);
+            Base(proc)->ConvertPixel(in, out, code::kResizeHWC3, ctx);
             return;
         case QVN_PIX_FMT_BGRA8888:
         case QVN_PIX_FMT_RGBA8888:
-            Base(proc)->ConvertPixel(in, out, code::kResizePack4, ctx);
+            Base(proc)->ConvertPixel(in, out, code::kResizeHWC4, ctx);
             return;
         case QVN_PIX_FMT_YUV420_A: {
             PlaneViews src = MakePlaneViews(ctx->device, in);
@@ -659,11 +644,11 @@ QVN_API void CropResizeProcessSSE(TensorPtr& in, TensorPtr& out, QVN_PIX_FMT fmt
     switch (fmt) {
         case QVN_PIX_FMT_RGB888:
         case QVN_PIX_FMT_BGR888:
-            Base(proc)->ConvertPixel(in, out, a, b, c, d, code::kCropResizePack3, ctx);
+            Base(proc)->ConvertPixel(in, out, a, b, c, d, code::kCropResizeHWC3, ctx);
             return;
         case QVN_PIX_FMT_BGRA8888:
         case QVN_PIX_FMT_RGBA8888:
-            Base(proc)->ConvertPixel(in, out, a, b, c, d, code::kCropResizePack4, ctx);
+            Base(proc)->ConvertPixel(in, out, a, b, c, d, code::kCropResizeHWC4, ctx);
             return;
         case QVN_PIX_FMT_YUV420_A: {
             PlaneViews src = MakePlaneViews(ctx->device, in);
