@@ -251,32 +251,6 @@ TEST_F(ImageProcessTest, TurnsAndMirrorMatchOpenCV) {
     }
 }
 
-TEST_F(ImageProcessTest, TurnRoundTrips) {
-    TensorPtr in = Make({3, 37, 53}, layout::kCHW);
-    TensorPtr a = Make({3, 53, 37}, layout::kCHW, false);
-    TensorPtr b = Make({3, 37, 53}, layout::kCHW, false);
-    TensorPtr c = Make({3, 53, 37}, layout::kCHW, false);
-    TensorPtr d = Make({3, 37, 53}, layout::kCHW, false);
-    const auto same = [](const TensorPtr& x, const TensorPtr& y) {
-        return std::memcmp(x->data(), y->data(), x->byte_size()) == 0;
-    };
-    Run(in, a, op::kRotate90);  // four quarter turns
-    Run(a, b, op::kRotate90);
-    Run(b, c, op::kRotate90);
-    Run(c, d, op::kRotate90);
-    EXPECT_TRUE(same(in, d));
-    Run(in, a, op::kRotate90);  // 90 then 270
-    Run(a, d, op::kRotate270);
-    EXPECT_TRUE(same(in, d));
-    Run(in, a, op::kRotate270);  // two 270s make a 180
-    Run(a, b, op::kRotate270);
-    Run(in, d, op::kRotate180);
-    EXPECT_TRUE(same(b, d));
-    Run(in, b, op::kMirror);  // two mirrors
-    Run(b, d, op::kMirror);
-    EXPECT_TRUE(same(in, d));
-}
-
 // ---------------------------------------------------------------------------
 // Bilinear resize and crop-resize.
 // ---------------------------------------------------------------------------

@@ -311,7 +311,7 @@ TEST(KernelRows, TwinsFollowTheirDefinitions) {
 // ---------------------------------------------------------------------------
 
 TEST(KernelDrivers, TurnsAndMirrorsFollowTheDefinitions) {
-    for (int n : {1, 2, 3, 4, 5, 8}) {
+    for (int n : {1, 2, 3, 4, 5, 7, 8, 12}) {
         for (int h : {1, 7, 9, 15, 17, 33, 65}) {
             for (int w : {1, 8, 31, 33, 61, 257, 300}) {
                 const ptrdiff_t ss = static_cast<ptrdiff_t>(w) * n + 3;  // padded source rows

@@ -3,8 +3,6 @@
 #include <qvn_kit/qvn_kit.hpp>
 
 #include <gtest/gtest.h>
-#include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include <cstring>
 #include <functional>
@@ -601,9 +599,11 @@ TEST(ImageOrientation, EmptyAndOneWideImages) {
 
 TEST(ImageOrientation, MatchesThePixelDefinitionForAnyPixelSize) {
     std::mt19937 rng(11);
-    const std::pair<int, int> sizes[] = {{1, 1},  {1, 9},   {9, 1},   {3, 2},    {31, 17},
-                                         {33, 65}, {64, 64}, {67, 45}, {130, 70}, {257, 19}};
-    for (int n : {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 17}) {
+    // The pixels move through the core's plane drivers, which the row-kernel
+    // tests hold to the same definitions at every tail; this checks what the
+    // kit hands them (strides, sizes, which turn) for every kind of pixel.
+    const std::pair<int, int> sizes[] = {{1, 1}, {1, 9}, {9, 1}, {3, 2}, {33, 65}, {257, 19}};
+    for (int n : {1, 2, 3, 4, 7, 16}) {
         for (const auto& [w, h] : sizes) {
             SCOPED_TRACE(testing::Message() << w << "x" << h << "x" << n);
             const size_t bytes = static_cast<size_t>(w) * h * n;
@@ -629,47 +629,6 @@ TEST(ImageOrientation, MatchesThePixelDefinitionForAnyPixelSize) {
             run("flipv", [&](QVN_Image* d) { return QVN_FlipV_Image_CPU(&src, d); },
                 Reference(src_px, w, h, n, [&](int x, int y) { return std::pair(x, h - 1 - y); }, w));
         }
-    }
-}
-
-TEST(ImageOrientation, FourQuarterTurnsAndAgreementWithOpenCV) {
-    for (int n : {1, 3, 4}) {
-        const int w = 641, h = 479;  // odd sizes, larger than any tile
-        cv::Mat src(h, w, CV_8UC(n));
-        cv::randu(src, 0, 256);
-        std::vector<uint8_t> a(src.total() * n), b(a.size());
-        std::memcpy(a.data(), src.data, a.size());
-        QVN_Image img = Image(a.data(), w, h, n, {0.125f, 0.25f, 0.5f, 0.875f});
-        const QVN_Rect2D rect0 = img.rect;
-        QVN_Image other = img;
-        other.data = b.data();
-        const std::pair<int, int> peer[] = {{90, cv::ROTATE_90_CLOCKWISE},
-                                            {180, cv::ROTATE_180},
-                                            {270, cv::ROTATE_90_COUNTERCLOCKWISE}};
-        for (const auto& [angle, code] : peer) {
-            cv::Mat want;
-            cv::rotate(src, want, code);
-            ASSERT_EQ(QVN_Clockwise_Rotate_Image_CPU(&img, &other, angle), 0);
-            EXPECT_EQ(std::memcmp(want.data, b.data(), b.size()), 0) << n << " " << angle;
-        }
-        cv::Mat want;
-        cv::flip(src, want, 1);
-        other.rect = img.rect;
-        ASSERT_EQ(QVN_Mirror_Image_CPU(&img, &other), 0);
-        EXPECT_EQ(std::memcmp(want.data, b.data(), b.size()), 0) << n << " mirror";
-        cv::flip(src, want, 0);
-        ASSERT_EQ(QVN_FlipV_Image_CPU(&img, &other), 0);
-        EXPECT_EQ(std::memcmp(want.data, b.data(), b.size()), 0) << n << " flipv";
-        // Four quarter turns, back and forth between the two buffers.
-        for (int turn = 0; turn < 4; ++turn) {
-            QVN_Image& from = turn % 2 ? other : img;
-            QVN_Image& to = turn % 2 ? img : other;
-            ASSERT_EQ(QVN_Clockwise_Rotate_Image_CPU(&from, &to, 90), 0);
-        }
-        EXPECT_EQ(img.width, w);
-        EXPECT_EQ(img.height, h);
-        EXPECT_TRUE(SameBytes(img.rect, rect0));
-        EXPECT_EQ(std::memcmp(a.data(), src.data, a.size()), 0) << n;
     }
 }
 
