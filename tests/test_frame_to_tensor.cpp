@@ -928,4 +928,118 @@ TEST_F(FrameToTensor, ThrowingCoreLeavesNothingBehind) {
     }
 }
 
+
+// ---------------------------------------------------------------------------
+// The one-pass converters: exactly what the step-by-step ones give.
+// ---------------------------------------------------------------------------
+
+// What one conversion left: the output bytes, the log lines, or the text of
+// the exception it threw.
+struct Outcome {
+    std::vector<uint8_t> bytes;
+    std::vector<std::string> log;
+    std::string thrown;
+};
+
+template <typename Convert>
+Outcome Capture(const TensorPtr& out, Convert convert) {
+    LogCapture log;
+    Outcome o;
+    try {
+        convert();
+    } catch (const std::exception& e) {
+        o.thrown = e.what();
+    }
+    o.bytes.assign(out->data(), out->data() + out->byte_size());
+    o.log = log.Take();
+    return o;
+}
+
+TEST_F(FrameToTensor, OnePassEqualsStepByStep) {
+    namespace kit = quvas::kit;
+    struct Size {
+        int fw, fh, th, tw;
+    };
+    // Downscaling, odd frame and tensor sizes, upscaling, and sizes too
+    // small for a chroma plane (both paths must throw the same).
+    const Size sizes[] = {{64, 48, 24, 40}, {37, 23, 7, 5}, {6, 4, 19, 26}, {64, 48, 1, 9}};
+    const CropCase crops[] = {
+        {"whole frame", 0, 0, 0, 0},         {"inside", 7, 5, 30, 22},
+        {"over the top-left", -9, -5, 28, 20}, {"over the bottom-right", 21, 13, 60, 45},
+        {"wholly outside", 90, -70, 12, 9},   {"one pixel", 3, 2, 1, 1},
+    };
+    int compared = 0, thrown = 0;
+    for (const Size& z : sizes) {
+        for (uint32_t fmt : kFormats) {
+            for (uint32_t ori : kOrients) {
+                const Frame f = MakeFrame(fmt, ori, z.fw, z.fh, 7 * fmt + ori + z.fw);
+                for (const CropCase& c : crops) {
+                    SCOPED_TRACE(::testing::Message() << z.fw << "x" << z.fh << " -> " << z.th
+                                                      << "x" << z.tw << " format " << fmt
+                                                      << " ori " << ori << " " << c.what);
+                    for (int bgr = 0; bgr < 2; ++bgr) {
+                        TensorPtr a = Output({3, z.th, z.tw}, 0), b = Output({3, z.th, z.tw}, 0);
+                        const bool to_bgr = bgr != 0;
+                        const Outcome steps = Capture(a, [&] {
+                            kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                                &f.img, a, to_bgr, c.x, c.y, c.w, c.h, 0x5A);
+                        });
+                        const Outcome one = Capture(b, [&] {
+                            kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                                &f.img, b, to_bgr, c.x, c.y, c.w, c.h, 0x5A);
+                        });
+                        EXPECT_EQ(one.thrown, steps.thrown) << "bgr " << bgr;
+                        EXPECT_EQ(one.log, steps.log) << "bgr " << bgr;
+                        EXPECT_TRUE(one.bytes == steps.bytes) << "bgr " << bgr;
+                        ++compared;
+                        thrown += !steps.thrown.empty();
+                    }
+                    TensorPtr a = Output({z.th, z.tw, 1}, 1), b = Output({z.th, z.tw, 1}, 1);
+                    const Outcome steps = Capture(a, [&] {
+                        kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+                            &f.img, a, c.x, c.y, c.w, c.h, 0x5A);
+                    });
+                    const Outcome one = Capture(b, [&] {
+                        kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+                            &f.img, b, c.x, c.y, c.w, c.h, 0x5A);
+                    });
+                    EXPECT_EQ(one.thrown, steps.thrown) << "gray";
+                    EXPECT_EQ(one.log, steps.log) << "gray";
+                    EXPECT_TRUE(one.bytes == steps.bytes) << "gray";
+                    ++compared;
+                    thrown += !steps.thrown.empty();
+                }
+            }
+        }
+    }
+    // Most conversions produce bytes; the chroma-less sizes throw.
+    EXPECT_GT(thrown, 0);
+    EXPECT_LT(thrown, compared / 3);
+}
+
+// Outputs the one-pass converter cannot fill: one line, nothing written. The
+// output checks still report first, as in the step-by-step converter.
+TEST_F(FrameToTensor, OnePassRefusesOutputsItCannotFill) {
+    namespace kit = quvas::kit;
+    const Frame f = MakeFrame(9, 1, kW, kH, 5);
+    LogCapture log;
+    TensorPtr hwc = Output({kTH, kTW, 3}, 1);
+    kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+        &f.img, hwc, false, 0, 0, 0, 0, 0);
+    EXPECT_EQ(log.Take(),
+              std::vector<std::string>(
+                  {"o_tensor must be a HWC Layout Tensor.",
+                   "QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_"
+                   "TensorCPU: o_tensor must be a u8 CHW tensor {3, H, W} with storage"}));
+    EXPECT_TRUE(Untouched(hwc));
+    TensorPtr two = Output({kTH, kTW, 2}, 1);
+    kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+        &f.img, two, 0, 0, 0, 0, 0);
+    EXPECT_EQ(log.Take(),
+              std::vector<std::string>(
+                  {"QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_"
+                   "TensorCPU: o_tensor must be a u8 HWC tensor {H, W, 1} with storage"}));
+    EXPECT_TRUE(Untouched(two));
+}
+
 }  // namespace

@@ -23,8 +23,6 @@
 #include <quvas/kernel/functional.h>
 #include <quvas/utility/log.h>
 
-#include <immintrin.h>
-
 #include <algorithm>
 #include <cmath>
 
@@ -41,13 +39,6 @@ using detail::Image;
 using detail::Refuse;
 
 namespace {
-
-// Packs 32 int32 values (4 vectors, each 8 in order) into 32 saturated bytes.
-inline __m256i PackBytes(__m256i s0, __m256i s1, __m256i s2, __m256i s3) {
-    const __m256i bytes =
-        _mm256_packus_epi16(_mm256_packs_epi32(s0, s1), _mm256_packs_epi32(s2, s3));
-    return _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
-}
 
 // Four-byte HWC to three planes: plane p receives byte pick[p] of each pixel.
 void Pack4ToPlanes(const Image& s, const Image& d, const int pick[3]) {
@@ -71,94 +62,10 @@ void Pack4(const char* kernel, const TensorPtr& src, const TensorPtr& dst, const
 
 // --- two-plane YUV --------------------------------------------------------
 
-constexpr int kYuvBits = 13;
-
-struct YuvFixed {
-    int32_t w0;
-    int32_t wa[3], wb[3];
-    int32_t bias[3];
-};
-
-// False when a weight or offset is out of range (or not a number).
-bool MakeYuvFixed(const YUVCvtMatrix& m, YuvFixed* f) {
-    const double one = 1 << kYuvBits;
-    for (int k = 0; k <= 6; ++k) {
-        if (!(std::fabs(m.m[k]) < 4.0f)) return false;
-    }
-    if (!(std::fabs(m.m[8]) <= 4.0f) || !(std::fabs(m.m[9]) <= 4.0f)) return false;
-    f->w0 = static_cast<int32_t>(std::lround(m.m[0] * one));
-    for (int p = 0; p < 3; ++p) {
-        const double a = m.m[1 + 2 * p];
-        const double b = m.m[2 + 2 * p];
-        f->wa[p] = static_cast<int32_t>(std::lround(a * one));
-        f->wb[p] = static_cast<int32_t>(std::lround(b * one));
-        f->bias[p] = static_cast<int32_t>(
-                         std::lround(-(a * m.m[8] + b * m.m[9]) * 255.0 * one)) +
-                     (1 << (kYuvBits - 1));
-    }
-    // The vector code multiplies 16-bit weights: a weight that rounds to
-    // +-32768 (|m| just under 4) is out too.
-    const int32_t* all[] = {&f->w0, f->wa, f->wa + 1, f->wa + 2, f->wb, f->wb + 1, f->wb + 2};
-    for (const int32_t* w : all) {
-        if (*w < -32767 || *w > 32767) return false;
-    }
-    return true;
-}
-
-inline uint8_t YuvPixel(const YuvFixed& f, int p, int y, int c0, int c1) {
-    const int32_t v = (f.w0 * y + f.wa[p] * c0 + f.wb[p] * c1 + f.bias[p]) >> kYuvBits;
-    return static_cast<uint8_t>(std::clamp(v, 0, 255));
-}
-
-void YuvToPlanes(const Image& y, const Image& uv, const YuvFixed& f, const Image& d) {
-    const size_t plane = static_cast<size_t>(d.h) * d.w;
-    const __m256i w0 = _mm256_set1_epi32(static_cast<int32_t>(static_cast<uint32_t>(f.w0) & 0xFFFFu));  // (W0, 0) against (Y, 0)
-    __m256i wc[3], bias[3];
-    for (int p = 0; p < 3; ++p) {
-        wc[p] = _mm256_set1_epi32(static_cast<int32_t>((static_cast<uint32_t>(f.wa[p]) & 0xFFFFu) |
-                                                      (static_cast<uint32_t>(f.wb[p]) << 16)));
-        bias[p] = _mm256_set1_epi32(f.bias[p]);
-    }
-    const __m256i dup_lo = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3);
-    const __m256i dup_hi = _mm256_setr_epi32(4, 4, 5, 5, 6, 6, 7, 7);
-    for (int r = 0; r < y.h; ++r) {
-        const uint8_t* yrow = y.row(r);
-        const uint8_t* crow = uv.row(std::min(r / 2, uv.h - 1));
-        uint8_t* out[3];
-        for (int p = 0; p < 3; ++p) out[p] = d.data + plane * p + static_cast<size_t>(r) * d.w;
-        int x = 0;
-        // 32 luma pixels use 16 chroma pairs starting at pair x/2.
-        for (; x + 32 <= y.w && x / 2 + 16 <= uv.w; x += 32) {
-            const __m256i ca = _mm256_cvtepu8_epi16(
-                _mm_loadu_si128(reinterpret_cast<const __m128i*>(crow + x)));
-            const __m256i cb = _mm256_cvtepu8_epi16(
-                _mm_loadu_si128(reinterpret_cast<const __m128i*>(crow + x + 16)));
-            const __m128i y0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(yrow + x));
-            const __m128i y1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(yrow + x + 16));
-            const __m256i l0 = _mm256_madd_epi16(_mm256_cvtepu8_epi32(y0), w0);
-            const __m256i l1 = _mm256_madd_epi16(_mm256_cvtepu8_epi32(_mm_srli_si128(y0, 8)), w0);
-            const __m256i l2 = _mm256_madd_epi16(_mm256_cvtepu8_epi32(y1), w0);
-            const __m256i l3 = _mm256_madd_epi16(_mm256_cvtepu8_epi32(_mm_srli_si128(y1, 8)), w0);
-            for (int p = 0; p < 3; ++p) {
-                const __m256i chroma_a = _mm256_add_epi32(_mm256_madd_epi16(ca, wc[p]), bias[p]);
-                const __m256i chroma_b = _mm256_add_epi32(_mm256_madd_epi16(cb, wc[p]), bias[p]);
-                const __m256i s0 = _mm256_srai_epi32(
-                    _mm256_add_epi32(l0, _mm256_permutevar8x32_epi32(chroma_a, dup_lo)), kYuvBits);
-                const __m256i s1 = _mm256_srai_epi32(
-                    _mm256_add_epi32(l1, _mm256_permutevar8x32_epi32(chroma_a, dup_hi)), kYuvBits);
-                const __m256i s2 = _mm256_srai_epi32(
-                    _mm256_add_epi32(l2, _mm256_permutevar8x32_epi32(chroma_b, dup_lo)), kYuvBits);
-                const __m256i s3 = _mm256_srai_epi32(
-                    _mm256_add_epi32(l3, _mm256_permutevar8x32_epi32(chroma_b, dup_hi)), kYuvBits);
-                _mm256_storeu_si256(reinterpret_cast<__m256i*>(out[p] + x),
-                                    PackBytes(s0, s1, s2, s3));
-            }
-        }
-        for (; x < y.w; ++x) {
-            const uint8_t* c = crow + 2 * std::min(x / 2, uv.w - 1);
-            for (int p = 0; p < 3; ++p) out[p][x] = YuvPixel(f, p, yrow[x], c[0], c[1]);
-        }
-    }
+void YuvToPlanes(const Image& y, const Image& uv, const kernels::YuvFixed& f, const Image& d) {
+    kernels::YuvToPlanes(y.data, static_cast<ptrdiff_t>(y.stride()), uv.data,
+                         static_cast<ptrdiff_t>(uv.stride()), uv.w, uv.h, f, d.data,
+                         static_cast<ptrdiff_t>(d.w), static_cast<size_t>(d.h) * d.w, y.w, y.h);
 }
 
 void RefuseYuv(const TensorPtr& y, const TensorPtr& uv, const TensorPtr& dst, const char* reason) {
@@ -185,8 +92,8 @@ void F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(const TensorPtr& y, const
         return RefuseYuv(y, uv, dst, "a source and dst share storage");
     }
     if (!matrix) return RefuseYuv(y, uv, dst, "the colour matrix is missing");
-    YuvFixed fixed;
-    if (!MakeYuvFixed(*matrix, &fixed)) {
+    kernels::YuvFixed fixed;
+    if (!kernels::MakeYuvFixed(matrix->m, &fixed)) {
         return RefuseYuv(y, uv, dst,
                          "colour matrix weights must lie in (-4, 4) and offsets in [-4, 4]");
     }

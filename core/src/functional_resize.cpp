@@ -14,8 +14,8 @@
 // then two such rows down:
 //   out = (h[sy] * (2048 - Ay) + h[sy + 1] * Ay + 2^21) >> 22
 // Both passes are exact integer arithmetic, done by the resize rows of
-// kernels/ (the image-process resizer shares them; only the sample positions,
-// built here, are this kernel's own). Against real-valued bilinear
+// kernels/ (the image-process resizer shares them with its own sample
+// positions; these are kernels::HalfPixelAxis). Against real-valued bilinear
 // interpolation the result is off by at most one.
 #include <quvas/kernel/functional.h>
 
@@ -36,41 +36,6 @@ using detail::Refuse;
 
 namespace {
 
-constexpr int kBits = 11;
-constexpr int kOne = 1 << kBits;
-
-// First tap and fixed-point weight of its right/lower neighbour for each
-// destination position along one axis.
-kernels::BilinearAxis AxisTaps(int src, int dst) {
-    kernels::BilinearAxis axis;
-    axis.index.resize(dst);
-    axis.weight.resize(dst);
-    const double scale = static_cast<double>(src) / dst;
-    for (int d = 0; d < dst; ++d) {
-        float f = static_cast<float>((d + 0.5) * scale - 0.5);
-        int s = static_cast<int>(std::floor(f));
-        f -= static_cast<float>(s);
-        if (s < 0) {
-            s = 0;
-            f = 0.f;
-        }
-        if (s >= src - 1) {
-            s = src - 1;
-            f = 0.f;
-        }
-        int a = static_cast<int>(std::lround(f * kOne));
-        // Keep the two taps adjacent and inside the image: the last pixel
-        // alone is the second tap of the one before it at full weight.
-        if (s == src - 1 && src > 1) {
-            s = src - 2;
-            a = kOne;
-        }
-        axis.index[d] = s;
-        axis.weight[d] = a;
-    }
-    return axis;
-}
-
 template <int C>
 void ResizeBilinear(const Image& src, const Image& dst) {
     if (src.w == dst.w && src.h == dst.h) {
@@ -78,7 +43,8 @@ void ResizeBilinear(const Image& src, const Image& dst) {
         return;
     }
     kernels::ResizeBilinear(src.data, src.stride(), src.w, src.h, dst.data, dst.stride(), dst.w,
-                            dst.h, C, AxisTaps(src.w, dst.w), AxisTaps(src.h, dst.h));
+                            dst.h, C, kernels::HalfPixelAxis(src.w, dst.w),
+                            kernels::HalfPixelAxis(src.h, dst.h));
 }
 
 template <int C>

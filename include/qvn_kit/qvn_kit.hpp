@@ -293,6 +293,22 @@ QVN_API void QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW
 QVN_API void QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
     const QVN_Image* img, TensorPtr& o_tensor, const int& crop_x, const int& crop_y,
     const int& crop_w, const int& crop_h, const unsigned char& pad_value);
+// One-pass twins of the two crop converters above: the same arguments, the
+// same checks and log lines, exactly the same output bytes, but no
+// intermediate tensors. The crop is read in place (padded rows are built
+// only where it reaches outside the frame), only the source rows the resize
+// needs are read, and the tensor is written once; output-sized scratch stays
+// with the calling thread, so later frames of the same size allocate
+// nothing. An o_tensor the step-by-step path could not fill completely (not
+// u8, not {3, H, W} CHW / {H, W, 1} HWC, no storage) is refused with one
+// level-16 line and left untouched; sizes the step-by-step path cannot make
+// a tensor of throw the same exception. Safe to call from several threads.
+QVN_API void QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+    const QVN_Image* img, TensorPtr& o_tensor, const bool& to_bgr, const int& crop_x,
+    const int& crop_y, const int& crop_w, const int& crop_h, const unsigned char& pad_value);
+QVN_API void QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+    const QVN_Image* img, TensorPtr& o_tensor, const int& crop_x, const int& crop_y,
+    const int& crop_w, const int& crop_h, const unsigned char& pad_value);
 // Exported placeholders: they return at once and leave o_tensor untouched.
 QVN_API void QV_Crop_NearestResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
     const QVN_Image* img, TensorPtr& o_tensor, const bool& to_bgr, const int& crop_x,

@@ -4,6 +4,7 @@
 #include <immintrin.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <utility>
 
@@ -190,8 +191,39 @@ void CopyRegionPadded(const uint8_t* src, ptrdiff_t ss, int sw, int sh, int x, i
     }
 }
 
-void ResizeBilinear(const uint8_t* src, ptrdiff_t ss, int sw, int sh, uint8_t* dst, ptrdiff_t ds,
-                    int dw, int dh, int c, const BilinearAxis& xs, const BilinearAxis& ys) {
+BilinearAxis HalfPixelAxis(int src, int dst) {
+    constexpr int kOne = 2048;
+    BilinearAxis axis;
+    axis.index.resize(dst);
+    axis.weight.resize(dst);
+    const double scale = static_cast<double>(src) / dst;
+    for (int d = 0; d < dst; ++d) {
+        float f = static_cast<float>((d + 0.5) * scale - 0.5);
+        int s = static_cast<int>(std::floor(f));
+        f -= static_cast<float>(s);
+        if (s < 0) {
+            s = 0;
+            f = 0.f;
+        }
+        if (s >= src - 1) {
+            s = src - 1;
+            f = 0.f;
+        }
+        int a = static_cast<int>(std::lround(f * kOne));
+        // Keep the two taps adjacent and inside the image: the last pixel
+        // alone is the second tap of the one before it at full weight.
+        if (s == src - 1 && src > 1) {
+            s = src - 2;
+            a = kOne;
+        }
+        axis.index[d] = s;
+        axis.weight[d] = a;
+    }
+    return axis;
+}
+
+void ResizeBilinearRows(RowFetch fetch, void* ctx, int sw, int sh, uint8_t* dst, ptrdiff_t ds,
+                        int dw, int dh, int c, const BilinearAxis& xs, const BilinearAxis& ys) {
     using ColsFn = void (*)(const uint8_t*, int, const int32_t*, const int32_t*, int, int32_t*);
     ColsFn cols = c == 1   ? ScaleColsBilinear1_AVX2
                   : c == 2 ? ScaleColsBilinear2_AVX2
@@ -211,13 +243,13 @@ void ResizeBilinear(const uint8_t* src, ptrdiff_t ss, int sw, int sh, uint8_t* d
     std::vector<int32_t> buffer(2 * static_cast<size_t>(n));
     int32_t* rows[2] = {buffer.data(), buffer.data() + n};
     int have[2] = {-1, -1};
-    auto row = [&](int sy) { return src + static_cast<ptrdiff_t>(sy) * ss; };
     for (int dy = 0; dy < dh; ++dy) {
         const int r0 = ys.index[dy];
         const int r1 = sh >= 2 ? r0 + 1 : r0;
         if (c == 1 && r0 != r1 && have[0] != r0 && have[1] != r0 && have[1] != r1) {
             // Neither row is held, as when downsizing: both in one pass.
-            ScaleColsBilinear1x2_AVX2(row(r0), row(r1), sw, index, pair.data(), dw, rows[0], rows[1]);
+            ScaleColsBilinear1x2_AVX2(fetch(ctx, r0, 0), fetch(ctx, r1, 1), sw, index,
+                                      pair.data(), dw, rows[0], rows[1]);
             have[0] = r0;
             have[1] = r1;
         }
@@ -226,15 +258,71 @@ void ResizeBilinear(const uint8_t* src, ptrdiff_t ss, int sw, int sh, uint8_t* d
                 std::swap(rows[0], rows[1]);
                 std::swap(have[0], have[1]);
             } else {
-                cols(row(r0), sw, index, pair.data(), dw, rows[0]);
+                cols(fetch(ctx, r0, 0), sw, index, pair.data(), dw, rows[0]);
                 have[0] = r0;
             }
         }
         if (have[1] != r1) {
-            cols(row(r1), sw, index, pair.data(), dw, rows[1]);
+            cols(fetch(ctx, r1, 1), sw, index, pair.data(), dw, rows[1]);
             have[1] = r1;
         }
         BlendRowsBilinear_AVX2(rows[0], rows[1], ys.weight[dy], n, dst + static_cast<ptrdiff_t>(dy) * ds);
+    }
+}
+
+namespace {
+
+struct PlainRows {
+    const uint8_t* src;
+    ptrdiff_t stride;
+};
+
+const uint8_t* FetchPlainRow(void* ctx, int sy, int /*slot*/) {
+    const PlainRows* image = static_cast<const PlainRows*>(ctx);
+    return image->src + static_cast<ptrdiff_t>(sy) * image->stride;
+}
+
+}  // namespace
+
+void ResizeBilinear(const uint8_t* src, ptrdiff_t ss, int sw, int sh, uint8_t* dst, ptrdiff_t ds,
+                    int dw, int dh, int c, const BilinearAxis& xs, const BilinearAxis& ys) {
+    PlainRows image{src, ss};
+    ResizeBilinearRows(&FetchPlainRow, &image, sw, sh, dst, ds, dw, dh, c, xs, ys);
+}
+
+bool MakeYuvFixed(const float m[10], YuvFixed* f) {
+    const double one = 1 << kYuvBits;
+    for (int k = 0; k <= 6; ++k) {
+        if (!(std::fabs(m[k]) < 4.0f)) return false;
+    }
+    if (!(std::fabs(m[8]) <= 4.0f) || !(std::fabs(m[9]) <= 4.0f)) return false;
+    f->w0 = static_cast<int32_t>(std::lround(m[0] * one));
+    for (int p = 0; p < 3; ++p) {
+        const double a = m[1 + 2 * p];
+        const double b = m[2 + 2 * p];
+        f->wa[p] = static_cast<int32_t>(std::lround(a * one));
+        f->wb[p] = static_cast<int32_t>(std::lround(b * one));
+        f->bias[p] = static_cast<int32_t>(std::lround(-(a * m[8] + b * m[9]) * 255.0 * one)) +
+                     (1 << (kYuvBits - 1));
+    }
+    // The vector rows multiply 16-bit weights: a weight that rounds to
+    // +-32768 (|m| just under 4) is out too.
+    const int32_t* all[] = {&f->w0, f->wa, f->wa + 1, f->wa + 2, f->wb, f->wb + 1, f->wb + 2};
+    for (const int32_t* w : all) {
+        if (*w < -32767 || *w > 32767) return false;
+    }
+    return true;
+}
+
+void YuvToPlanes(const uint8_t* y, ptrdiff_t ys, const uint8_t* uv, ptrdiff_t uvs, int uv_w,
+                 int uv_h, const YuvFixed& f, uint8_t* dst, ptrdiff_t ds, size_t plane_bytes,
+                 int w, int h) {
+    for (int r = 0; r < h; ++r) {
+        const int cr = r / 2 < uv_h - 1 ? r / 2 : uv_h - 1;
+        uint8_t* out = dst + static_cast<ptrdiff_t>(r) * ds;
+        YuvToPlanesRow_AVX2(y + static_cast<ptrdiff_t>(r) * ys,
+                            uv + static_cast<ptrdiff_t>(cr) * uvs, uv_w, f, out,
+                            out + plane_bytes, out + 2 * plane_bytes, w);
     }
 }
 

@@ -14,6 +14,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "row.h"
+
 namespace quvas {
 namespace kernels {
 
@@ -53,6 +55,33 @@ struct BilinearAxis {
 void ResizeBilinear(const uint8_t* src, ptrdiff_t src_stride, int sw, int sh, uint8_t* dst,
                     ptrdiff_t dst_stride, int dw, int dh, int c, const BilinearAxis& xs,
                     const BilinearAxis& ys);
+// The same resize over source rows made on demand: fetch(ctx, sy, slot)
+// returns row sy of the sw x sh source. A row fetched for slot 0 or 1 must
+// stay valid until the next fetch for the same slot (the one-pass converter
+// builds padded rows of a crop reaching outside the frame this way, without
+// copying the crop).
+using RowFetch = const uint8_t* (*)(void* ctx, int sy, int slot);
+void ResizeBilinearRows(RowFetch fetch, void* ctx, int sw, int sh, uint8_t* dst,
+                        ptrdiff_t dst_stride, int dw, int dh, int c, const BilinearAxis& xs,
+                        const BilinearAxis& ys);
+// Sample positions of the core's functional resize (F_Resize_Bilinear_*):
+// destination centre d + 0.5 maps to f = (d + 0.5) * src / dst - 0.5
+// (double, rounded to float); s = floor(f), a = round((f - s) * 2048); a
+// position left of the first centre or at/after the last takes the edge
+// pixel alone (the last pixel as the second tap of the one before it at full
+// weight).
+BilinearAxis HalfPixelAxis(int src, int dst);
+
+// Two-plane YUV to three planes (row.h: YuvToPlanesRow). MakeYuvFixed turns
+// the ten values of a YUVCvtMatrix into the fixed-point weights and is false
+// when a weight is not in (-4, 4) (or rounds to 32768 in magnitude) or an
+// offset m[8], m[9] is not in [-4, 4]. YuvToPlanes writes w x h luma pixels
+// into three planes at dst, dst + plane_bytes, dst + 2 plane_bytes (rows
+// ds apart); luma row r takes chroma row min(r / 2, uv_h - 1).
+bool MakeYuvFixed(const float m[10], YuvFixed* f);
+void YuvToPlanes(const uint8_t* y, ptrdiff_t y_stride, const uint8_t* uv, ptrdiff_t uv_stride,
+                 int uv_w, int uv_h, const YuvFixed& f, uint8_t* dst, ptrdiff_t dst_stride,
+                 size_t plane_bytes, int w, int h);
 
 // n interleaved pixels of 3 or 4 bytes: bytes 0, 1, 2 to dst0, dst1, dst2.
 void SplitPlanes(const uint8_t* src, int channels, size_t n, uint8_t* dst0, uint8_t* dst1,

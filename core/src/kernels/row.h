@@ -124,6 +124,31 @@ void MergeRow4_AVX2(const uint8_t* src0, const uint8_t* src1, const uint8_t* src
 void BgraToGrayRow_C(const uint8_t* src, uint8_t* dst, size_t n);
 void BgraToGrayRow_AVX2(const uint8_t* src, uint8_t* dst, size_t n);
 
+// ---------------------------------------------------------------------------
+// Two-plane YUV to three planes, 13-bit fixed point (the weights and biases
+// are made by MakeYuvFixed in planar.h). For luma byte Y with chroma bytes
+// (c0, c1), plane p = clamp((w0 Y + wa[p] c0 + wb[p] c1 + bias[p]) >> 13, 0,
+// 255), >> an arithmetic shift. Luma pixel x takes chroma pair
+// min(x / 2, uv_width - 1) of the row uv (uv_width >= 1 pairs), so a chroma
+// row of floor(W/2) pairs serves an odd width too. The weights fit 16 bits.
+// ---------------------------------------------------------------------------
+struct YuvFixed {
+    int32_t w0;
+    int32_t wa[3], wb[3];
+    int32_t bias[3];
+};
+constexpr int kYuvBits = 13;
+
+inline uint8_t YuvPixel(const YuvFixed& f, int p, int y, int c0, int c1) {
+    const int32_t v = (f.w0 * y + f.wa[p] * c0 + f.wb[p] * c1 + f.bias[p]) >> kYuvBits;
+    return static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v);
+}
+
+void YuvToPlanesRow_C(const uint8_t* y, const uint8_t* uv, int uv_width, const YuvFixed& f,
+                      uint8_t* out0, uint8_t* out1, uint8_t* out2, int width);
+void YuvToPlanesRow_AVX2(const uint8_t* y, const uint8_t* uv, int uv_width, const YuvFixed& f,
+                         uint8_t* out0, uint8_t* out1, uint8_t* out2, int width);
+
 }  // namespace kernels
 }  // namespace quvas
 

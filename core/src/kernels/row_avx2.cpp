@@ -544,5 +544,56 @@ void BgraToGrayRow_AVX2(const uint8_t* src, uint8_t* dst, size_t n) {
     if (i < n) BgraToGrayRow_C(src + 4 * i, dst + i, n - i);
 }
 
+// 32 luma pixels a step use 16 chroma pairs starting at pair x / 2: each
+// pair's three weighted chroma sums are made once and spread to its two luma
+// pixels.
+void YuvToPlanesRow_AVX2(const uint8_t* y, const uint8_t* uv, int uv_width, const YuvFixed& f,
+                         uint8_t* out0, uint8_t* out1, uint8_t* out2, int width) {
+    uint8_t* out[3] = {out0, out1, out2};
+    // (W0, 0) against (Y, 0).
+    const __m256i w0 =
+        _mm256_set1_epi32(static_cast<int32_t>(static_cast<uint32_t>(f.w0) & 0xFFFFu));
+    __m256i wc[3], bias[3];
+    for (int p = 0; p < 3; ++p) {
+        wc[p] = _mm256_set1_epi32(static_cast<int32_t>((static_cast<uint32_t>(f.wa[p]) & 0xFFFFu) |
+                                                      (static_cast<uint32_t>(f.wb[p]) << 16)));
+        bias[p] = _mm256_set1_epi32(f.bias[p]);
+    }
+    const __m256i dup_lo = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3);
+    const __m256i dup_hi = _mm256_setr_epi32(4, 4, 5, 5, 6, 6, 7, 7);
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    int x = 0;
+    for (; x + 32 <= width && x / 2 + 16 <= uv_width; x += 32) {
+        const __m256i ca = _mm256_cvtepu8_epi16(Load128(uv + x));
+        const __m256i cb = _mm256_cvtepu8_epi16(Load128(uv + x + 16));
+        const __m128i y0 = Load128(y + x);
+        const __m128i y1 = Load128(y + x + 16);
+        const __m256i l0 = _mm256_madd_epi16(_mm256_cvtepu8_epi32(y0), w0);
+        const __m256i l1 = _mm256_madd_epi16(_mm256_cvtepu8_epi32(_mm_srli_si128(y0, 8)), w0);
+        const __m256i l2 = _mm256_madd_epi16(_mm256_cvtepu8_epi32(y1), w0);
+        const __m256i l3 = _mm256_madd_epi16(_mm256_cvtepu8_epi32(_mm_srli_si128(y1, 8)), w0);
+        for (int p = 0; p < 3; ++p) {
+            const __m256i chroma_a = _mm256_add_epi32(_mm256_madd_epi16(ca, wc[p]), bias[p]);
+            const __m256i chroma_b = _mm256_add_epi32(_mm256_madd_epi16(cb, wc[p]), bias[p]);
+            const __m256i s0 = _mm256_srai_epi32(
+                _mm256_add_epi32(l0, _mm256_permutevar8x32_epi32(chroma_a, dup_lo)), kYuvBits);
+            const __m256i s1 = _mm256_srai_epi32(
+                _mm256_add_epi32(l1, _mm256_permutevar8x32_epi32(chroma_a, dup_hi)), kYuvBits);
+            const __m256i s2 = _mm256_srai_epi32(
+                _mm256_add_epi32(l2, _mm256_permutevar8x32_epi32(chroma_b, dup_lo)), kYuvBits);
+            const __m256i s3 = _mm256_srai_epi32(
+                _mm256_add_epi32(l3, _mm256_permutevar8x32_epi32(chroma_b, dup_hi)), kYuvBits);
+            const __m256i bytes = _mm256_packus_epi16(_mm256_packs_epi32(s0, s1),
+                                                      _mm256_packs_epi32(s2, s3));
+            Store256(out[p] + x, _mm256_permutevar8x32_epi32(bytes, order));
+        }
+    }
+    for (; x < width; ++x) {
+        const int pair = x / 2 < uv_width - 1 ? x / 2 : uv_width - 1;
+        const uint8_t* c = uv + 2 * pair;
+        for (int p = 0; p < 3; ++p) out[p][x] = YuvPixel(f, p, y[x], c[0], c[1]);
+    }
+}
+
 }  // namespace kernels
 }  // namespace quvas

@@ -174,5 +174,15 @@ void BgraToGrayRow_C(const uint8_t* src, uint8_t* dst, size_t n) {
     }
 }
 
+void YuvToPlanesRow_C(const uint8_t* y, const uint8_t* uv, int uv_width, const YuvFixed& f,
+                      uint8_t* out0, uint8_t* out1, uint8_t* out2, int width) {
+    uint8_t* out[3] = {out0, out1, out2};
+    for (int x = 0; x < width; ++x) {
+        const int pair = x / 2 < uv_width - 1 ? x / 2 : uv_width - 1;
+        const uint8_t* c = uv + 2 * pair;
+        for (int p = 0; p < 3; ++p) out[p][x] = YuvPixel(f, p, y[x], c[0], c[1]);
+    }
+}
+
 }  // namespace kernels
 }  // namespace quvas
