@@ -270,6 +270,39 @@ TEST(KernelRows, SplitsMergesAndGrayMatchTheirTwins) {
     }
 }
 
+TEST(KernelRows, YuvRowMatchesItsTwin) {
+    // BT.601 full range, and weights near the limit that drive the sums far
+    // past both ends of the byte range.
+    const float matrices[2][10] = {
+        {1.0f, 0.0f, 1.402f, -0.7141363f, -0.3441363f, 1.772f, 0.0f, 0.0f, 0.5f, 0.5f},
+        {3.99f, -3.99f, 2.5f, -3.9f, 3.9f, -1.25f, 3.5f, 0.0f, -4.0f, 4.0f},
+    };
+    for (const float* m : matrices) {
+        k::YuvFixed f;
+        ASSERT_TRUE(k::MakeYuvFixed(m, &f));
+        for (bool at_end : kPlacements) {
+            for (int width = 1; width <= kMaxWidth; ++width) {
+                // A full chroma row, and a short one whose last pair serves
+                // the rest of the row.
+                for (int uv_width : {std::max(1, width / 2), std::max(1, width / 3)}) {
+                    Guarded y(width, at_end), uv(2 * static_cast<size_t>(uv_width), !at_end);
+                    FillRandom(y.data(), width);
+                    FillRandom(uv.data(), 2 * static_cast<size_t>(uv_width));
+                    Guarded a0(width, at_end), a1(width, !at_end), a2(width, at_end);
+                    Guarded b0(width, at_end), b1(width, at_end), b2(width, at_end);
+                    k::YuvToPlanesRow_AVX2(y.data(), uv.data(), uv_width, f, a0.data(), a1.data(),
+                                           a2.data(), width);
+                    k::YuvToPlanesRow_C(y.data(), uv.data(), uv_width, f, b0.data(), b1.data(),
+                                        b2.data(), width);
+                    ASSERT_EQ(a0.bytes(), b0.bytes()) << width << " " << uv_width;
+                    ASSERT_EQ(a1.bytes(), b1.bytes()) << width << " " << uv_width;
+                    ASSERT_EQ(a2.bytes(), b2.bytes()) << width << " " << uv_width;
+                }
+            }
+        }
+    }
+}
+
 // The twins themselves against the written definitions, on values worked
 // out by hand.
 TEST(KernelRows, TwinsFollowTheirDefinitions) {
