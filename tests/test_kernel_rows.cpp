@@ -157,8 +157,11 @@ void RandomTable(int sw, int width, std::vector<int32_t>* index, std::vector<int
         (*index)[d] = picks[d];
         (*pair)[d] = static_cast<int32_t>((2048 - a) | (a << 16));
     }
-    if (sw >= 2 && width > 1) {
-        (*index)[width - 1] = top;  // the right end of the row is read
+    // Every other table reaches the right end of the row (the last pixel as
+    // the second tap), the others stop short of it, as a crop inside the
+    // frame does.
+    if (sw >= 2 && width > 1 && Rng()() % 2 == 0) {
+        (*index)[width - 1] = top;
         (*pair)[width - 1] = static_cast<int32_t>(2048u << 16);
     }
 }
