@@ -365,6 +365,35 @@ void ScaleColsBilinear4_AVX2(const uint8_t* src, int sw, const int32_t* index,
     if (d < width) ScaleColsBilinear4_C(src, sw, index + d, pair + d, width - d, out + 4 * d);
 }
 
+// Both rows of a pair at once, as for one channel: the column offsets and
+// weights are loaded once for the two rows.
+void ScaleColsBilinear4x2_AVX2(const uint8_t* s0, const uint8_t* s1, int sw, const int32_t* index,
+                               const int32_t* pair, int width, int32_t* out0, int32_t* out1) {
+    const __m256i spread = _mm256_setr_epi8(0, -1, 4, -1, 1, -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1,
+                                            0, -1, 4, -1, 1, -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1);
+    auto taps = [](const uint8_t* s, size_t at) {
+        return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s + at));
+    };
+    int d = 0;
+    if (sw >= 2) {
+        for (; d + 2 <= width; d += 2) {
+            const size_t a = 4 * static_cast<size_t>(index[d]);
+            const size_t b = 4 * static_cast<size_t>(index[d + 1]);
+            const __m256i wt = _mm256_permutevar8x32_epi32(
+                _mm256_castsi128_si256(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pair + d))),
+                _mm256_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1));
+            const __m256i p0 = _mm256_shuffle_epi8(Join(taps(s0, a), taps(s0, b)), spread);
+            const __m256i p1 = _mm256_shuffle_epi8(Join(taps(s1, a), taps(s1, b)), spread);
+            Store256(out0 + 4 * d, _mm256_madd_epi16(p0, wt));
+            Store256(out1 + 4 * d, _mm256_madd_epi16(p1, wt));
+        }
+    }
+    if (d < width) {
+        ScaleColsBilinear4_C(s0, sw, index + d, pair + d, width - d, out0 + 4 * d);
+        ScaleColsBilinear4_C(s1, sw, index + d, pair + d, width - d, out1 + 4 * d);
+    }
+}
+
 // 32 values a step: two 32-bit products, rounding and shift, then packs with
 // saturation (values never exceed 255) and one lane fix-up.
 void BlendRowsBilinear_AVX2(const int32_t* r0, const int32_t* r1, int a, int n, uint8_t* out) {
