@@ -246,10 +246,11 @@ void ResizeBilinearRows(RowFetch fetch, void* ctx, int sw, int sh, uint8_t* dst,
     for (int dy = 0; dy < dh; ++dy) {
         const int r0 = ys.index[dy];
         const int r1 = sh >= 2 ? r0 + 1 : r0;
-        if (c == 1 && r0 != r1 && have[0] != r0 && have[1] != r0 && have[1] != r1) {
+        if ((c == 1 || c == 4) && r0 != r1 && have[0] != r0 && have[1] != r0 && have[1] != r1) {
             // Neither row is held, as when downsizing: both in one pass.
-            ScaleColsBilinear1x2_AVX2(fetch(ctx, r0, 0), fetch(ctx, r1, 1), sw, index,
-                                      pair.data(), dw, rows[0], rows[1]);
+            (c == 1 ? ScaleColsBilinear1x2_AVX2 : ScaleColsBilinear4x2_AVX2)(
+                fetch(ctx, r0, 0), fetch(ctx, r1, 1), sw, index, pair.data(), dw, rows[0],
+                rows[1]);
             have[0] = r0;
             have[1] = r1;
         }

@@ -92,6 +92,9 @@ void ScaleColsBilinear4_AVX2(const uint8_t* src, int src_width, const int32_t* i
 void ScaleColsBilinear1x2_AVX2(const uint8_t* src0, const uint8_t* src1, int src_width,
                                const int32_t* index, const int32_t* pair, int width,
                                int32_t* out0, int32_t* out1);
+void ScaleColsBilinear4x2_AVX2(const uint8_t* src0, const uint8_t* src1, int src_width,
+                               const int32_t* index, const int32_t* pair, int width,
+                               int32_t* out0, int32_t* out1);
 
 // Vertical pass: out[i] = (r0[i] * (2048 - a) + r1[i] * a + 2^21) >> 22 for
 // horizontal results r0, r1 of the pass above and 0 <= a <= 2048.

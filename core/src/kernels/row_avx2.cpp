@@ -365,6 +365,35 @@ void ScaleColsBilinear4_AVX2(const uint8_t* src, int sw, const int32_t* index,
     if (d < width) ScaleColsBilinear4_C(src, sw, index + d, pair + d, width - d, out + 4 * d);
 }
 
+// Both rows of a pair at once, as for one channel: the column offsets and
+// weights are loaded once for the two rows.
+void ScaleColsBilinear4x2_AVX2(const uint8_t* s0, const uint8_t* s1, int sw, const int32_t* index,
+                               const int32_t* pair, int width, int32_t* out0, int32_t* out1) {
+    const __m256i spread = _mm256_setr_epi8(0, -1, 4, -1, 1, -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1,
+                                            0, -1, 4, -1, 1, -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1);
+    auto taps = [](const uint8_t* s, size_t at) {
+        return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s + at));
+    };
+    int d = 0;
+    if (sw >= 2) {
+        for (; d + 2 <= width; d += 2) {
+            const size_t a = 4 * static_cast<size_t>(index[d]);
+            const size_t b = 4 * static_cast<size_t>(index[d + 1]);
+            const __m256i wt = _mm256_permutevar8x32_epi32(
+                _mm256_castsi128_si256(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pair + d))),
+                _mm256_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1));
+            const __m256i p0 = _mm256_shuffle_epi8(Join(taps(s0, a), taps(s0, b)), spread);
+            const __m256i p1 = _mm256_shuffle_epi8(Join(taps(s1, a), taps(s1, b)), spread);
+            Store256(out0 + 4 * d, _mm256_madd_epi16(p0, wt));
+            Store256(out1 + 4 * d, _mm256_madd_epi16(p1, wt));
+        }
+    }
+    if (d < width) {
+        ScaleColsBilinear4_C(s0, sw, index + d, pair + d, width - d, out0 + 4 * d);
+        ScaleColsBilinear4_C(s1, sw, index + d, pair + d, width - d, out1 + 4 * d);
+    }
+}
+
 // 32 values a step: two 32-bit products, rounding and shift, then packs with
 // saturation (values never exceed 255) and one lane fix-up.
 void BlendRowsBilinear_AVX2(const int32_t* r0, const int32_t* r1, int a, int n, uint8_t* out) {
@@ -522,23 +551,27 @@ void MergeRow4_AVX2(const uint8_t* s0, const uint8_t* s1, const uint8_t* s2, con
 // Gray
 // ---------------------------------------------------------------------------
 
+// Per 32-bit pixel B G R A: the even bytes (B, R) and the odd bytes (G, A)
+// as 16-bit pairs, each multiplied and summed with pmaddwd, so that no
+// unpacking to 16 bits and no horizontal add is needed.
 void BgraToGrayRow_AVX2(const uint8_t* src, uint8_t* dst, size_t n) {
-    const __m256i w = _mm256_set1_epi64x(1868LL | 9617LL << 16 | 4899LL << 32);
-    const __m256i zero = _mm256_setzero_si256();
+    const __m256i w_br = _mm256_set1_epi32(1868 | 4899 << 16);
+    const __m256i w_ga = _mm256_set1_epi32(9617);
+    const __m256i low_bytes = _mm256_set1_epi16(0x00FF);
     const __m256i round = _mm256_set1_epi32(1 << 13);
     const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    auto luma = [&](const uint8_t* p) {
+        const __m256i v = Load256(p);
+        const __m256i br = _mm256_and_si256(v, low_bytes);
+        const __m256i ga = _mm256_srli_epi16(v, 8);
+        const __m256i sum = _mm256_add_epi32(_mm256_madd_epi16(br, w_br), _mm256_madd_epi16(ga, w_ga));
+        return _mm256_srli_epi32(_mm256_add_epi32(sum, round), 14);
+    };
     size_t i = 0;
     for (; i + 32 <= n; i += 32) {
-        __m256i sum[4];
-        for (int k = 0; k < 4; ++k) {
-            const __m256i v = Load256(src + (i + 8 * k) * 4);
-            // Pixels (0, 1 | 4, 5) and (2, 3 | 6, 7) as 16-bit B G R A.
-            const __m256i lo = _mm256_madd_epi16(_mm256_unpacklo_epi8(v, zero), w);
-            const __m256i hi = _mm256_madd_epi16(_mm256_unpackhi_epi8(v, zero), w);
-            sum[k] = _mm256_srli_epi32(_mm256_add_epi32(_mm256_hadd_epi32(lo, hi), round), 14);
-        }
-        const __m256i bytes = _mm256_packus_epi16(_mm256_packs_epi32(sum[0], sum[1]),
-                                                  _mm256_packs_epi32(sum[2], sum[3]));
+        const uint8_t* p = src + 4 * i;
+        const __m256i bytes = _mm256_packus_epi16(_mm256_packs_epi32(luma(p), luma(p + 32)),
+                                                  _mm256_packs_epi32(luma(p + 64), luma(p + 96)));
         Store256(dst + i, _mm256_permutevar8x32_epi32(bytes, order));
     }
     if (i < n) BgraToGrayRow_C(src + 4 * i, dst + i, n - i);
