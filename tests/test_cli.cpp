@@ -592,6 +592,16 @@ TEST_F(Cli, PreprocessPicturesMatchTheLibrary) {
     Img pic = RandomImg(20, 14, 4, 99);
     WritePngFile(P("p.png"), pic);
     const int none[4] = {0, 0, 0, 0};
+    // Gray with a pending quarter turn and a tensor that is not square: the
+    // tool writes what the library wrote, every byte of it.
+    const int crop[4] = {3, 2, 12, 9};
+    ASSERT_EQ(Run("preprocess " + P("p.png") + " " + P("g.npy") +
+                  " --format rgba --orient rotate90r --crop 3,2,12,9 --gray --tensor 1x10x6")
+                  .code,
+              0);
+    EXPECT_EQ(ReadNpyU8(P("g.npy")).body,
+              ConvertDirect(pic.px, QVN_PIX_FMT_RGBA8888, 20, 14, 1, false, true, 10, 6, crop, 0)
+                  .bytes);
     ASSERT_EQ(Run("preprocess " + P("p.png") + " " + P("a.npy") +
                   " --format rgba --orient rotate180 --tensor 3x12x16").code, 0);
     EXPECT_EQ(ReadNpyU8(P("a.npy")).body,

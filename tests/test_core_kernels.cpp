@@ -457,6 +457,11 @@ TEST(ColourPlanes, GrayIsBt601WithinOneOfOpenCV) {
     fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(s, d);
     const uint8_t want[4] = {76, 150, 29, 255};
     EXPECT_EQ(0, std::memcmp(d->data(), want, 4));
+    // Any {H', W', 1} destination of the same pixel count takes the same bytes
+    // in the source's row order (the gray converter's swapped size).
+    TensorPtr column = Hwc(4, 1, 1, 0xEE);
+    fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(s, column);
+    EXPECT_EQ(0, std::memcmp(column->data(), want, 4));
 }
 
 // ---------------------------------------------------------------------------

@@ -557,16 +557,23 @@ TEST_F(FrameToTensor, GrayMatchesReferenceWithoutTurning) {
     for (uint32_t fmt : kFormats) {
         for (uint32_t ori : kOrients) {
             const Frame f = MakeFrame(fmt, ori, kW, kH, 31 * fmt + ori);
-            // A four-byte frame is resized to the swapped size before the gray
-            // kernel, so a pending quarter turn needs a square output.
-            const bool square = !IsYUV(fmt) && (ori & 3);
-            const int th = square ? 32 : kTH, tw = square ? 32 : kTW;
+            // The tensor is not square: a four-byte frame with a pending
+            // quarter turn is resized to tw x th and that picture fills the
+            // th x tw tensor row after row.
+            const int th = kTH, tw = kTW;
             for (const CropCase& crop : kCrops) {
                 SCOPED_TRACE(::testing::Message() << "format " << fmt << " ori " << ori << " "
                                                   << crop.what);
                 TensorPtr out = Output({th, tw, 1}, 1);
                 quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
                     &f.img, out, crop.x, crop.y, crop.w, crop.h, pad);
+                // Every byte is written: a second tensor with the opposite fill
+                // comes out the same.
+                TensorPtr again = Output({th, tw, 1}, 1);
+                std::memset(again->data(), static_cast<uint8_t>(~kUntouched), again->byte_size());
+                quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+                    &f.img, again, crop.x, crop.y, crop.w, crop.h, pad);
+                EXPECT_EQ(0, std::memcmp(out->data(), again->data(), out->byte_size()));
                 const Box box = FrameBox(f.img, crop.x, crop.y, crop.w, crop.h);
                 EXPECT_TRUE(Within(ExpectedGray(f, box, pad, th, tw, ResizeCore), out,
                               IsYUV(fmt) ? 0 : 1));

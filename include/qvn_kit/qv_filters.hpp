@@ -98,6 +98,13 @@ public:
 // rises with the smoothed speed of the signal, so slow motion is smoothed
 // hard (no jitter) and fast motion follows with little lag. The sampling
 // rate comes from the timestamps handed to track().
+//
+// Which previous value the derivative uses: track() takes the speed as
+// (x - previous raw input) * rate, not against the previous filtered output.
+// The filter's authors' current reference code (since 2023) uses the filtered
+// output, so settings ported from it give different numbers here (visibly so
+// on their own test signal); neither is a bug. Trackers tuned on this kit keep
+// this behaviour.
 template <typename M, int N>
 class OneEuroFilter {
 public:

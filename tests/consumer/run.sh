@@ -12,6 +12,7 @@ cmake -S "$src" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix" \
 cmake --build "$work/build" > "$work/build.log"
 libdir=$(dirname "$(find "$work/prefix" -name 'libqvn_kit.so' | head -n 1)")
 LD_LIBRARY_PATH="$libdir" "$work/build/consumer"
+env -u LD_LIBRARY_PATH "$work/build/kit_only"
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
 cc -std=c11 -Wall -Wextra -pedantic -Werror "$src/main.c" -o "$work/c_consumer" \
