@@ -6,6 +6,7 @@
 #include <qvn_kit/qvn_kit.hpp>
 #include <quvas/runtime/tensor.h>
 
+#include "common.hpp"
 #include "log_capture.hpp"
 
 #include <gtest/gtest.h>
@@ -897,6 +898,28 @@ TEST_F(Cli, LibraryRefusalsAreFailures) {
         EXPECT_NE(r.err.find(logged[0].substr(0, 60)), std::string::npos) << r.err;
         EXPECT_EQ(Listing(), inputs);
     }
+}
+
+// The route itself: a line the library logs becomes a failure with exit 5
+// and the library's text, once; a quiet library passes.
+TEST(ToolLogRoute, LoggedLinesBecomeOneFailure) {
+    unsigned level = 0;
+    quvas::utility::GetLogLevel(&level);
+    qvntool::InstallLogRoute();
+    EXPECT_NO_THROW(qvntool::CheckLibrary("quiet"));
+    EXPECT_FALSE(quvas::kit::Is_Valid_QVN_Image_For_CPU(nullptr, true));
+    EXPECT_FALSE(quvas::kit::Is_Valid_QVN_Image_For_CPU(nullptr, false));
+    try {
+        qvntool::CheckLibrary("the library rejected the frame");
+        ADD_FAILURE() << "no failure";
+    } catch (const qvntool::ToolError& e) {
+        EXPECT_EQ(e.code(), 5);
+        EXPECT_STREQ(e.what(), "the library rejected the frame: Found a invalid QVN_Image*. "
+                               "Error: is NULL.");
+    }
+    EXPECT_NO_THROW(qvntool::CheckLibrary("reported once"));
+    QVN_SetLogCallback(nullptr);
+    quvas::utility::SetLogLevel(level);
 }
 
 // An existing output keeps what it is: a FIFO is written into, a link's
