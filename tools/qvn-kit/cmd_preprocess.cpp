@@ -126,6 +126,37 @@ std::string IndexedPath(const std::string& path, long index, long count) {
     return path.substr(0, path.size() - ext.size()) + num + path.substr(path.size() - ext.size());
 }
 
+size_t RawFrameBytes(uint32_t pix_fmt, const std::string& size_text, Size2& size) {
+    size = ParseSize(size_text, "size");
+    CheckPixels(static_cast<uint64_t>(size.w), static_cast<uint64_t>(size.h), "raw frame size",
+                kExitUsage);
+    size_t frame_bytes = FrameBytes(pix_fmt, size.w, size.h);
+    if (frame_bytes == 0) {
+        bool four_byte = pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888;
+        if (!four_byte && (size.w % 2 != 0 || size.h % 2 != 0)) {
+            throw ToolError(std::string("raw ") + FrameFormatName(pix_fmt) + " frames need an "
+                                "even width and height, not " + size_text,
+                            kExitUsage);
+        }
+        throw ToolError(std::string("raw ") + FrameFormatName(pix_fmt) + " frames of " +
+                            size_text + " hold 4 GiB or more, beyond the kit's 32-bit byte count",
+                        kExitUsage);
+    }
+    return frame_bytes;
+}
+
+long RawFrameCount(uint32_t pix_fmt, const std::string& size_text, size_t frame_bytes,
+                   const std::string& path, size_t file_bytes) {
+    if (file_bytes == 0 || file_bytes % frame_bytes != 0) {
+        throw ToolError("raw file '" + path + "' holds " + std::to_string(file_bytes) +
+                            " bytes, not a whole number of " + size_text + " " +
+                            FrameFormatName(pix_fmt) + " frames of " +
+                            std::to_string(frame_bytes) + " bytes",
+                        kExitInput);
+    }
+    return static_cast<long>(file_bytes / frame_bytes);
+}
+
 namespace {
 
 struct PreprocessOptions {
@@ -164,30 +195,10 @@ void RunPreprocess(const PreprocessOptions& o) {
         return;
     }
 
-    Size2 size = ParseSize(o.size, "size");
-    CheckPixels(static_cast<uint64_t>(size.w), static_cast<uint64_t>(size.h),
-                "raw frame size", kExitUsage);
-    size_t frame_bytes = FrameBytes(pix_fmt, size.w, size.h);
-    if (frame_bytes == 0) {
-        bool four_byte = pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888;
-        if (!four_byte && (size.w % 2 != 0 || size.h % 2 != 0)) {
-            throw ToolError(std::string("raw ") + FrameFormatName(pix_fmt) + " frames need an "
-                                "even width and height, not " + o.size,
-                            kExitUsage);
-        }
-        throw ToolError(std::string("raw ") + FrameFormatName(pix_fmt) + " frames of " + o.size +
-                            " hold 4 GiB or more, beyond the kit's 32-bit byte count",
-                        kExitUsage);
-    }
+    Size2 size;
+    const size_t frame_bytes = RawFrameBytes(pix_fmt, o.size, size);
     std::vector<uint8_t> bytes = ReadFileBytes(o.in);
-    if (bytes.empty() || bytes.size() % frame_bytes != 0) {
-        throw ToolError("raw file '" + o.in + "' holds " + std::to_string(bytes.size()) +
-                            " bytes, not a whole number of " + o.size + " " +
-                            FrameFormatName(pix_fmt) + " frames of " +
-                            std::to_string(frame_bytes) + " bytes",
-                        kExitInput);
-    }
-    const long count = static_cast<long>(bytes.size() / frame_bytes);
+    const long count = RawFrameCount(pix_fmt, o.size, frame_bytes, o.in, bytes.size());
     Progress progress("preprocess", count);
     for (long i = 0; i < count; ++i) {
         Frame frame;
