@@ -950,6 +950,12 @@ TEST_F(Cli, OutputsKeepWhatTheyAre) {
     ASSERT_EQ(::lstat(P("pipe").c_str(), &st), 0);
     EXPECT_TRUE(S_ISFIFO(st.st_mode));
 
+    // A character device is written in place, never replaced.
+    r = Run("track " + P("in.csv") + " /dev/null --kalman");
+    EXPECT_EQ(r.code, 0) << r.err;
+    ASSERT_EQ(::stat("/dev/null", &st), 0);
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+
     WriteText(P("private.csv"), "old");
     ASSERT_EQ(::chmod(P("private.csv").c_str(), 0600), 0);
     ASSERT_EQ(::symlink("private.csv", P("link.csv").c_str()), 0);
