@@ -6,11 +6,16 @@
 #include <qvn_kit/qvn_kit.hpp>
 #include <quvas/runtime/tensor.h>
 
+#include "common.hpp"
+#include "log_capture.hpp"
+
 #include <gtest/gtest.h>
 #include <png.h>
 #include <jpeglib.h>
+#include <zlib.h>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,6 +31,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #ifndef QVN_KIT_TOOL
@@ -169,6 +175,31 @@ void WriteText(const std::string& path, const std::string& text) {
     f << text;
 }
 
+// A baseline JPEG of an R,G,B or gray picture, written with libjpeg.
+void WriteJpegFile(const std::string& path, const Img& img) {
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    jpeg_compress_struct c;
+    jpeg_error_mgr e;
+    c.err = jpeg_std_error(&e);
+    jpeg_create_compress(&c);
+    jpeg_stdio_dest(&c, f);
+    c.image_width = static_cast<JDIMENSION>(img.w);
+    c.image_height = static_cast<JDIMENSION>(img.h);
+    c.input_components = img.c;
+    c.in_color_space = img.c == 1 ? JCS_GRAYSCALE : JCS_RGB;
+    jpeg_set_defaults(&c);
+    jpeg_start_compress(&c, TRUE);
+    while (c.next_scanline < c.image_height) {
+        JSAMPROW row = const_cast<uint8_t*>(img.px.data()) +
+                       static_cast<size_t>(c.next_scanline) * img.w * img.c;
+        jpeg_write_scanlines(&c, &row, 1);
+    }
+    jpeg_finish_compress(&c);
+    jpeg_destroy_compress(&c);
+    std::fclose(f);
+}
+
 std::vector<std::vector<std::string>> CsvCells(const std::string& text) {
     std::vector<std::vector<std::string>> rows;
     std::istringstream in(text);
@@ -249,28 +280,7 @@ TEST_F(Cli, OrientMatchesKnownTurnsAndTheLibrary) {
 // decoded picture flipped top to bottom.
 TEST_F(Cli, OrientReadsJpeg) {
     Img src = RandomImg(16, 8, 3, 4);
-    {
-        std::FILE* f = std::fopen(P("p.jpg").c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        jpeg_compress_struct c;
-        jpeg_error_mgr e;
-        c.err = jpeg_std_error(&e);
-        jpeg_create_compress(&c);
-        jpeg_stdio_dest(&c, f);
-        c.image_width = 16;
-        c.image_height = 8;
-        c.input_components = 3;
-        c.in_color_space = JCS_RGB;
-        jpeg_set_defaults(&c);
-        jpeg_start_compress(&c, TRUE);
-        while (c.next_scanline < 8) {
-            JSAMPROW row = src.px.data() + c.next_scanline * 48;
-            jpeg_write_scanlines(&c, &row, 1);
-        }
-        jpeg_finish_compress(&c);
-        jpeg_destroy_compress(&c);
-        std::fclose(f);
-    }
+    WriteJpegFile(P("p.jpg"), src);
     std::vector<uint8_t> decoded(16 * 8 * 3);
     {
         std::FILE* f = std::fopen(P("p.jpg").c_str(), "rb");
@@ -655,8 +665,6 @@ TEST_F(Cli, PreprocessPicturesMatchTheLibrary) {
 TEST_F(Cli, BadInputFailsWithOneLineAndLeavesNoFile) {
     Img rgb = RandomImg(8, 6, 3, 1);
     WritePngFile(P("in.png"), rgb);
-    Img odd = RandomImg(7, 5, 3, 2);
-    WritePngFile(P("odd.png"), odd);
     WriteText(P("junk.png"), "this is not a picture");
     WriteText(P("cut.png"), Slurp(P("in.png")).substr(0, 60));
     WriteText(P("raw.bin"), std::string(100, 'x'));
@@ -688,7 +696,6 @@ TEST_F(Cli, BadInputFailsWithOneLineAndLeavesNoFile) {
          "unknown frame format 'yuyv'"},
         {"preprocess " + P("in.png") + " " + P("o.png") + " --orient sideways", 2,
          "unknown orientation 'sideways'"},
-        {"preprocess " + P("odd.png") + " " + P("o.png") + " --format nv21", 3, "not even"},
         {"preprocess " + P("raw.bin") + " " + P("o.png") + " --size 8x6", 3,
          "not a whole number"},
         {"preprocess " + P("in.png") + " " + P("o.png") + " --tensor 1x8x8", 2,
@@ -740,6 +747,271 @@ TEST_F(Cli, DemoWritesEveryStep) {
     EXPECT_NE(report.find(" ms "), std::string::npos);
     EXPECT_EQ(CsvCells(Slurp(P("demo/05_track.csv"))).size(), 41u);
     EXPECT_NE(Slurp(P("demo/05_track.svg")).find("</svg>"), std::string::npos);
+}
+
+// --- hostile input ----------------------------------------------------------
+
+// A PNG that declares w x h pixels but carries almost no data.
+std::string PngDeclaring(uint32_t w, uint32_t h) {
+    auto be32 = [](uint32_t v) {
+        return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                           static_cast<char>(v >> 8), static_cast<char>(v)};
+    };
+    auto chunk = [&](const std::string& type, const std::string& data) {
+        std::string body = type + data;
+        uLong crc = crc32(0L, reinterpret_cast<const Bytef*>(body.data()),
+                          static_cast<uInt>(body.size()));
+        return be32(static_cast<uint32_t>(data.size())) + body + be32(static_cast<uint32_t>(crc));
+    };
+    std::string ihdr = be32(w) + be32(h) + std::string("\x08\x02\x00\x00\x00", 5);
+    Bytef z[64];
+    uLongf zn = sizeof z;
+    const Bytef row[4] = {0, 0, 0, 0};
+    compress(z, &zn, row, sizeof row);
+    return std::string("\x89PNG\r\n\x1a\n", 8) + chunk("IHDR", ihdr) +
+           chunk("IDAT", std::string(reinterpret_cast<char*>(z), zn)) + chunk("IEND", "");
+}
+
+// Every reproducer of a crash, a bomb, a silent wrong answer or undefined
+// behaviour ends with its exit code, one line naming the problem, and no
+// file left behind.
+TEST_F(Cli, HostileInputFailsCleanly) {
+    WritePngFile(P("in.png"), RandomImg(64, 48, 3, 7));
+    WriteText(P("f"), std::string(262144, '\0'));
+    WriteText(P("f2"), std::string(196608, '\0'));
+    WriteText(P("bomb.png"), PngDeclaring(32768, 32768));
+    WriteJpegFile(P("small.jpg"), RandomImg(8, 8, 3, 3));
+    std::string jpg = Slurp(P("small.jpg"));
+    size_t sof = jpg.find("\xFF\xC0");
+    ASSERT_NE(sof, std::string::npos);
+    jpg.replace(sof + 5, 4, "\x4E\x20\x4E\x20");  // height and width 20000
+    WriteText(P("bomb.jpg"), jpg);
+    WriteJpegFile(P("full.jpg"), RandomImg(64, 48, 3, 8));
+    std::string full = Slurp(P("full.jpg"));
+    WriteText(P("cut.jpg"), full.substr(0, full.size() / 2));
+    WriteText(P("gap.csv"), "0,.1,.1,.2,.2\n9223372036854775807,.1,.1,.2,.2\n");
+    WriteText(P("ok.csv"), "0,.1,.1,.2,.2\n3,.1,.1,.2,.2\n");
+    WriteText(P("long.csv"), "0,.1,.1,.2,.2\n1," + std::string(1 << 20, '7') + "x,.1,.2,.2\n");
+    std::vector<float> heat(64, 0.f);
+    heat[9] = 100.f;  // exp(100) overflows a float
+    WriteNpyF32(P("heat.npy"), {1, 8, 8}, heat);
+    const std::vector<std::string> inputs = Listing();
+
+    struct Case {
+        std::string args;
+        int code;
+        std::string message;
+    };
+    const std::string pre = "preprocess " + P("in.png") + " " + P("o.npy");
+    const Case cases[] = {
+        // Frame sizes that wrap the kit's 32-bit byte count.
+        {"preprocess " + P("f") + " " + P("o.npy") + " --size 65537x65536 --format bgra", 2,
+         "above the limit"},
+        {"preprocess " + P("f2") + " " + P("o.npy") + " --size 65536x65538 --format nv12", 2,
+         "above the limit"},
+        {"--max-pixels 2147483647 preprocess " + P("f") + " " + P("o.npy") +
+             " --size 32768x65535 --format bgra",
+         2, "beyond the kit's 32-bit byte count"},
+        {"preprocess " + P("f") + " " + P("o.npy") + " --size 63x64 --format nv12", 2,
+         "even width and height"},
+        // Bombs: declared sizes, crops, tensors, warps.
+        {"orient " + P("bomb.png") + " " + P("o.png") + " --mirror", 3, "above the limit"},
+        {"orient " + P("bomb.jpg") + " " + P("o.png") + " --mirror", 3, "above the limit"},
+        {pre + " --crop 0,0,30000,30000", 2, "crop of 30000x30000 pixels is above the limit"},
+        {pre + " --tensor 3x20000x20000", 2, "tensor of 20000x20000"},
+        {"warp " + P("in.png") + " " + P("o.png") + " --matrix 1,0,0,0,1,0 --size 30000x30000",
+         2, "warp output of 30000x30000"},
+        {"--max-pixels 1000 orient " + P("in.png") + " " + P("o.png") + " --mirror", 3,
+         "above the limit of 1000"},
+        {pre + " --crop 0,0,65536,65536 --max-pixels 2147483647", 2, "above the limit"},
+        {pre + " --max-pixels 4294967296", 2, "not in range"},
+        // A crop whose chroma would be empty.
+        {pre + " --format nv12 --crop 63,47,1,1", 2, "at least 2x2"},
+        // Damaged JPEG, endless and huge inputs.
+        {"orient " + P("cut.jpg") + " " + P("o.png") + " --mirror", 3, "cannot decode JPEG"},
+        {"decode /dev/zero --max-input-mb 1", 3, "longer than the input limit of 1 MiB"},
+        {"track " + P("gap.csv") + " " + P("o.csv") + " --kalman", 3, "gap of more than"},
+        {"track " + P("long.csv") + " " + P("o.csv") + " --kalman", 3, "7777..."},
+        // Options and results that are not numbers.
+        {"decode " + P("heat.npy") + " --beta nan", 2, "--beta must be a finite number"},
+        {"decode " + P("heat.npy") + " -o " + P("o.csv"), 3, "overflows the exponential"},
+        {"track " + P("ok.csv") + " " + P("o.csv") + " --kalman --process-noise nan", 2,
+         "--process-noise must be a finite number"},
+        {"track " + P("ok.csv") + " " + P("o.csv") + " --one-euro --realtime --frequency 1e-30",
+         2, "--frequency must be between"},
+    };
+    for (const Case& c : cases) {
+        RunResult r = Run(c.args);
+        EXPECT_EQ(r.code, c.code) << c.args << "\n" << r.err;
+        EXPECT_EQ(r.err.rfind("qvn-kit: ", 0), 0u) << c.args << "\n" << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << c.args << "\n" << r.err;
+        EXPECT_LT(r.err.size(), 300u) << c.args;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.args << "\n" << r.err;
+        EXPECT_EQ(Listing(), inputs) << c.args;
+    }
+
+    // The plot of a track ending at the largest frame number has no
+    // overflow (the sanitizer build checks) and spans the two frames.
+    WriteText(P("end.csv"), "9223372036854775806,.1,.1,.2,.2\n9223372036854775807,.3,.1,.2,.2\n");
+    RunResult r = Run("track " + P("end.csv") + " " + P("t.csv") + " --kalman --plot " + P("t.svg"));
+    ASSERT_EQ(r.code, 0) << r.err;
+    std::string svg = Slurp(P("t.svg"));
+    EXPECT_NE(svg.find("frames 9223372036854775806-9223372036854775807"), std::string::npos);
+    // Large finite coordinates are written in full, not cut.
+    WriteText(P("far.csv"), "0,1e30,.1,.2,.2\n");
+    r = Run("track " + P("far.csv") + " " + P("f.csv") + " --kalman --plot " + P("f.svg"));
+    ASSERT_EQ(r.code, 0) << r.err;
+    // The box centre is drawn at 30 + 360 x in the left panel.
+    std::string far = Slurp(P("f.svg"));
+    size_t m = far.find("<path d=\"M");
+    ASSERT_NE(m, std::string::npos);
+    char* end = nullptr;
+    double cx = std::strtod(far.c_str() + m + 10, &end);
+    EXPECT_EQ(std::string(end, 1), " ");
+    EXPECT_NEAR(cx / (30.0 + 360.0 * static_cast<double>(1e30f)), 1.0, 1e-12);
+}
+
+// A refusal the library only logs leaves the tensor unfilled: the tool either
+// writes what the library computes with its log silent, or fails with the
+// library's line and writes nothing.
+TEST_F(Cli, LibraryRefusalsAreFailures) {
+    Img pic = RandomImg(64, 48, 4, 12);
+    WritePngFile(P("p.png"), pic);
+    const std::vector<std::string> inputs = Listing();
+    const int none[4] = {0, 0, 0, 0};
+    std::vector<std::string> logged;
+    Converted want;
+    {
+        LogCapture log;
+        want = ConvertDirect(pic.px, QVN_PIX_FMT_RGBA8888, 64, 48, QVN_ORIENT_FMT_ROTATE_90R,
+                             false, true, 100, 90, none, 0);
+        logged = log.Take();
+    }
+    RunResult r = Run("preprocess " + P("p.png") + " " + P("o.npy") +
+                      " --gray --format rgba --orient rotate90r --tensor 1x100x90");
+    if (logged.empty()) {
+        ASSERT_EQ(r.code, 0) << r.err;
+        EXPECT_EQ(ReadNpyU8(P("o.npy")).body, want.bytes);
+    } else {
+        EXPECT_EQ(r.code, 5) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_NE(r.err.find(logged[0].substr(0, 60)), std::string::npos) << r.err;
+        EXPECT_EQ(Listing(), inputs);
+    }
+}
+
+// The route itself: a line the library logs becomes a failure with exit 5
+// and the library's text, once; a quiet library passes.
+TEST(ToolLogRoute, LoggedLinesBecomeOneFailure) {
+    unsigned level = 0;
+    quvas::utility::GetLogLevel(&level);
+    qvntool::InstallLogRoute();
+    EXPECT_NO_THROW(qvntool::CheckLibrary("quiet"));
+    EXPECT_FALSE(quvas::kit::Is_Valid_QVN_Image_For_CPU(nullptr, true));
+    EXPECT_FALSE(quvas::kit::Is_Valid_QVN_Image_For_CPU(nullptr, false));
+    try {
+        qvntool::CheckLibrary("the library rejected the frame");
+        ADD_FAILURE() << "no failure";
+    } catch (const qvntool::ToolError& e) {
+        EXPECT_EQ(e.code(), 5);
+        EXPECT_STREQ(e.what(), "the library rejected the frame: Found a invalid QVN_Image*. "
+                               "Error: is NULL.");
+    }
+    EXPECT_NO_THROW(qvntool::CheckLibrary("reported once"));
+    QVN_SetLogCallback(nullptr);
+    quvas::utility::SetLogLevel(level);
+}
+
+// An existing output keeps what it is: a FIFO is written into, a link's
+// target replaced, a private file stays private; a directory is refused; and
+// a run that fails at a later frame leaves none of its earlier frames.
+TEST_F(Cli, OutputsKeepWhatTheyAre) {
+    WriteText(P("in.csv"), "0,.1,.1,.2,.2\n2,.2,.1,.2,.2\n");
+    ASSERT_EQ(Run("track " + P("in.csv") + " " + P("want.csv") + " --kalman").code, 0);
+    const std::string want = Slurp(P("want.csv"));
+    ASSERT_EQ(CsvCells(want).size(), 4u);
+
+    ASSERT_EQ(::mkfifo(P("pipe").c_str(), 0600), 0);
+    std::string got;
+    std::thread reader([&] {
+        std::ifstream f(P("pipe"), std::ios::binary);
+        std::stringstream ss;
+        ss << f.rdbuf();
+        got = ss.str();
+    });
+    RunResult r = Run("track " + P("in.csv") + " " + P("pipe") + " --kalman");
+    // Unblock the reader should the tool never have opened the pipe.
+    int fd = ::open(P("pipe").c_str(), O_WRONLY | O_NONBLOCK);
+    if (fd >= 0) ::close(fd);
+    reader.join();
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(got, want);
+    struct stat st {};
+    ASSERT_EQ(::lstat(P("pipe").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+
+    // A character device is written in place, never replaced.
+    r = Run("track " + P("in.csv") + " /dev/null --kalman");
+    EXPECT_EQ(r.code, 0) << r.err;
+    ASSERT_EQ(::stat("/dev/null", &st), 0);
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+
+    WriteText(P("private.csv"), "old");
+    ASSERT_EQ(::chmod(P("private.csv").c_str(), 0600), 0);
+    ASSERT_EQ(::symlink("private.csv", P("link.csv").c_str()), 0);
+    ASSERT_EQ(Run("track " + P("in.csv") + " " + P("link.csv") + " --kalman").code, 0);
+    ASSERT_EQ(::lstat(P("link.csv").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_EQ(Slurp(P("private.csv")), want);
+    ASSERT_EQ(::stat(P("private.csv").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+
+    ASSERT_EQ(::mkdir(P("dir.csv").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir(P("t_00002.npy").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink("nowhere", P("dangling.csv").c_str()), 0);
+    std::vector<uint8_t> frames(24 * 16 * 3 / 2 * 3, 128);
+    WriteText(P("f.nv12"), std::string(frames.begin(), frames.end()));
+    const std::vector<std::string> before = Listing();
+    for (const std::string& args :
+         {"track " + P("in.csv") + " " + P("dir.csv") + " --kalman",
+          "track " + P("in.csv") + " " + P("dangling.csv") + " --kalman",
+          "preprocess " + P("f.nv12") + " " + P("t.npy") + " --size 24x16 --format nv12"}) {
+        r = Run(args);
+        EXPECT_EQ(r.code, 4) << args << "\n" << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_EQ(Listing(), before) << args;  // t_00000.npy and t_00001.npy neither
+    }
+}
+
+// A picture with odd sides becomes a 4:2:0 frame by repeating its last column
+// and row: the same tensor as from the picture padded by hand, with a note.
+TEST_F(Cli, OddSizedPicturesArePaddedForTwoPlaneFrames) {
+    const int w = 721, h = 477;
+    Img odd = RandomImg(w, h, 3, 31);
+    Img even{w + 1, h + 1, 3, {}};
+    for (int y = 0; y <= h; ++y) {
+        for (int x = 0; x <= w; ++x) {
+            const uint8_t* px = &odd.px[(static_cast<size_t>(std::min(y, h - 1)) * w +
+                                         std::min(x, w - 1)) * 3];
+            even.px.insert(even.px.end(), px, px + 3);
+        }
+    }
+    WritePngFile(P("odd.png"), odd);
+    WritePngFile(P("even.png"), even);
+    for (const char* opts : {" --format nv21 --tensor 3x120x160 --orient rotate90r",
+                             " --format nv12 --gray --tensor 1x64x64 --crop 600,400,121,77"}) {
+        RunResult a = Run("preprocess " + P("odd.png") + " " + P("a.npy") + opts);
+        ASSERT_EQ(a.code, 0) << a.err;
+        EXPECT_EQ(a.err, std::string("qvn-kit: note: 721x477 picture padded to 722x478 by "
+                                     "repeating its last column and row (") +
+                             (std::string(opts).find("nv21") != std::string::npos ? "nv21"
+                                                                                     : "nv12") +
+                             " needs even sides)\n");
+        RunResult b = Run("preprocess " + P("even.png") + " " + P("b.npy") + opts);
+        ASSERT_EQ(b.code, 0) << b.err;
+        EXPECT_EQ(b.err, "");
+        EXPECT_EQ(ReadNpyU8(P("a.npy")).body, ReadNpyU8(P("b.npy")).body) << opts;
+    }
 }
 
 }  // namespace

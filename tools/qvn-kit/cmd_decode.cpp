@@ -31,6 +31,7 @@ std::string Number(float v, bool json) {
 }
 
 void RunDecode(const DecodeOptions& o) {
+    Finite(o.beta, "--beta");
     NpyArray arr = ReadNpyFloat(o.in);
     std::vector<size_t> s = arr.shape;
     if (s.size() == 2) s.insert(s.begin(), 1);
@@ -39,6 +40,13 @@ void RunDecode(const DecodeOptions& o) {
         throw ToolError("heatmaps '" + o.in +
                             "' must be a C x H x W (or H x W) float32 array with H, W >= 2",
                         kExitInput);
+    }
+    CheckPixels(s[2], s[1] * s[0], "heatmaps '" + o.in + "'", kExitInput);
+    for (float v : arr.values) {
+        if (!std::isfinite(v)) {
+            throw ToolError("heatmaps '" + o.in + "' hold a value that is not finite",
+                            kExitInput);
+        }
     }
     const int c = static_cast<int>(s[0]), h = static_cast<int>(s[1]), w = static_cast<int>(s[2]);
     if (o.vector && w % 4 != 0) {
@@ -53,6 +61,17 @@ void RunDecode(const DecodeOptions& o) {
         decoder.Decode_WithConfidenceNoSqrt_CHW_F32(arr.values.data(), c, h, w);
     } else {
         decoder.Decode_CHW_F32(arr.values.data(), c, h, w);
+    }
+    CheckLibrary("the library refused the heatmaps");
+    for (int i = 0; i < c; ++i) {
+        // exp(beta * value) overflows for beta * value above about 88.
+        if (!std::isfinite(decoder.x_out[i]) || !std::isfinite(decoder.y_out[i]) ||
+            (o.confidence || o.vector ? !std::isfinite(decoder.confidence[i]) : false)) {
+            throw ToolError("decoding channel " + std::to_string(i) + " of '" + o.in +
+                                "' gave a non-finite result: beta times the heatmap values "
+                                "overflows the exponential (lower --beta)",
+                            kExitInput);
+        }
     }
     std::string text;
     if (o.json) {

@@ -10,6 +10,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
+
 namespace qvntool {
 namespace {
 
@@ -26,6 +28,10 @@ void RunMask(const MaskOptions& o) {
         throw ToolError("mask '" + o.in + "' must be an H x W (or 1 x H x W) float32 array",
                         kExitInput);
     }
+    CheckPixels(s[1], s[0], "mask '" + o.in + "'", kExitInput);
+    for (float v : arr.values) {
+        if (std::isnan(v)) throw ToolError("mask '" + o.in + "' holds NaN", kExitInput);
+    }
     const size_t n = s[0] * s[1];
     // The converters read and write whole blocks of 16 values.
     const size_t padded = (n + 15) / 16 * 16;
@@ -37,6 +43,7 @@ void RunMask(const MaskOptions& o) {
     } else {
         quvas::kit::float01toUchar0255SSE(src.data(), dst.data(), static_cast<int>(n));
     }
+    CheckLibrary("the library refused the mask");
     Picture pic(static_cast<int>(s[1]), static_cast<int>(s[0]), 1);
     std::copy(dst.begin(), dst.begin() + static_cast<long>(n), pic.pixels.begin());
     WritePng(o.out, pic);

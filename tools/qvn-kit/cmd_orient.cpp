@@ -45,6 +45,7 @@ void RunOrient(const OrientOptions& o) {
         throw ToolError("the library refused the image (status " + std::to_string(status) + ")",
                         kExitLibrary);
     }
+    CheckLibrary("the library refused the image");
     out.width = dst.width;
     out.height = dst.height;
     WritePng(o.out, out);

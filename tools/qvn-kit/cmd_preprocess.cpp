@@ -19,6 +19,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <new>
 
 namespace qvntool {
 
@@ -34,6 +35,9 @@ TensorTarget ParseTensorSpec(const std::string& text, bool gray) {
                             "converter writes 1 plane (use 1xHxW)",
                         kExitUsage);
     }
+    // The converter's intermediates hold up to four bytes per tensor pixel.
+    CheckPixels(static_cast<uint64_t>(d[2]), static_cast<uint64_t>(d[1]), "tensor",
+                kExitUsage);
     return TensorTarget{d[0], d[1], d[2], gray};
 }
 
@@ -60,23 +64,47 @@ void ConvertFrame(const QVN_Image& frame, const TensorTarget& target, bool bgr,
                             "tensor of at least 2x2 pixels",
                         kExitUsage);
     }
-    if (!quvas::kit::Is_Valid_QVN_Image_For_CPU(&frame, true)) {
-        throw ToolError("the library rejected the frame (see the line above)", kExitLibrary);
-    }
     int cx = 0, cy = 0, cw = 0, ch = 0;
     if (!crop.empty()) {
         cx = crop[0];
         cy = crop[1];
         cw = crop[2];
         ch = crop[3];
+        // The converter multiplies the crop's sides in 32 bits and would
+        // silently take the whole frame when the product wraps; the limit
+        // keeps it far below that.
+        CheckPixels(static_cast<uint64_t>(cw), static_cast<uint64_t>(ch), "crop", kExitUsage);
+        if (two_plane && !target.gray && (cw < 2 || ch < 2)) {
+            // Its chroma would be 0 pixels wide or high: 4:2:0 keeps one
+            // chroma sample per 2x2 block.
+            throw ToolError("crop " + std::to_string(cw) + "x" + std::to_string(ch) +
+                                " is too small: a two-plane frame needs a crop of at least 2x2 "
+                                "pixels",
+                            kExitUsage);
+        }
     }
-    if (target.gray) {
-        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
-            &frame, tensor, cx, cy, cw, ch, pad);
-    } else {
-        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
-            &frame, tensor, bgr, cx, cy, cw, ch, pad);
+    if (!quvas::kit::Is_Valid_QVN_Image_For_CPU(&frame, true)) {
+        CheckLibrary("the library rejected the frame");
+        throw ToolError("the library rejected the frame", kExitLibrary);
     }
+    try {
+        if (target.gray) {
+            quvas::kit::
+                QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+                    &frame, tensor, cx, cy, cw, ch, pad);
+        } else {
+            quvas::kit::
+                QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                    &frame, tensor, bgr, cx, cy, cw, ch, pad);
+        }
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw ToolError(std::string("the library failed on the frame: ") + e.what(),
+                        kExitLibrary);
+    }
+    // A refusal leaves the tensor unfilled: never write it.
+    CheckLibrary("the library refused the conversion");
 }
 
 void WriteTensor(const std::string& path, const quvas::runtime::Tensor& tensor, bool bgr) {
@@ -96,6 +124,37 @@ std::string IndexedPath(const std::string& path, long index, long count) {
     std::snprintf(num, sizeof num, "_%05ld", index);
     std::string ext = Extension(path);
     return path.substr(0, path.size() - ext.size()) + num + path.substr(path.size() - ext.size());
+}
+
+size_t RawFrameBytes(uint32_t pix_fmt, const std::string& size_text, Size2& size) {
+    size = ParseSize(size_text, "size");
+    CheckPixels(static_cast<uint64_t>(size.w), static_cast<uint64_t>(size.h), "raw frame size",
+                kExitUsage);
+    size_t frame_bytes = FrameBytes(pix_fmt, size.w, size.h);
+    if (frame_bytes == 0) {
+        bool four_byte = pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888;
+        if (!four_byte && (size.w % 2 != 0 || size.h % 2 != 0)) {
+            throw ToolError(std::string("raw ") + FrameFormatName(pix_fmt) + " frames need an "
+                                "even width and height, not " + size_text,
+                            kExitUsage);
+        }
+        throw ToolError(std::string("raw ") + FrameFormatName(pix_fmt) + " frames of " +
+                            size_text + " hold 4 GiB or more, beyond the kit's 32-bit byte count",
+                        kExitUsage);
+    }
+    return frame_bytes;
+}
+
+long RawFrameCount(uint32_t pix_fmt, const std::string& size_text, size_t frame_bytes,
+                   const std::string& path, size_t file_bytes) {
+    if (file_bytes == 0 || file_bytes % frame_bytes != 0) {
+        throw ToolError("raw file '" + path + "' holds " + std::to_string(file_bytes) +
+                            " bytes, not a whole number of " + size_text + " " +
+                            FrameFormatName(pix_fmt) + " frames of " +
+                            std::to_string(frame_bytes) + " bytes",
+                        kExitInput);
+    }
+    return static_cast<long>(file_bytes / frame_bytes);
 }
 
 namespace {
@@ -136,17 +195,10 @@ void RunPreprocess(const PreprocessOptions& o) {
         return;
     }
 
-    Size2 size = ParseSize(o.size, "size");
-    size_t frame_bytes = FrameBytes(pix_fmt, size.w, size.h);
+    Size2 size;
+    const size_t frame_bytes = RawFrameBytes(pix_fmt, o.size, size);
     std::vector<uint8_t> bytes = ReadFileBytes(o.in);
-    if (frame_bytes == 0 || bytes.empty() || bytes.size() % frame_bytes != 0) {
-        throw ToolError("raw file '" + o.in + "' holds " + std::to_string(bytes.size()) +
-                            " bytes, not a whole number of " + o.size + " " +
-                            FrameFormatName(pix_fmt) + " frames of " +
-                            std::to_string(frame_bytes) + " bytes",
-                        kExitInput);
-    }
-    const long count = static_cast<long>(bytes.size() / frame_bytes);
+    const long count = RawFrameCount(pix_fmt, o.size, frame_bytes, o.in, bytes.size());
     Progress progress("preprocess", count);
     for (long i = 0; i < count; ++i) {
         Frame frame;
@@ -175,7 +227,8 @@ void AddPreprocessCommand(CLI::App& app) {
     cmd->add_option("--format", opts->format,
                     "Frame format: nv21 (default), nv12, bgra, rgba; raw files also "
                     "yuv420sp_a, yuv420sp_b");
-    cmd->add_option("--size", opts->size, "WxH of the frames of a raw input file");
+    cmd->add_option("--size", opts->size,
+                    "WxH of the frames of a raw input file (even sides for two-plane formats)");
     cmd->add_option("--orient", opts->orient,
                     "Orientation of the frame, undone by the conversion: a number or names "
                     "joined by '|' (upright, rotate90r, rotate90l, rotate180, flipv, mirror, "

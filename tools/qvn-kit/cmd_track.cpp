@@ -16,11 +16,17 @@
 #include <CLI/CLI.hpp>
 
 #include <chrono>
+#include <cmath>
+#include <utility>
 #include <memory>
 #include <thread>
 
 namespace qvntool {
 namespace {
+
+constexpr float kMinFrequency = 1e-5f, kMaxFrequency = 1e6f;
+// Rows written, predicted ones included (about 50 bytes each).
+constexpr long kMaxTrackRows = 10000000;
 
 struct TrackOptions {
     std::string in, out, plot;
@@ -35,8 +41,27 @@ void RunTrack(const TrackOptions& o) {
         throw ToolError("choose exactly one of --kalman and --one-euro", kExitUsage);
     }
     Size2 frame = ParseSize(o.frame, "frame size");
-    if (!(o.frequency > 0.f)) throw ToolError("--frequency must be positive", kExitUsage);
+    for (auto [value, name] : {std::pair<float, const char*>{o.frequency, "--frequency"},
+                               {o.min_cutoff, "--min-cutoff"},
+                               {o.beta, "--beta"},
+                               {o.d_cutoff, "--d-cutoff"},
+                               {o.process_noise, "--process-noise"},
+                               {o.measurement_noise, "--measurement-noise"}}) {
+        Finite(value, name);
+    }
+    // Between one frame a day and a million a second: the pacing below turns
+    // 1 / frequency into clock ticks, which must stay countable.
+    if (!(o.frequency >= kMinFrequency && o.frequency <= kMaxFrequency)) {
+        throw ToolError("--frequency must be between 1e-5 and 1e6 Hz", kExitUsage);
+    }
     std::vector<BoxRow> raw = ReadBoxCsv(o.in);
+    const long rows_out = raw.back().frame - raw.front().frame + 1;
+    if (rows_out > kMaxTrackRows) {
+        throw ToolError("track '" + o.in + "' spans " + std::to_string(rows_out) +
+                            " frames, more than the " + std::to_string(kMaxTrackRows) +
+                            " rows the tool writes",
+                        kExitInput);
+    }
 
     auto params = std::make_shared<quvas::kit::QVTBoxTrackerParams>();
     *params = quvas::kit::QVTBoxTrackerParams{};
@@ -53,15 +78,29 @@ void RunTrack(const TrackOptions& o) {
         tracker = std::make_unique<quvas::kit::QVTBoxOneEuroTracker>(frame.w, frame.h, params);
     }
 
-    const auto period = std::chrono::duration<double>(1.0 / o.frequency);
-    auto next = std::chrono::steady_clock::now();
+    // Frame n is due n periods after the start, counted in double seconds
+    // so that no integer tick count can overflow.
+    const double period = 1.0 / static_cast<double>(o.frequency);
+    const auto start = std::chrono::steady_clock::now();
+    long paced = 0;
     auto pace = [&] {
         if (!o.realtime) return;
-        next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(period);
-        std::this_thread::sleep_until(next);
+        ++paced;
+        std::this_thread::sleep_until(
+            start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                        std::chrono::duration<double>(period * static_cast<double>(paced))));
     };
 
     std::vector<BoxRow> smooth;
+    auto keep = [&](const BoxRow& r) {
+        if (!std::isfinite(r.x) || !std::isfinite(r.y) || !std::isfinite(r.w) ||
+            !std::isfinite(r.h)) {
+            throw ToolError("tracking gave a non-finite box at frame " +
+                                std::to_string(r.frame) + " (values or noise too large)",
+                            kExitInput);
+        }
+        smooth.push_back(r);
+    };
     Progress progress("track", static_cast<long>(raw.size()));
     tracker->init(raw[0].x, raw[0].y, raw[0].w, raw[0].h);
     long last = raw[0].frame - 1;
@@ -72,15 +111,16 @@ void RunTrack(const TrackOptions& o) {
             p.frame = f;
             p.predicted = true;
             tracker->predict(&p.x, &p.y, &p.w, &p.h);
-            smooth.push_back(p);
+            keep(p);
         }
         pace();
         BoxRow r = raw[i];
         tracker->track(&r.x, &r.y, &r.w, &r.h);
-        smooth.push_back(r);
+        keep(r);
         last = raw[i].frame;
         progress.Step(static_cast<long>(i + 1));
     }
+    CheckLibrary("the library refused the track");
     std::string csv = BoxCsvText(smooth);
     std::string svg;
     if (!o.plot.empty()) {

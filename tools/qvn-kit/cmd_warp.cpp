@@ -23,6 +23,8 @@ struct WarpOptions {
 void RunWarp(const WarpOptions& o) {
     std::vector<float> m = ParseFloats(o.matrix, "matrix", 6);
     Size2 size = ParseSize(o.size, "size");
+    CheckPixels(static_cast<uint64_t>(size.w), static_cast<uint64_t>(size.h),
+                "warp output", kExitUsage);
     if (o.border < 0 || o.border > 255) {
         throw ToolError("--border " + std::to_string(o.border) + " is not in 0..255",
                         kExitUsage);
@@ -39,6 +41,7 @@ void RunWarp(const WarpOptions& o) {
         quvas::kit::affine_inv_qvimage_bilinear(&src, &dst,
                                                 static_cast<unsigned char>(o.border), m.data());
     }
+    CheckLibrary("the library refused the warp");
     WritePng(o.out, out);
 }
 

@@ -3,6 +3,7 @@
 
 #include <qvn_kit/qvn_kit.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -219,42 +220,154 @@ std::vector<uint8_t> ReadFileBytes(const std::string& path) {
     if (f == nullptr) {
         throw ToolError("cannot open '" + path + "': " + std::strerror(errno), kExitInput);
     }
+    const uint64_t limit = ToolLimits().max_input_bytes;
     std::vector<uint8_t> bytes;
-    uint8_t buf[1 << 16];
+    std::vector<uint8_t> buf(1 << 16);
     size_t n = 0;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) bytes.insert(bytes.end(), buf, buf + n);
+    bool too_long = false;
+    while ((n = std::fread(buf.data(), 1, buf.size(), f)) > 0) {
+        if (bytes.size() + n > limit) {
+            too_long = true;
+            break;
+        }
+        bytes.insert(bytes.end(), buf.data(), buf.data() + n);
+    }
     bool failed = std::ferror(f) != 0;
     std::fclose(f);
+    if (too_long) {
+        throw ToolError("'" + path + "' is longer than the input limit of " +
+                            std::to_string(limit >> 20) + " MiB (--max-input-mb)",
+                        kExitInput);
+    }
     if (failed) throw ToolError("cannot read '" + path + "'", kExitInput);
     return bytes;
 }
 
+namespace {
+
+// An output prepared in `tmp`, to be moved to `target` on commit.
+struct PendingOutput {
+    std::string tmp, target, shown;
+    bool in_place = false;  // copy into an existing FIFO or character device
+};
+std::vector<PendingOutput>& Pending() {
+    static std::vector<PendingOutput> pending;
+    return pending;
+}
+
+std::string DirOf(const std::string& path) {
+    size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Copies `tmp` into the existing FIFO or device `target` without replacing it.
+void CopyInto(const std::string& tmp, const std::string& target, const std::string& shown) {
+    std::vector<uint8_t> bytes;
+    {
+        std::FILE* in = std::fopen(tmp.c_str(), "rb");
+        if (in == nullptr) throw ToolError("cannot write '" + shown + "'", kExitOutput);
+        uint8_t buf[1 << 16];
+        size_t n = 0;
+        while ((n = std::fread(buf, 1, sizeof buf, in)) > 0) bytes.insert(bytes.end(), buf, buf + n);
+        std::fclose(in);
+    }
+    int fd = ::open(target.c_str(), O_WRONLY | O_NOCTTY);
+    if (fd < 0) {
+        throw ToolError("cannot write '" + shown + "': " + std::strerror(errno), kExitOutput);
+    }
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t w = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) {
+            int err = errno;
+            ::close(fd);
+            throw ToolError("cannot write '" + shown + "': " + std::strerror(err), kExitOutput);
+        }
+        done += static_cast<size_t>(w);
+    }
+    if (::close(fd) != 0) throw ToolError("cannot write '" + shown + "'", kExitOutput);
+}
+
+}  // namespace
+
 void WriteAtomically(const std::string& path,
                      const std::function<void(const std::string& tmp_path)>& write) {
-    std::string tmpl = path + ".tmp-XXXXXX";
+    PendingOutput out;
+    out.target = path;
+    out.shown = path;
+    struct stat st {};
+    bool exists = ::lstat(path.c_str(), &st) == 0;
+    if (exists && S_ISLNK(st.st_mode)) {
+        // Replace what the link points to, not the link.
+        char* real = ::realpath(path.c_str(), nullptr);
+        if (real == nullptr || ::stat(real, &st) != 0) {
+            std::free(real);
+            throw ToolError("cannot write '" + path + "': it is a link to a missing file",
+                            kExitOutput);
+        }
+        out.target = real;
+        std::free(real);
+    }
+    mode_t mask = ::umask(0);
+    ::umask(mask);
+    mode_t mode = 0666 & ~mask;
+    std::string dir = DirOf(out.target);
+    if (exists) {
+        if (S_ISREG(st.st_mode)) {
+            mode = st.st_mode & 07777;  // keep a private file private
+        } else if (S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode)) {
+            out.in_place = true;
+            const char* tmpdir = std::getenv("TMPDIR");
+            dir = tmpdir != nullptr && *tmpdir != '\0' ? tmpdir : "/tmp";
+        } else {
+            const char* kind = S_ISDIR(st.st_mode) ? "a directory" : "not a regular file";
+            throw ToolError("cannot write '" + path + "': it is " + kind, kExitOutput);
+        }
+    }
+    std::string tmpl = out.in_place ? dir + "/qvn-kit-out-XXXXXX" : out.target + ".tmp-XXXXXX";
     std::vector<char> name(tmpl.begin(), tmpl.end());
     name.push_back('\0');
     int fd = ::mkstemp(name.data());
     if (fd < 0) {
         throw ToolError("cannot create '" + path + "': " + std::strerror(errno), kExitOutput);
     }
-    // mkstemp makes the file private; give it the mode a plain create would.
-    mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::fchmod(fd, 0666 & ~mask);
+    ::fchmod(fd, mode);
     ::close(fd);
-    std::string tmp(name.data());
+    out.tmp = name.data();
     try {
-        write(tmp);
+        write(out.tmp);
     } catch (...) {
-        std::remove(tmp.c_str());
+        std::remove(out.tmp.c_str());
         throw;
     }
-    if (std::rename(tmp.c_str(), path.c_str()) != 0) {
-        int err = errno;
-        std::remove(tmp.c_str());
-        throw ToolError("cannot write '" + path + "': " + std::strerror(err), kExitOutput);
+    Pending().push_back(out);
+}
+
+void CommitOutputs() {
+    std::vector<PendingOutput>& pending = Pending();
+    try {
+        while (!pending.empty()) {
+            const PendingOutput& out = pending.front();
+            if (out.in_place) {
+                CopyInto(out.tmp, out.target, out.shown);
+                std::remove(out.tmp.c_str());
+            } else if (std::rename(out.tmp.c_str(), out.target.c_str()) != 0) {
+                throw ToolError("cannot write '" + out.shown + "': " + std::strerror(errno),
+                                kExitOutput);
+            }
+            pending.erase(pending.begin());
+        }
+    } catch (...) {
+        DiscardOutputs();
+        throw;
     }
+}
+
+void DiscardOutputs() {
+    for (const PendingOutput& out : Pending()) std::remove(out.tmp.c_str());
+    Pending().clear();
 }
 
 void WriteBytesAtomically(const std::string& path, const void* data, size_t size) {
@@ -289,15 +402,74 @@ void Progress::Step(long done) {
 }
 
 namespace {
-int LogToStderr(const char* text) {
-    size_t n = std::strlen(text);
-    while (n > 0 && text[n - 1] == '\n') --n;
-    std::fprintf(stderr, "qvn-kit: library: %.*s\n", static_cast<int>(n), text);
+
+std::vector<std::string>& Captured() {
+    static std::vector<std::string> lines;
+    return lines;
+}
+
+int CaptureLog(const char* text) {
+    std::vector<std::string>& lines = Captured();
+    if (lines.size() >= 8) return 0;  // the first lines say what went wrong
+    std::string line(text, std::min<size_t>(std::strlen(text), 300));
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+    for (char& c : line) {
+        if (static_cast<unsigned char>(c) < 0x20) c = ' ';
+    }
+    lines.push_back(line);
     return 0;
 }
+
+std::vector<std::string>& Notices() {
+    static std::vector<std::string> notes;
+    return notes;
+}
+
 }  // namespace
 
-void InstallLogRoute() { QVN_SetLogCallback(&LogToStderr); }
+void InstallLogRoute() {
+    QVN_SetLogCallback(&CaptureLog);
+    // Level-16 lines are the kit's refusals; make sure none is filtered out.
+    QVN_SetLogLevel(16);
+}
+
+void CheckLibrary(const std::string& what) {
+    std::vector<std::string>& lines = Captured();
+    if (lines.empty()) return;
+    std::string first = lines.front();
+    lines.clear();
+    throw ToolError(what + ": " + first, kExitLibrary);
+}
+
+void Notice(const std::string& text) { Notices().push_back(text); }
+
+void FlushNotices() {
+    for (const std::string& n : Notices()) std::fprintf(stderr, "qvn-kit: note: %s\n", n.c_str());
+    Notices().clear();
+}
+
+Limits& ToolLimits() {
+    static Limits limits;
+    return limits;
+}
+
+void CheckPixels(uint64_t w, uint64_t h, const std::string& what, int code) {
+    const uint64_t limit = ToolLimits().max_pixels;
+    // Both factors are below 2^32 wherever they come from, so the product fits.
+    if (w > 0xFFFFFFFFu || h > 0xFFFFFFFFu || w * h > limit) {
+        throw ToolError(what + " of " + std::to_string(w) + "x" + std::to_string(h) +
+                            " pixels is above the limit of " + std::to_string(limit) +
+                            " pixels (--max-pixels)",
+                        code);
+    }
+}
+
+float Finite(float value, const char* option) {
+    if (!std::isfinite(value)) {
+        throw ToolError(std::string(option) + " must be a finite number", kExitUsage);
+    }
+    return value;
+}
 
 Stopwatch::Stopwatch()
     : start_(std::chrono::duration<double>(

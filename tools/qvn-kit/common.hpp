@@ -25,10 +25,26 @@ private:
 };
 
 // Exit codes.
-constexpr int kExitUsage = 2;     // bad option value, unknown name
-constexpr int kExitInput = 3;     // missing, unreadable or malformed input
+constexpr int kExitUsage = 2;     // bad option value, unknown name, an option over a limit
+constexpr int kExitInput = 3;     // missing, unreadable, malformed or oversized input
 constexpr int kExitOutput = 4;    // output could not be written
 constexpr int kExitLibrary = 5;   // the library refused the input
+
+// Limits that keep a hostile or mistaken input from taking the machine's
+// memory: pixels of any picture, frame, crop, tensor or warp the tool makes
+// (--max-pixels, at most 2^31 - 1 so that no pixel count the kit forms in
+// 32-bit signed arithmetic wraps) and bytes of any input file
+// (--max-input-mb).
+struct Limits {
+    uint64_t max_pixels = uint64_t{1} << 26;  // 67,108,864: 8192 x 8192
+    uint64_t max_input_bytes = uint64_t{1} << 30;
+};
+Limits& ToolLimits();
+// ToolError(code) when w x h, counted in 64 bits, is above --max-pixels.
+// `what` names the thing ("crop", "PNG 'a.png'").
+void CheckPixels(uint64_t w, uint64_t h, const std::string& what, int code);
+// ToolError(kExitUsage) unless `value` is finite; `option` is its name.
+float Finite(float value, const char* option);
 
 struct Size2 {
     int w = 0;
@@ -55,14 +71,24 @@ const char* FrameFormatName(uint32_t pix_fmt);
 
 // Lower-case extension with the dot (".png"), or "" when none.
 std::string Extension(const std::string& path);
-// Reads a whole file; ToolError naming the file when it cannot.
+// Reads a whole file; ToolError naming the file when it cannot or when it is
+// longer than --max-input-mb (which also stops endless inputs like /dev/zero).
 std::vector<uint8_t> ReadFileBytes(const std::string& path);
 
-// Writes `path` through a temporary file in the same directory that is
-// renamed over `path` only when `write` returns normally; on an exception the
-// temporary is removed and the exception goes on. Nothing partial is left.
+// Prepares `path` through a temporary file: `write` fills the temporary, and
+// the output only appears when the whole run succeeds (CommitOutputs), so a
+// run that fails at its last frame leaves none of its earlier outputs. On
+// commit a regular file (or no file) is replaced by renaming, keeping the old
+// file's permission bits; a symbolic link is followed and its target
+// replaced; a FIFO or character device is written in place and stays what it
+// is. Directories, block devices, sockets and dangling links are refused.
 void WriteAtomically(const std::string& path,
                      const std::function<void(const std::string& tmp_path)>& write);
+// Moves every prepared output into place; ToolError(kExitOutput) if one
+// cannot be (those not yet moved are removed).
+void CommitOutputs();
+// Removes every prepared output that was not committed.
+void DiscardOutputs();
 void WriteTextAtomically(const std::string& path, const std::string& text);
 void WriteBytesAtomically(const std::string& path, const void* data, size_t size);
 
@@ -79,8 +105,19 @@ private:
     bool active_;
 };
 
-// Routes the core's log lines to stderr as "qvn-kit: library: <text>".
+// Captures the core's log lines. Every line the kit logs reports a refusal
+// (a rejected argument or a tensor that does not fit), after which the output
+// may be unfilled, so a captured line turns into a failure at the next
+// CheckLibrary.
 void InstallLogRoute();
+// ToolError(kExitLibrary) "<what>: <the library's first line>" when the
+// library logged anything since the last check.
+void CheckLibrary(const std::string& what);
+
+// A note for the user ("qvn-kit: note: <text>"), printed when the run
+// succeeds; a failed run prints only its error.
+void Notice(const std::string& text);
+void FlushNotices();
 
 // Seconds between two calls, from a monotonic clock.
 class Stopwatch {

@@ -11,9 +11,26 @@
 
 namespace qvntool {
 
+namespace {
+
+// A cell as it may appear in a message: short and printable.
+std::string Shown(const std::string& cell) {
+    std::string out;
+    for (char c : cell.substr(0, 40)) {
+        out += static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) >= 0x7f ? '?' : c;
+    }
+    if (cell.size() > 40) out += "...";
+    return out;
+}
+
+}  // namespace
+
 std::vector<BoxRow> ReadBoxCsv(const std::string& path) {
     std::vector<uint8_t> bytes = ReadFileBytes(path);
-    std::string text(bytes.begin(), bytes.end());
+    return ParseBoxCsv(path, std::string(bytes.begin(), bytes.end()));
+}
+
+std::vector<BoxRow> ParseBoxCsv(const std::string& path, const std::string& text) {
     std::istringstream in(text);
     std::string line;
     std::vector<BoxRow> rows;
@@ -40,7 +57,7 @@ std::vector<BoxRow> ReadBoxCsv(const std::string& path) {
         r.frame = std::strtol(cells[0].c_str(), &end, 10);
         while (end && *end == ' ') ++end;
         if (errno != 0 || end == cells[0].c_str() || *end != '\0' || r.frame < 0) {
-            throw bad("frame '" + cells[0] + "' is not a non-negative integer");
+            throw bad("frame '" + Shown(cells[0]) + "' is not a non-negative integer");
         }
         float* fields[4] = {&r.x, &r.y, &r.w, &r.h};
         for (int i = 0; i < 4; ++i) {
@@ -49,12 +66,18 @@ std::vector<BoxRow> ReadBoxCsv(const std::string& path) {
             *fields[i] = std::strtof(c.c_str(), &end);
             while (end && *end == ' ') ++end;
             if (errno != 0 || end == c.c_str() || *end != '\0' || !std::isfinite(*fields[i])) {
-                throw bad("value '" + c + "' is not a finite number");
+                throw bad("value '" + Shown(c) + "' is not a finite number");
             }
         }
         if (!rows.empty() && r.frame <= rows.back().frame) {
             throw bad("frame " + std::to_string(r.frame) + " does not follow frame " +
                       std::to_string(rows.back().frame));
+        }
+        // Every missing frame becomes a predicted row of the output.
+        if (!rows.empty() && r.frame - rows.back().frame > kMaxFrameGap) {
+            throw bad("frame " + std::to_string(r.frame) + " follows frame " +
+                      std::to_string(rows.back().frame) + " after a gap of more than " +
+                      std::to_string(kMaxFrameGap) + " frames");
         }
         rows.push_back(r);
     }

@@ -14,9 +14,15 @@ struct BoxRow {
     bool predicted = false;  // written by the tracker without a measurement
 };
 
-// Frames must be non-negative and strictly increasing. ToolError naming the
-// file and line for anything else.
+// Largest step between two frames of a track: the tracker fills each missing
+// frame with a predicted row, so the gap bounds the output.
+constexpr long kMaxFrameGap = 100000;
+
+// Frames must be non-negative, strictly increasing and at most kMaxFrameGap
+// apart. ToolError naming the file and line for anything else.
 std::vector<BoxRow> ReadBoxCsv(const std::string& path);
+// The same from the file's text; `path` only names it in messages.
+std::vector<BoxRow> ParseBoxCsv(const std::string& path, const std::string& text);
 
 // "frame,x,y,w,h,kind" with kind "measured" or "predicted"; nine
 // significant digits so that floats survive the round trip.

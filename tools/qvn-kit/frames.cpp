@@ -10,6 +10,7 @@
 #include <libyuv/convert_from.h>
 #include <libyuv/convert_from_argb.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace qvntool {
@@ -26,14 +27,36 @@ void Frame::Bind(uint32_t pix_fmt, int width, int height, int channels, uint32_t
 }
 
 size_t FrameBytes(uint32_t pix_fmt, int width, int height) {
+    if (width <= 0 || height <= 0) return 0;
+    const uint64_t w = static_cast<uint64_t>(width), h = static_cast<uint64_t>(height);
+    uint64_t want = 0;
+    switch (pix_fmt) {
+        case QVN_PIX_FMT_YUV420SP_A:
+        case QVN_PIX_FMT_YUV420SP_B:
+        case QVN_PIX_FMT_YUV420SP_C:
+        case QVN_PIX_FMT_YUV420SP_D:
+            // The converters read (w / 2) x (h / 2) chroma pairs after the
+            // luma plane; odd sides have no agreed layout.
+            if (w % 2 != 0 || h % 2 != 0) return 0;
+            want = w * h + w * h / 2;
+            break;
+        case QVN_PIX_FMT_BGRA8888:
+        case QVN_PIX_FMT_RGBA8888:
+            want = w * h * 4;
+            break;
+        default:
+            return 0;
+    }
     QVN_Image probe{};
     probe.pix_fmt = pix_fmt;
     probe.width = width;
     probe.height = height;
     probe.channels = 4;
     uint32_t bytes = 0;
-    if (QVN_Get_QVNImage_Bytes(&probe, &bytes) != 0) return 0;
-    return bytes;
+    // The kit's rule counts in 32 bits and wraps; trust it only where it
+    // agrees with the count in 64 bits.
+    if (QVN_Get_QVNImage_Bytes(&probe, &bytes) != 0 || bytes != want) return 0;
+    return static_cast<size_t>(want);
 }
 
 namespace {
@@ -60,7 +83,7 @@ std::vector<uint8_t> PictureToBgra(const Picture& pic) {
 }  // namespace
 
 void PictureToFrame(const Picture& pic, uint32_t pix_fmt, uint32_t ori, Frame& frame) {
-    const int w = pic.width, h = pic.height;
+    int w = pic.width, h = pic.height;
     std::vector<uint8_t> bgra = PictureToBgra(pic);
     if (pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888) {
         frame.bytes.resize(bgra.size());
@@ -78,10 +101,23 @@ void PictureToFrame(const Picture& pic, uint32_t pix_fmt, uint32_t ori, Frame& f
                         kExitUsage);
     }
     if (w % 2 != 0 || h % 2 != 0) {
-        throw ToolError("image size " + std::to_string(w) + "x" + std::to_string(h) +
-                            " is not even in both directions, as " +
-                            FrameFormatName(pix_fmt) + " needs",
-                        kExitInput);
+        // 4:2:0 frames keep one chroma pair per 2x2 block, so the kit needs
+        // even sides. Repeat the last column and row rather than lose them.
+        const int ew = w + (w & 1), eh = h + (h & 1);
+        std::vector<uint8_t> even(static_cast<size_t>(ew) * eh * 4);
+        for (int y = 0; y < eh; ++y) {
+            const uint8_t* src = bgra.data() + static_cast<size_t>(std::min(y, h - 1)) * w * 4;
+            uint8_t* dst = even.data() + static_cast<size_t>(y) * ew * 4;
+            std::memcpy(dst, src, static_cast<size_t>(w) * 4);
+            if (ew != w) std::memcpy(dst + static_cast<size_t>(w) * 4, src + (w - 1) * 4, 4);
+        }
+        Notice(std::to_string(w) + "x" + std::to_string(h) + " picture padded to " +
+               std::to_string(ew) + "x" + std::to_string(eh) + " by repeating its last " +
+               (ew != w && eh != h ? "column and row" : ew != w ? "column" : "row") + " (" +
+               FrameFormatName(pix_fmt) + " needs even sides)");
+        bgra.swap(even);
+        w = ew;
+        h = eh;
     }
     const int cw = w / 2, ch = h / 2;
     std::vector<uint8_t> y(static_cast<size_t>(w) * h), u(static_cast<size_t>(cw) * ch),

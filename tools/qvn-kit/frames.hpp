@@ -34,11 +34,14 @@ struct Frame {
     void Bind(uint32_t pix_fmt, int width, int height, int channels, uint32_t ori);
 };
 
-// Byte size of a frame of this format, from the kit's own rule.
+// Byte size of a raw input frame of this format (nv12, nv21, yuv420sp_a/b,
+// bgra, rgba), from the kit's own rule checked in 64 bits; 0 for a size the
+// kit cannot take (odd two-plane sides, a count that wraps at 32 bits).
 size_t FrameBytes(uint32_t pix_fmt, int width, int height);
 
-// A picture as an input frame of format nv12, nv21, bgra or rgba. The 4:2:0
-// formats need an even width and height (ToolError otherwise).
+// A picture as an input frame of format nv12, nv21, bgra or rgba. For the
+// 4:2:0 formats a picture with an odd side is padded to even sides by
+// repeating its last column or row, with a note to the user.
 void PictureToFrame(const Picture& pic, uint32_t pix_fmt, uint32_t ori, Frame& frame);
 
 // A frame (any input format) as an R,G,B picture, for looking at.

@@ -57,6 +57,14 @@ Picture ReadPng(const std::string& path, const std::vector<uint8_t>& bytes) {
         png_image_free(&image);
         throw ToolError("PNG '" + path + "' has an unsupported size", kExitInput);
     }
+    // A few dozen bytes can declare a picture of gigabytes: check before
+    // allocating.
+    try {
+        CheckPixels(image.width, image.height, "PNG '" + path + "'", kExitInput);
+    } catch (...) {
+        png_image_free(&image);
+        throw;
+    }
     Picture pic(static_cast<int>(image.width), static_cast<int>(image.height), channels);
     if (png_image_finish_read(&image, nullptr, pic.pixels.data(), 0, nullptr) == 0) {
         std::string msg = image.message;
@@ -78,28 +86,62 @@ void JpegError(j_common_ptr info) {
     std::longjmp(state->jump, 1);
 }
 
-void JpegSilence(j_common_ptr, int) {}
+// libjpeg reports damaged data (a file cut short, a corrupt scan) as a
+// warning and fills the missing pixels with gray. A damaged PNG is refused,
+// and so is a damaged JPEG: every warning is an error here.
+void JpegMessage(j_common_ptr info, int level) {
+    if (level < 0) JpegError(info);
+}
+
+// A progressive JPEG of a few hundred bytes can hold thousands of scans,
+// each a pass over the whole picture; no real encoder writes more than a
+// few dozen.
+constexpr int kMaxJpegScans = 256;
+
+void JpegProgress(j_common_ptr info) {
+    if (info->is_decompressor) {
+        auto* d = reinterpret_cast<j_decompress_ptr>(info);
+        if (d->input_scan_number > kMaxJpegScans) {
+            auto* state = reinterpret_cast<JpegErrorState*>(info->err);
+            std::snprintf(state->message, sizeof state->message,
+                          "more than %d scans", kMaxJpegScans);
+            std::longjmp(state->jump, 1);
+        }
+    }
+}
 
 Picture ReadJpeg(const std::string& path, const std::vector<uint8_t>& bytes) {
     jpeg_decompress_struct info;
     JpegErrorState err;
+    jpeg_progress_mgr progress{};
     info.err = jpeg_std_error(&err.mgr);
     err.mgr.error_exit = JpegError;
-    err.mgr.emit_message = JpegSilence;
+    err.mgr.emit_message = JpegMessage;
+    progress.progress_monitor = JpegProgress;
     // Everything the jump may skip over is set up before setjmp.
     Picture pic;
+    std::string refusal;
     if (setjmp(err.jump) != 0) {
         jpeg_destroy_decompress(&info);
         throw ToolError("cannot decode JPEG '" + path + "': " + err.message, kExitInput);
     }
     jpeg_create_decompress(&info);
+    info.progress = &progress;
     jpeg_mem_src(&info, bytes.data(), static_cast<unsigned long>(bytes.size()));
     jpeg_read_header(&info, TRUE);
     bool gray = info.jpeg_color_space == JCS_GRAYSCALE;
     if (!gray && info.jpeg_color_space != JCS_YCbCr && info.jpeg_color_space != JCS_RGB) {
+        refusal = "JPEG '" + path + "' uses an unsupported colour space (not gray or RGB)";
+    } else if (static_cast<uint64_t>(info.image_width) * info.image_height >
+               ToolLimits().max_pixels) {
+        // Checked before the decoder allocates anything of that size.
+        refusal = "JPEG '" + path + "' of " + std::to_string(info.image_width) + "x" +
+                  std::to_string(info.image_height) + " pixels is above the limit of " +
+                  std::to_string(ToolLimits().max_pixels) + " pixels (--max-pixels)";
+    }
+    if (!refusal.empty()) {
         jpeg_destroy_decompress(&info);
-        throw ToolError("JPEG '" + path + "' uses an unsupported colour space (not gray or RGB)",
-                        kExitInput);
+        throw ToolError(refusal, kExitInput);
     }
     info.out_color_space = gray ? JCS_GRAYSCALE : JCS_RGB;
     jpeg_start_decompress(&info);
@@ -119,8 +161,9 @@ Picture ReadJpeg(const std::string& path, const std::vector<uint8_t>& bytes) {
 
 }  // namespace
 
-Picture ReadPicture(const std::string& path) {
-    std::vector<uint8_t> bytes = ReadFileBytes(path);
+Picture ReadPicture(const std::string& path) { return DecodePicture(path, ReadFileBytes(path)); }
+
+Picture DecodePicture(const std::string& path, const std::vector<uint8_t>& bytes) {
     static const uint8_t kPngMagic[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
     if (bytes.size() >= 8 && std::memcmp(bytes.data(), kPngMagic, 8) == 0) {
         return ReadPng(path, bytes);

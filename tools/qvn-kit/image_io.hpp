@@ -25,8 +25,11 @@ struct Picture {
 
 // Reads a PNG or JPEG, told apart by their first bytes. 16-bit PNG samples
 // are reduced to 8 bits, palettes expanded, gray+alpha becomes R,G,B,A.
-// ToolError naming the file on any fault.
+// ToolError naming the file on any fault, a damaged JPEG included, and for a
+// picture above --max-pixels (checked before its pixels are allocated).
 Picture ReadPicture(const std::string& path);
+// The same from bytes in memory; `path` only names them in messages.
+Picture DecodePicture(const std::string& path, const std::vector<uint8_t>& bytes);
 
 // Writes a PNG atomically (see WriteAtomically). `bgr` says the pixels are
 // stored B,G,R(,A).

@@ -1,8 +1,10 @@
 // main.cpp - qvn-kit: the kit's functions on real files.
 //
 // Every fault the user can cause ends as one line "qvn-kit: <problem>" on
-// stderr and a non-zero exit code; outputs are written through temporary
-// files, so a failed run leaves no partial file behind.
+// stderr and a non-zero exit code; outputs are prepared in temporary files
+// and moved into place only when the whole run succeeded, so a failed run
+// leaves no file behind. A line logged by the library is a refusal and fails
+// the run (exit 5) even where a command did not check for it itself.
 #include "commands.hpp"
 #include "common.hpp"
 
@@ -34,6 +36,16 @@ int main(int argc, char** argv) {
             throw CLI::Success();
         },
         "Print the tool, kit and core versions and exit");
+    // Global limits, accepted before or after the subcommand.
+    app.fallthrough();
+    qvntool::Limits& limits = qvntool::ToolLimits();
+    app.add_option("--max-pixels", limits.max_pixels,
+                   "Largest picture, frame, crop, tensor or warp output in pixels (67108864)")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{0x7FFFFFFF}));
+    app.add_option_function<uint64_t>(
+           "--max-input-mb", [&limits](const uint64_t& mb) { limits.max_input_bytes = mb << 20; },
+           "Largest input file in MiB (1024)")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 20));
     qvntool::AddPreprocessCommand(app);
     qvntool::AddOrientCommand(app);
     qvntool::AddWarpCommand(app);
@@ -42,22 +54,28 @@ int main(int argc, char** argv) {
     qvntool::AddTrackCommand(app);
     qvntool::AddDemoCommand(app);
 
+    int code = 0;
     try {
         app.parse(argc, argv);
+        qvntool::CheckLibrary("the library refused the input");
+        qvntool::CommitOutputs();
+        qvntool::FlushNotices();
+        return 0;
     } catch (const CLI::Success& e) {  // --help, --version
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
         std::fprintf(stderr, "qvn-kit: %s (see --help)\n", e.what());
-        return qvntool::kExitUsage;
+        code = qvntool::kExitUsage;
     } catch (const qvntool::ToolError& e) {
         std::fprintf(stderr, "qvn-kit: %s\n", e.what());
-        return e.code();
+        code = e.code();
     } catch (const std::bad_alloc&) {
         std::fprintf(stderr, "qvn-kit: out of memory\n");
-        return 1;
+        code = 1;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "qvn-kit: %s\n", e.what());
-        return 1;
+        code = 1;
     }
-    return 0;
+    qvntool::DiscardOutputs();
+    return code;
 }

@@ -67,8 +67,9 @@ size_t Count(const std::vector<size_t>& shape) {
 
 }  // namespace
 
-NpyArray ReadNpyFloat(const std::string& path) {
-    std::vector<uint8_t> bytes = ReadFileBytes(path);
+NpyArray ReadNpyFloat(const std::string& path) { return ParseNpyFloat(path, ReadFileBytes(path)); }
+
+NpyArray ParseNpyFloat(const std::string& path, const std::vector<uint8_t>& bytes) {
     auto bad = [&](const std::string& why) {
         return ToolError("malformed NumPy file '" + path + "': " + why, kExitInput);
     };

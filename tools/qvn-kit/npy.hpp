@@ -17,6 +17,8 @@ struct NpyArray {
 // Reads a float32 array ('<f4', C order). ToolError naming the file for a
 // missing file, another dtype, Fortran order or a truncated body.
 NpyArray ReadNpyFloat(const std::string& path);
+// The same from the file's bytes; `path` only names them in messages.
+NpyArray ParseNpyFloat(const std::string& path, const std::vector<uint8_t>& bytes);
 
 // Writes atomically.
 void WriteNpyFloat(const std::string& path, const std::vector<size_t>& shape,

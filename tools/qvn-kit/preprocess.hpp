@@ -3,6 +3,8 @@
 #ifndef QVN_TOOL_PREPROCESS_HPP
 #define QVN_TOOL_PREPROCESS_HPP
 
+#include "common.hpp"
+
 #include <qvn_kit/qvn_kit.h>
 #include <quvas/runtime/tensor.h>
 
@@ -28,6 +30,14 @@ void ConvertFrame(const QVN_Image& frame, const TensorTarget& target, bool bgr,
                   quvas::runtime::TensorPtr& tensor);
 // .npy or PNG by the name.
 void WriteTensor(const std::string& path, const quvas::runtime::Tensor& tensor, bool bgr);
+// Bytes of one raw frame of `size_text` ("WxH", parsed into `size`) in
+// format pix_fmt, after --max-pixels and the kit's 32-bit byte count (kept
+// only where it agrees with the count in 64 bits); ToolError otherwise.
+size_t RawFrameBytes(uint32_t pix_fmt, const std::string& size_text, Size2& size);
+// Whole frames in a raw file of `file_bytes`; ToolError naming `path` when
+// the file is empty or ends inside a frame.
+long RawFrameCount(uint32_t pix_fmt, const std::string& size_text, size_t frame_bytes,
+                   const std::string& path, size_t file_bytes);
 // "out.png" -> "out_00003.png" when count > 1.
 std::string IndexedPath(const std::string& path, long index, long count);
 

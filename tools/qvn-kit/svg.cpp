@@ -7,10 +7,15 @@
 namespace qvntool {
 namespace {
 
+// Any finite value in full: "%.2f" of a large double is hundreds of digits.
 std::string Num(double v) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%.2f", v);
-    return buf;
+    char buf[64];
+    int n = std::snprintf(buf, sizeof buf, "%.2f", v);
+    if (n >= 0 && static_cast<size_t>(n) < sizeof buf) return buf;
+    std::string big(static_cast<size_t>(n) + 1, '\0');
+    std::snprintf(&big[0], big.size(), "%.2f", v);
+    big.pop_back();
+    return big;
 }
 
 std::string Escape(const std::string& s) {
@@ -72,16 +77,18 @@ std::string TrackSvg(const std::vector<BoxRow>& raw, const std::vector<BoxRow>& 
     double px = margin * 2 + fw, py = margin;
     s += "<rect x=\"" + Num(px) + "\" y=\"" + Num(py) + "\" width=\"" + Num(panel) +
          "\" height=\"" + Num(panel) + "\" fill=\"none\" stroke=\"black\"/>\n";
+    // Frame numbers may reach 2^63 - 1: the span is worked out in double.
     long f0 = 0, f1 = 1;
     if (!raw.empty()) {
         f0 = raw.front().frame;
-        f1 = std::max(raw.back().frame, f0 + 1);
+        f1 = raw.back().frame;
     }
     if (!smooth.empty()) f1 = std::max(f1, smooth.back().frame);
+    const double span = std::max(1.0, static_cast<double>(f1) - static_cast<double>(f0));
     auto series = [&](const std::vector<BoxRow>& rows, bool use_x) {
         std::string d;
         for (size_t i = 0; i < rows.size(); ++i) {
-            double t = static_cast<double>(rows[i].frame - f0) / static_cast<double>(f1 - f0);
+            double t = (static_cast<double>(rows[i].frame) - static_cast<double>(f0)) / span;
             double v = use_x ? rows[i].x + rows[i].w * 0.5 : rows[i].y + rows[i].h * 0.5;
             v = std::min(1.2, std::max(-0.2, v));
             d += (i == 0 ? "M" : " L") + Num(px + t * panel) + " " + Num(py + (1 - v) * panel);
