@@ -1,7 +1,7 @@
 // qvn_pyref.cpp - expected bytes for the Python module's tests, computed by
 // calling libqvn_kit directly on raw little-endian files.
 //
-//   qvn_pyref mask    IN.f32 OUT.u8 SIGMOID(0|1)
+//   qvn_pyref mask    IN.f32 SIGMOID(0|1) OUT.u8
 //   qvn_pyref softmax IN.f32 OUT.f32
 //   qvn_pyref rotate  IN.u8 W H C ANGLE OUT.u8     (also: mirror, flipv without ANGLE)
 //   qvn_pyref warp    IN.u8 W H C OW OH BORDER VECTOR(0|1) M0 M1 M2 M3 M4 M5 OUT.u8
@@ -64,12 +64,12 @@ int Mask(int argc, char** argv) {
     std::vector<float> src(static_cast<size_t>(n) + 16, 0.f);
     std::memcpy(src.data(), bytes.data(), static_cast<size_t>(n) * sizeof(float));
     std::vector<unsigned char> dst(static_cast<size_t>(n) + 16, 0);
-    if (std::atoi(argv[4]) != 0) {
+    if (std::atoi(argv[3]) != 0) {
         quvas::kit::sigmoid_float01toUchar0255SSE(src.data(), dst.data(), n);
     } else {
         quvas::kit::float01toUchar0255SSE(src.data(), dst.data(), n);
     }
-    WriteAll(argv[3], dst.data(), static_cast<size_t>(n));
+    WriteAll(argv[4], dst.data(), static_cast<size_t>(n));
     return 0;
 }
 
