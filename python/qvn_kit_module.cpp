@@ -121,6 +121,9 @@ py::array_t<T, py::array::c_style> InputArray(py::handle obj, const char* name) 
                              ", not " +
                              std::string(py::str(py::reinterpret_borrow<py::array>(obj).dtype())));
     }
+    if (py::detail::check_flags(obj.ptr(), py::array::c_style | py::detail::npy_api::NPY_ARRAY_ALIGNED_)) {
+        return py::reinterpret_borrow<py::array_t<T, py::array::c_style>>(obj);
+    }
     return py::array_t<T, py::array::c_style>::ensure(obj);
 }
 
@@ -162,7 +165,18 @@ py::array_t<T> NewArray(const std::vector<py::ssize_t>& shape) {
 
 // Pixel format: a name the command-line tool accepts, or the QVN_PIX_FMT value.
 uint32_t ParseFormat(py::handle obj, const char* name) {
-    if (py::isinstance<py::str>(obj)) {
+    if (PyUnicode_Check(obj.ptr())) {
+        // The usual lower-case names without building std::strings: this
+        // runs on every preprocess call.
+        Py_ssize_t len = 0;
+        const char* text = PyUnicode_AsUTF8AndSize(obj.ptr(), &len);
+        if (text != nullptr && len == 4) {
+            if (std::memcmp(text, "nv21", 4) == 0) return QVN_PIX_FMT_YUV420SP_D;
+            if (std::memcmp(text, "nv12", 4) == 0) return QVN_PIX_FMT_YUV420SP_C;
+            if (std::memcmp(text, "bgra", 4) == 0) return QVN_PIX_FMT_BGRA8888;
+            if (std::memcmp(text, "rgba", 4) == 0) return QVN_PIX_FMT_RGBA8888;
+        }
+        if (text == nullptr) throw py::error_already_set();
         try {
             return qvntool::ParseFrameFormat(obj.cast<std::string>());
         } catch (const qvntool::ToolError& e) {
@@ -206,6 +220,17 @@ uint32_t ParseOrient(py::handle obj, const char* name) {
 template <typename T>
 std::vector<T> Numbers(py::handle obj, const char* name, size_t count) {
     std::vector<T> out;
+    // Tuples, the usual case, without the sequence protocol.
+    if (PyTuple_Check(obj.ptr()) && static_cast<size_t>(PyTuple_GET_SIZE(obj.ptr())) == count) {
+        try {
+            for (size_t i = 0; i < count; ++i) {
+                out.push_back(py::handle(PyTuple_GET_ITEM(obj.ptr(), i)).cast<T>());
+            }
+            return out;
+        } catch (const py::cast_error&) {
+            out.clear();
+        }
+    }
     bool ok = !py::isinstance<py::str>(obj) && py::hasattr(obj, "__len__");
     if (ok) {
         try {
