@@ -59,6 +59,9 @@ def picture(h, w, channels=3, seed=0):
 @pytest.fixture(scope="session")
 def qk():
     import qvn_kit
+    wanted = os.environ.get("QVN_PYTHONPATH")
+    if wanted:  # testing an installed tree: it must be that module that loaded
+        assert Path(qvn_kit.__file__).parent == Path(wanted), qvn_kit.__file__
     return qvn_kit
 
 
