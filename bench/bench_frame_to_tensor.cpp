@@ -361,18 +361,19 @@ void BM_Step_GrayBGRA(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_Kit_NV21_Planar)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_CV_NV21_Planar_Steps)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_CV_NV21_Planar_Warp)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Kit_BGRA_Planar)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_CV_BGRA_Planar_Steps)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_CV_BGRA_Planar_Warp)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Kit_NV21_Gray)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_CV_NV21_Gray_Steps)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_CV_NV21_Gray_Warp)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Kit_BGRA_Gray)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_CV_BGRA_Gray_Steps)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_CV_BGRA_Gray_Warp)->Unit(benchmark::kMicrosecond);
+// Names follow scripts/bench: "<workload>/<implementation>[-variant]".
+BENCHMARK(BM_Kit_NV21_Planar)->Name("FrameToTensor_NV21_Planar/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_NV21_Planar_Steps)->Name("FrameToTensor_NV21_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_NV21_Planar_Warp)->Name("FrameToTensor_NV21_Planar/opencv-warp")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit_BGRA_Planar)->Name("FrameToTensor_BGRA_Planar/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_BGRA_Planar_Steps)->Name("FrameToTensor_BGRA_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_BGRA_Planar_Warp)->Name("FrameToTensor_BGRA_Planar/opencv-warp")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit_NV21_Gray)->Name("FrameToTensor_NV21_Gray/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_NV21_Gray_Steps)->Name("FrameToTensor_NV21_Gray/opencv-steps")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_NV21_Gray_Warp)->Name("FrameToTensor_NV21_Gray/opencv-warp")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit_BGRA_Gray)->Name("FrameToTensor_BGRA_Gray/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_BGRA_Gray_Steps)->Name("FrameToTensor_BGRA_Gray/opencv-steps")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_BGRA_Gray_Warp)->Name("FrameToTensor_BGRA_Gray/opencv-warp")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Step_Alloc)
     ->Args({kCropSize, 1})
     ->Args({kCropSize / 2, 2})
