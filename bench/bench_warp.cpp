@@ -120,6 +120,21 @@ void BM_Simd(benchmark::State& state, int cn, const Job* job) {
         return;
     }
     SimdWarpAffineRun(ctx, src.data, dst.data);
+    // Same job? Simd's 5-bit weights differ from ours by a few levels; a
+    // wrong matrix would differ by about 85 on these random bytes.
+    {
+        const FixedFn ours[5] = {nullptr, quvas::kit::warpaffine_linear_SSE_C1, quvas::kit::warpaffine_linear_SSE_C2,
+                                 quvas::kit::warpaffine_linear_SSE_C3, quvas::kit::warpaffine_linear_SSE_C4};
+        cv::Mat mine(job->dh, job->dw, CV_8UC(cn), cv::Scalar::all(0));
+        ours[cn](kSrcH, kSrcW, static_cast<int>(src.step), cn, job->dh, job->dw, static_cast<int>(mine.step),
+                 mine.data, src.data, job->M, 0);
+        const double mean = cv::norm(mine, dst, cv::NORM_L1) / (static_cast<double>(mine.total()) * cn);
+        if (mean > 4.0) {
+            state.SkipWithError("Simd's warp does not match ours: wrong matrix?");
+            SimdRelease(ctx);
+            return;
+        }
+    }
     for (auto _ : state) {
         SimdWarpAffineRun(ctx, src.data, dst.data);
         benchmark::DoNotOptimize(dst.data);
