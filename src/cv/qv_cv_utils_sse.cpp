@@ -199,30 +199,52 @@ inline __m256i lane_byte_mask(int k) {
                              z | (12 + k));
 }
 
-inline void plain8_c1(const unsigned char* src, int stride, const Block8& b, unsigned char* out) {
-    // Gathers are slow on some processors; plain loads are not. s00 s10 from
-    // the top row and s01 s11 from the lower one make one 32-bit word, two
-    // pixels one 64-bit word, built in general registers.
+// One channel in two passes over a row's plain span. The first computes
+// weights and copies each pixel's four taps (s00 s10 from the top row, s01
+// s11 from the lower one: one 32-bit word) into row buffers with plain loads
+// and stores, as gathers are slow on some processors; the second blends
+// eight pixels a step from the buffers. Splitting them keeps each loop small
+// enough for the registers and lets the copies settle before they are read.
+struct RowBuffers {
+    explicit RowBuffers(int width)
+        : store(new float[5 * static_cast<size_t>(width) + 8]),
+          w00(store.get()),
+          w10(w00 + width),
+          w01(w10 + width),
+          w11(w01 + width),
+          taps(reinterpret_cast<uint16_t*>(w11 + width)) {}
+    std::unique_ptr<float[]> store;
+    float *w00, *w10, *w01, *w11;
+    uint16_t* taps;  // two per pixel
+};
+
+inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, RowBuffers& buf, int k) {
+    _mm256_storeu_ps(buf.w00 + k, b.w00);
+    _mm256_storeu_ps(buf.w10 + k, b.w10);
+    _mm256_storeu_ps(buf.w01 + k, b.w01);
+    _mm256_storeu_ps(buf.w11 + k, b.w11);
     alignas(32) int32_t off[8];
     _mm256_store_si256(reinterpret_cast<__m256i*>(off), b.off);
-    auto taps = [src, stride](int32_t o) {
-        uint16_t top, bottom;
-        std::memcpy(&top, src + o, 2);
-        std::memcpy(&bottom, src + o + stride, 2);
-        return static_cast<uint64_t>(top) | (static_cast<uint64_t>(bottom) << 16);
-    };
-    auto two = [&](int i) { return static_cast<long long>(taps(off[i]) | (taps(off[i + 1]) << 32)); };
-    const __m256i t = _mm256_setr_epi64x(two(0), two(2), two(4), two(6));
+    uint16_t* t = buf.taps + 2 * k;
+    for (int i = 0; i < 8; ++i) {
+        std::memcpy(t + 2 * i, src + off[i], 2);
+        std::memcpy(t + 2 * i + 1, src + off[i] + stride, 2);
+    }
+}
+
+inline void blend8_c1(const RowBuffers& buf, int k, unsigned char* out) {
+    const __m256i t = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(buf.taps + 2 * k));
     const __m256 s00 = _mm256_cvtepi32_ps(_mm256_and_si256(t, _mm256_set1_epi32(0xff)));
     const __m256 s10 = _mm256_cvtepi32_ps(_mm256_shuffle_epi8(t, lane_byte_mask(1)));
     const __m256 s01 = _mm256_cvtepi32_ps(_mm256_shuffle_epi8(t, lane_byte_mask(2)));
     const __m256 s11 = _mm256_cvtepi32_ps(_mm256_srli_epi32(t, 24));
-    __m256 sum = _mm256_fmadd_ps(s00, b.w00, _mm256_set1_ps(32768.0f));
-    sum = _mm256_fmadd_ps(s10, b.w10, sum);
-    sum = _mm256_fmadd_ps(s01, b.w01, sum);
-    sum = _mm256_fmadd_ps(s11, b.w11, sum);
-    const __m128i r = _mm_packus_epi32(_mm256_castsi256_si128(finish(sum)), _mm256_extracti128_si256(finish(sum), 1));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(r, r));
+    __m256 sum = _mm256_fmadd_ps(s00, _mm256_loadu_ps(buf.w00 + k), _mm256_set1_ps(32768.0f));
+    sum = _mm256_fmadd_ps(s10, _mm256_loadu_ps(buf.w10 + k), sum);
+    sum = _mm256_fmadd_ps(s01, _mm256_loadu_ps(buf.w01 + k), sum);
+    sum = _mm256_fmadd_ps(s11, _mm256_loadu_ps(buf.w11 + k), sum);
+    const __m256i r = finish(sum);
+    const __m128i q = _mm_packus_epi32(_mm256_castsi256_si128(r), _mm256_extracti128_si256(r, 1));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(q, q));
 }
 
 // Two to four channels. One pixel's row pair of samples (left | right), each
@@ -350,6 +372,8 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
     const auto inside_low = [](float v) { return v > -1.0f; };
     const auto plain_low = [](float v) { return v >= 0.0f; };
     const bool finite_slopes = std::isfinite(M[0]) && std::isfinite(M[3]);
+    std::unique_ptr<RowBuffers> row_buffers;
+    if (N == 1) row_buffers.reset(new RowBuffers(dstWidth));
 
     for (int y = 0; y < dstHeight; ++y) {
         const float row = static_cast<float>(y);
@@ -392,16 +416,21 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             const Block8 b = block8(_mm256_add_ps(_mm256_set1_ps(static_cast<float>(j)), steps), m0, m3, bxv, byv,
                                     stride_v, N, decltype(float_offsets)::value);
             if constexpr (N == 1) {
-                plain8_c1(src, srcStride, b, out + j);
+                collect8_c1(src, srcStride, b, *row_buffers, j - plain.lo);
             } else {
                 plain8_cn<N>(src, srcStride, b, out + static_cast<ptrdiff_t>(j) * N);
             }
         };
+        // Blocks of eight from the span's start; the last one ends at the
+        // span's end, recomputing a few columns.
         auto span = [&](auto float_offsets) {
             int j = plain.lo;
             for (; j + 8 <= plain.hi; j += 8) run(j, float_offsets);
-            // The last block ends at the span's end, recomputing a few columns.
             if (j < plain.hi) run(plain.hi - 8, float_offsets);
+            if constexpr (N == 1) {
+                for (j = plain.lo; j + 8 <= plain.hi; j += 8) blend8_c1(*row_buffers, j - plain.lo, out + j);
+                if (j < plain.hi) blend8_c1(*row_buffers, plain.hi - 8 - plain.lo, out + plain.hi - 8);
+            }
         };
         if (float_stride) {
             span(std::true_type{});
