@@ -310,17 +310,38 @@ inline void plainn_store<2>(__m256i px, unsigned char* out) {
                      _mm256_castsi256_si128(_mm256_permute4x64_epi64(packed, 0x08)));
 }
 
-template <int N>
-inline void plain8_cn(const unsigned char* src, int stride, const Block8& b, unsigned char* out) {
-    alignas(32) int32_t off[8];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(off), b.off);
+// Two to four channels, also in two passes: the first stores each pixel's
+// offset and its weights laid out for the blend, (w00 x4 | w10 x4) and
+// (w01 x4 | w11 x4); the second reads the samples and blends.
+struct RowBuffersN {
+    explicit RowBuffersN(int width)
+        : store(new float[17 * static_cast<size_t>(width) + 8]),
+          top(store.get()),
+          bottom(top + 8 * static_cast<size_t>(width)),
+          off(reinterpret_cast<int32_t*>(bottom + 8 * static_cast<size_t>(width))) {}
+    std::unique_ptr<float[]> store;
+    float *top, *bottom;
+    int32_t* off;
+};
+
+inline void collect8_cn(const Block8& b, RowBuffersN& buf, int k) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf.off + k), b.off);
     const __m256 t_lo = _mm256_unpacklo_ps(b.w00, b.w10), t_hi = _mm256_unpackhi_ps(b.w00, b.w10);
     const __m256 u_lo = _mm256_unpacklo_ps(b.w01, b.w11), u_hi = _mm256_unpackhi_ps(b.w01, b.w11);
+#pragma GCC unroll 8
+    for (int i = 0; i < 8; ++i) {
+        _mm256_storeu_ps(buf.top + 8 * (k + i), pair_weights(t_lo, t_hi, i));
+        _mm256_storeu_ps(buf.bottom + 8 * (k + i), pair_weights(u_lo, u_hi, i));
+    }
+}
+
+template <int N>
+inline void blend8_cn(const unsigned char* src, int stride, const RowBuffersN& buf, int k, unsigned char* out) {
     const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the two halves
     __m256 acc[8];
 #pragma GCC unroll 8
     for (int i = 0; i < 8; ++i) {
-        const unsigned char* p = src + off[i];
+        const unsigned char* p = src + buf.off[k + i];
         __m256 top, bottom;
         if constexpr (N == 3) {
             top = row_pair3<0>(p);
@@ -330,14 +351,14 @@ inline void plain8_cn(const unsigned char* src, int stride, const Block8& b, uns
             bottom = row_pair<N>(p + stride);
         }
         // (s00 * w00 | s10 * w10) + (s01 * w01 | s11 * w11) + 16384, per channel lane.
-        acc[i] = _mm256_fmadd_ps(top, pair_weights(t_lo, t_hi, i),
-                                 _mm256_fmadd_ps(bottom, pair_weights(u_lo, u_hi, i), half));
+        acc[i] = _mm256_fmadd_ps(top, _mm256_loadu_ps(buf.top + 8 * (k + i)),
+                                 _mm256_fmadd_ps(bottom, _mm256_loadu_ps(buf.bottom + 8 * (k + i)), half));
     }
     __m256i r[4];
-    for (int k = 0; k < 4; ++k) {
-        const __m256 a = acc[2 * k], c = acc[2 * k + 1];
-        // Halves summed: pixel 2k in the low half, 2k + 1 in the high one.
-        r[k] = finish(_mm256_add_ps(_mm256_permute2f128_ps(a, c, 0x20), _mm256_permute2f128_ps(a, c, 0x31)));
+    for (int q = 0; q < 4; ++q) {
+        const __m256 a = acc[2 * q], c = acc[2 * q + 1];
+        // Halves summed: pixel 2q in the low half, 2q + 1 in the high one.
+        r[q] = finish(_mm256_add_ps(_mm256_permute2f128_ps(a, c, 0x20), _mm256_permute2f128_ps(a, c, 0x31)));
     }
     // packus: (p0 p2 p4 p6 | p1 p3 p5 p7) per 32-bit group -> pixel order.
     const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(r[0], r[1]), _mm256_packus_epi32(r[2], r[3]));
@@ -373,7 +394,12 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
     const auto plain_low = [](float v) { return v >= 0.0f; };
     const bool finite_slopes = std::isfinite(M[0]) && std::isfinite(M[3]);
     std::unique_ptr<RowBuffers> row_buffers;
-    if (N == 1) row_buffers.reset(new RowBuffers(dstWidth));
+    std::unique_ptr<RowBuffersN> row_buffers_n;
+    if (N == 1) {
+        row_buffers.reset(new RowBuffers(dstWidth));
+    } else {
+        row_buffers_n.reset(new RowBuffersN(dstWidth));
+    }
 
     for (int y = 0; y < dstHeight; ++y) {
         const float row = static_cast<float>(y);
@@ -418,7 +444,7 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             if constexpr (N == 1) {
                 collect8_c1(src, srcStride, b, *row_buffers, j - plain.lo);
             } else {
-                plain8_cn<N>(src, srcStride, b, out + static_cast<ptrdiff_t>(j) * N);
+                collect8_cn(b, *row_buffers_n, j - plain.lo);
             }
         };
         // Blocks of eight from the span's start; the last one ends at the
@@ -427,10 +453,15 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             int j = plain.lo;
             for (; j + 8 <= plain.hi; j += 8) run(j, float_offsets);
             if (j < plain.hi) run(plain.hi - 8, float_offsets);
-            if constexpr (N == 1) {
-                for (j = plain.lo; j + 8 <= plain.hi; j += 8) blend8_c1(*row_buffers, j - plain.lo, out + j);
-                if (j < plain.hi) blend8_c1(*row_buffers, plain.hi - 8 - plain.lo, out + plain.hi - 8);
-            }
+            auto blend = [&](int col) {
+                if constexpr (N == 1) {
+                    blend8_c1(*row_buffers, col - plain.lo, out + col);
+                } else {
+                    blend8_cn<N>(src, srcStride, *row_buffers_n, col - plain.lo, out + static_cast<ptrdiff_t>(col) * N);
+                }
+            };
+            for (j = plain.lo; j + 8 <= plain.hi; j += 8) blend(j);
+            if (j < plain.hi) blend(plain.hi - 8);
         };
         if (float_stride) {
             span(std::true_type{});
