@@ -365,6 +365,56 @@ inline void blend8_cn(const unsigned char* src, int stride, const RowBuffersN& b
     plainn_store<N>(_mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)), out);
 }
 
+// Two channels: two pixels share a vector. A pixel's row of samples is four
+// bytes (s00 c0 c1, s10 c0 c1), its weights (w00 w00 w10 w10); the channel
+// sums are the two halves of each pixel's four lanes added.
+inline void collect8_c2(const Block8& b, RowBuffersN& buf, int k) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf.off + k), b.off);
+    const __m256i first = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3), second = _mm256_setr_epi32(4, 4, 5, 5, 6, 6, 7, 7);
+    const __m256 t_lo = _mm256_unpacklo_ps(b.w00, b.w10), t_hi = _mm256_unpackhi_ps(b.w00, b.w10);
+    const __m256 u_lo = _mm256_unpacklo_ps(b.w01, b.w11), u_hi = _mm256_unpackhi_ps(b.w01, b.w11);
+    // Pixels 0 1 | 2 3 | 4 5 | 6 7, four floats each.
+    float* t = buf.top + 4 * k;
+    float* u = buf.bottom + 4 * k;
+    _mm256_storeu_ps(t, _mm256_permutevar8x32_ps(t_lo, first));
+    _mm256_storeu_ps(t + 8, _mm256_permutevar8x32_ps(t_hi, first));
+    _mm256_storeu_ps(t + 16, _mm256_permutevar8x32_ps(t_lo, second));
+    _mm256_storeu_ps(t + 24, _mm256_permutevar8x32_ps(t_hi, second));
+    _mm256_storeu_ps(u, _mm256_permutevar8x32_ps(u_lo, first));
+    _mm256_storeu_ps(u + 8, _mm256_permutevar8x32_ps(u_hi, first));
+    _mm256_storeu_ps(u + 16, _mm256_permutevar8x32_ps(u_lo, second));
+    _mm256_storeu_ps(u + 24, _mm256_permutevar8x32_ps(u_hi, second));
+}
+
+inline __m256 two_rows_c2(const unsigned char* a, const unsigned char* b) {
+    int32_t x, y;
+    std::memcpy(&x, a, 4);
+    std::memcpy(&y, b, 4);
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_unpacklo_epi32(_mm_cvtsi32_si128(x), _mm_cvtsi32_si128(y))));
+}
+
+inline void blend8_c2(const unsigned char* src, int stride, const RowBuffersN& buf, int k, unsigned char* out) {
+    const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the two lanes of a channel
+    __m256 pair[4];
+#pragma GCC unroll 4
+    for (int q = 0; q < 4; ++q) {
+        const unsigned char* p0 = src + buf.off[k + 2 * q];
+        const unsigned char* p1 = src + buf.off[k + 2 * q + 1];
+        const __m256 top = two_rows_c2(p0, p1), bottom = two_rows_c2(p0 + stride, p1 + stride);
+        const __m256 acc = _mm256_fmadd_ps(top, _mm256_loadu_ps(buf.top + 4 * k + 8 * q),
+                                           _mm256_fmadd_ps(bottom, _mm256_loadu_ps(buf.bottom + 4 * k + 8 * q), half));
+        // Lanes 0, 1 of each half: (c0, c1) of pixel 2q (low) and 2q + 1 (high).
+        pair[q] = _mm256_add_ps(acc, _mm256_permute_ps(acc, 0x4e));
+    }
+    // (p0 p2 | p1 p3) and (p4 p6 | p5 p7), two lanes a pixel.
+    const __m256i a = finish(_mm256_shuffle_ps(pair[0], pair[1], 0x44));
+    const __m256i b = finish(_mm256_shuffle_ps(pair[2], pair[3], 0x44));
+    const __m256i w = _mm256_packus_epi16(_mm256_packus_epi32(a, b), _mm256_setzero_si256());
+    // Words (p0 p2 p4 p6 | p1 p3 p5 p7) -> p0 .. p7.
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
+                     _mm_unpacklo_epi16(_mm256_castsi256_si128(w), _mm256_extracti128_si256(w, 1)));
+}
+
 // ---- the driver shared by the four kernels -----------------------------------
 
 template <int N>
@@ -443,6 +493,8 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
                                     stride_v, N, decltype(float_offsets)::value);
             if constexpr (N == 1) {
                 collect8_c1(src, srcStride, b, *row_buffers, j - plain.lo);
+            } else if constexpr (N == 2) {
+                collect8_c2(b, *row_buffers_n, j - plain.lo);
             } else {
                 collect8_cn(b, *row_buffers_n, j - plain.lo);
             }
@@ -456,6 +508,8 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             auto blend = [&](int col) {
                 if constexpr (N == 1) {
                     blend8_c1(*row_buffers, col - plain.lo, out + col);
+                } else if constexpr (N == 2) {
+                    blend8_c2(src, srcStride, *row_buffers_n, col - plain.lo, out + 2 * static_cast<ptrdiff_t>(col));
                 } else {
                     blend8_cn<N>(src, srcStride, *row_buffers_n, col - plain.lo, out + static_cast<ptrdiff_t>(col) * N);
                 }
