@@ -318,21 +318,28 @@ struct RowBuffersN {
         : store(new float[17 * static_cast<size_t>(width) + 8]),
           top(store.get()),
           bottom(top + 8 * static_cast<size_t>(width)),
-          off(reinterpret_cast<int32_t*>(bottom + 8 * static_cast<size_t>(width))) {}
+          off(reinterpret_cast<int32_t*>(bottom + 8 * static_cast<size_t>(width))),
+          width(width) {}
     std::unique_ptr<float[]> store;
     float *top, *bottom;
     int32_t* off;
+    int width;
 };
 
+// Three and four channels keep the four weights as they come, one array
+// each (w00 w10 in `top`, w01 w11 in `bottom`); the blend broadcasts them
+// from memory, which costs load slots rather than shuffles.
 inline void collect8_cn(const Block8& b, RowBuffersN& buf, int k) {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf.off + k), b.off);
-    const __m256 t_lo = _mm256_unpacklo_ps(b.w00, b.w10), t_hi = _mm256_unpackhi_ps(b.w00, b.w10);
-    const __m256 u_lo = _mm256_unpacklo_ps(b.w01, b.w11), u_hi = _mm256_unpackhi_ps(b.w01, b.w11);
-#pragma GCC unroll 8
-    for (int i = 0; i < 8; ++i) {
-        _mm256_storeu_ps(buf.top + 8 * (k + i), pair_weights(t_lo, t_hi, i));
-        _mm256_storeu_ps(buf.bottom + 8 * (k + i), pair_weights(u_lo, u_hi, i));
-    }
+    _mm256_storeu_ps(buf.top + k, b.w00);
+    _mm256_storeu_ps(buf.top + buf.width + k, b.w10);
+    _mm256_storeu_ps(buf.bottom + k, b.w01);
+    _mm256_storeu_ps(buf.bottom + buf.width + k, b.w11);
+}
+
+// (a x4 | b x4) from two floats in memory.
+inline __m256 halves(const float* a, const float* b) {
+    return _mm256_blend_ps(_mm256_broadcast_ss(a), _mm256_broadcast_ss(b), 0xF0);
 }
 
 template <int N>
@@ -351,8 +358,9 @@ inline void blend8_cn(const unsigned char* src, int stride, const RowBuffersN& b
             bottom = row_pair<N>(p + stride);
         }
         // (s00 * w00 | s10 * w10) + (s01 * w01 | s11 * w11) + 16384, per channel lane.
-        acc[i] = _mm256_fmadd_ps(top, _mm256_loadu_ps(buf.top + 8 * (k + i)),
-                                 _mm256_fmadd_ps(bottom, _mm256_loadu_ps(buf.bottom + 8 * (k + i)), half));
+        const int at = k + i;
+        acc[i] = _mm256_fmadd_ps(top, halves(buf.top + at, buf.top + buf.width + at),
+                                 _mm256_fmadd_ps(bottom, halves(buf.bottom + at, buf.bottom + buf.width + at), half));
     }
     __m256i r[4];
     for (int q = 0; q < 4; ++q) {
