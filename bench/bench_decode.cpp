@@ -92,12 +92,13 @@ void BM_Memcpy_Heatmaps(benchmark::State& state) {
 }
 
 #define DECODE_SHAPES ->Args({64, 48})->Args({96, 72})
-BENCHMARK(BM_SoftArgMax<kScalar>) DECODE_SHAPES;
-BENCHMARK(BM_SoftArgMax<kNoSqrt>) DECODE_SHAPES;
-BENCHMARK(BM_SoftArgMax<kSseSqrt>) DECODE_SHAPES;
-BENCHMARK(BM_SoftArgMax<kSseNoSqrt>) DECODE_SHAPES;
-BENCHMARK(BM_SoftArgMax_OpenCV) DECODE_SHAPES;
-BENCHMARK(BM_Memcpy_Heatmaps) DECODE_SHAPES;
+// Names follow scripts/bench: "<workload>/<implementation>[-variant]".
+BENCHMARK(BM_SoftArgMax<kScalar>)->Name("SoftArgMax/ours-scalar") DECODE_SHAPES;
+BENCHMARK(BM_SoftArgMax<kNoSqrt>)->Name("SoftArgMax/ours-scalarNoSqrt") DECODE_SHAPES;
+BENCHMARK(BM_SoftArgMax<kSseSqrt>)->Name("SoftArgMax/ours-sse") DECODE_SHAPES;
+BENCHMARK(BM_SoftArgMax<kSseNoSqrt>)->Name("SoftArgMax/ours-sseNoSqrt") DECODE_SHAPES;
+BENCHMARK(BM_SoftArgMax_OpenCV)->Name("SoftArgMax/opencv") DECODE_SHAPES;
+BENCHMARK(BM_Memcpy_Heatmaps)->Name("SoftArgMax/memcpy") DECODE_SHAPES;
 
 // ---------------------------------------------------------------------------
 // Float-to-byte conversion of W x H values (args: W, H).
@@ -164,11 +165,11 @@ void BM_Memcpy_Floats(benchmark::State& state) {
 }
 
 #define CONVERT_SHAPES ->Args({256, 256})->Args({1920, 1080})
-BENCHMARK(BM_Float01ToByte) CONVERT_SHAPES;
-BENCHMARK(BM_Float01ToByte_OpenCV) CONVERT_SHAPES;
-BENCHMARK(BM_SigmoidToByte) CONVERT_SHAPES;
-BENCHMARK(BM_SigmoidToByte_OpenCV) CONVERT_SHAPES;
-BENCHMARK(BM_Memcpy_Floats) CONVERT_SHAPES;
+BENCHMARK(BM_Float01ToByte)->Name("Float01ToByte/ours") CONVERT_SHAPES;
+BENCHMARK(BM_Float01ToByte_OpenCV)->Name("Float01ToByte/opencv") CONVERT_SHAPES;
+BENCHMARK(BM_SigmoidToByte)->Name("SigmoidToByte/ours") CONVERT_SHAPES;
+BENCHMARK(BM_SigmoidToByte_OpenCV)->Name("SigmoidToByte/opencv") CONVERT_SHAPES;
+BENCHMARK(BM_Memcpy_Floats)->Name("FloatsToBytes/memcpy") CONVERT_SHAPES;
 
 }  // namespace
 

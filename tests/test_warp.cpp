@@ -138,6 +138,16 @@ std::vector<float> RandomInverseMatrix(std::mt19937& rng, int sw, int sh) {
     if (kind == 2) tx = -3.0 * sw;  // wholly off the frame
     if (kind == 3) ty = 4.0 * sh;
     if (kind == 4) { tx = -0.5; ty = -0.25; }
+    if (kind == 5 || kind == 6) {
+        // Upright or nearly so, starting between -1 and 0: the first columns
+        // and rows sample with negative fractions (extrapolated weights).
+        tx = -u(rng);
+        ty = -u(rng);
+        if (kind == 5) return {static_cast<float>(scale), 0.0f, static_cast<float>(tx), 0.0f,
+                               static_cast<float>(scale), static_cast<float>(ty)};
+        return {static_cast<float>(scale), static_cast<float>(shear * 0.1), static_cast<float>(tx),
+                static_cast<float>(-shear * 0.1), static_cast<float>(scale), static_cast<float>(ty)};
+    }
     return {static_cast<float>(a), static_cast<float>(b), static_cast<float>(tx),
             static_cast<float>(d), static_cast<float>(e), static_cast<float>(ty)};
 }
@@ -180,8 +190,10 @@ TEST_P(FixedWarp, MatchesPlainDefinitionOnRandomMatrices) {
     const int N = GetParam();
     std::mt19937 rng(1234 + N);
     std::uniform_int_distribution<int> size(1, 61), pad(0, 9);
-    for (int trial = 0; trial < 600; ++trial) {
-        const int sw = size(rng), sh = size(rng), dw = size(rng), dh = size(rng);
+    for (int trial = 0; trial < 700; ++trial) {
+        // Every destination width 1..70 ten times: rows shorter than a block,
+        // whole blocks, and spans with a few columns left over.
+        const int sw = size(rng), sh = size(rng), dw = 1 + trial % 70, dh = size(rng);
         const int sstride = sw * N + (trial % 3 == 0 ? 0 : pad(rng));
         const int dstride = dw * N + (trial % 2 == 0 ? 0 : pad(rng));
         const unsigned border = kBorderWords[trial % 6];
@@ -196,13 +208,14 @@ TEST_P(FixedWarp, MatchesPlainDefinitionOnRandomMatrices) {
     }
 }
 
-TEST_P(FixedWarp, ReadsNothingOutsideTheSource) {
+TEST_P(FixedWarp, ReadsAndWritesNothingOutsideTheBuffers) {
     // Turns and shifts that sample the first and last rows and columns of a
-    // source that touches an inaccessible page on either side.
+    // source that touches an inaccessible page on either side, into a
+    // destination of every width 1..70 that ends at an inaccessible page.
     const int N = GetParam();
     std::mt19937 rng(77 + N);
     for (bool at_end : {true, false}) {
-        for (int sw : {2, 3, 9, 33}) {
+        for (int sw : {2, 3, 9, 33, 70}) {
             const int sh = 5;
             GuardedBuffer src(static_cast<size_t>(sw) * N * sh, at_end);
             const Bytes content = RandomBytes(rng, src.size());
@@ -210,11 +223,16 @@ TEST_P(FixedWarp, ReadsNothingOutsideTheSource) {
             for (float angle : {0.0f, 0.02f, 1.5707964f, 3.1415927f, -0.7f}) {
                 const float c = std::cos(angle), s = std::sin(angle);
                 const float M[6] = {c, -s, at_end ? sw - 1.6f : -0.4f, s, c, at_end ? sh - 1.6f : -0.4f};
-                const int dw = 37, dh = 9;
-                Bytes got(static_cast<size_t>(dw) * dh * N, 7), want = got;
-                kFixedWarp[N](sh, sw, sw * N, N, dh, dw, dw * N, got.data(), src.data(), M, 0x44332211u);
-                RefFixedWarp(N, sh, sw, sw * N, dh, dw, dw * N, want.data(), src.data(), M, 0x44332211u);
-                ASSERT_EQ(got, want) << "C" << N << " width " << sw << " angle " << angle;
+                for (int dw = 1; dw <= 70; ++dw) {
+                    const int dh = 3;
+                    GuardedBuffer got(static_cast<size_t>(dw) * dh * N, true);
+                    std::memset(got.data(), 7, got.size());
+                    Bytes want(got.size(), 7);
+                    kFixedWarp[N](sh, sw, sw * N, N, dh, dw, dw * N, got.data(), src.data(), M, 0x44332211u);
+                    RefFixedWarp(N, sh, sw, sw * N, dh, dw, dw * N, want.data(), src.data(), M, 0x44332211u);
+                    ASSERT_EQ(Bytes(got.data(), got.data() + got.size()), want)
+                        << "C" << N << " source width " << sw << " angle " << angle << " width " << dw;
+                }
             }
         }
     }

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "../kit/qv_internal.h"
@@ -28,193 +29,282 @@ namespace kit {
 namespace {
 namespace warp_impl {
 
-// Positions and 16-bit fixed-point weights of one block of eight destination
-// columns. Every kernel shares this; only the per-pixel blend differs.
+// How a row is laid out. The positions of a row, sx(j) = fma(j, M0, bx) and
+// sy(j) = fma(j, M3, by), are each monotone in the column j (an exact linear
+// function rounded once), and a sample's tests are bounds on sx and sy:
+//   inside  (ix >= 0, ix + 1 < W, ...)  <=>  -1 < sx < W - 1 and -1 < sy < H - 1,
+//   plain   (inside, fx >= 0, fy >= 0)  <=>   0 <= sx < W - 1 and 0 <= sy < H - 1,
+// since truncation toward zero maps (-1, 0) to 0. So each test holds on one
+// span of columns. A row is planned once: border spans left and right, the
+// few inside columns with a negative fraction (positions between -1 and 0,
+// whose weights extrapolate) done one by one, and the plain span in between
+// run branch-free eight columns a step.
 //
-// Order of the single-precision operations, fixed because it decides the
-// rounded weights bit for bit:
-//   sx = fma(col, M0, bx), sy = fma(col, M3, by), bx = fma(row, M1, M2),
-//   by = fma(row, M4, M5); ix, iy truncated toward zero; fx = sx - ix,
-//   fy = sy - iy; w = round_half_even((a * b) * 65536) with a, b the two
-//   factors (1 - fx or fx, 1 - fy or fy), the product rounded once and no
-//   fused operation. Scaling by 65536 is exact, so it is immaterial whether
-//   it is applied before or after the product of the two factors.
-struct WarpBlock {
-    __m256i ix, iy, w00, w10, w01, w11, inside;
+// In the plain span fx, fy are in [0, 1): every weight is at most 65536 and
+// the four sum to at most 65538, so each product s * w and the whole sum
+// s00*w00 + s10*w10 + s01*w01 + s11*w11 + 32768 stay below 2^24. Single
+// precision holds all of them exactly, and the fused multiply-adds below
+// give the same integer as the 32-bit integer sum, in any order.
+
+// ---- one pixel, exactly as defined (edges, tails, degenerate rows) --------
+
+template <int N>
+inline void store_border(unsigned char* out, unsigned int border) {
+    if (N == 1) return;  // the one-channel kernel leaves outside pixels alone
+    for (int c = 0; c < N; ++c) out[c] = static_cast<unsigned char>(border >> (8 * c));
+}
+
+template <int N>
+inline void warp_pixel(const unsigned char* src, int stride, float wlim, float hlim, float sx, float sy,
+                       unsigned int border, unsigned char* out) {
+    // Bounds written on the floats (valid for a source of at least 2 x 2):
+    // they also turn away NaN and positions too large to truncate.
+    if (!(sx > -1.0f && sx < wlim && sy > -1.0f && sy < hlim)) {
+        store_border<N>(out, border);
+        return;
+    }
+    const int ix = static_cast<int>(sx), iy = static_cast<int>(sy);
+    const float fx = sx - static_cast<float>(ix), fy = sy - static_cast<float>(iy);
+    const float gx = 1.0f - fx, gy = 1.0f - fy;
+    const int w00 = static_cast<int>(std::nearbyint(gx * gy * 65536.0f));
+    const int w10 = static_cast<int>(std::nearbyint(fx * gy * 65536.0f));
+    const int w01 = static_cast<int>(std::nearbyint(gx * fy * 65536.0f));
+    const int w11 = static_cast<int>(std::nearbyint(fx * fy * 65536.0f));
+    const unsigned char* p = src + static_cast<ptrdiff_t>(iy) * stride + static_cast<ptrdiff_t>(ix) * N;
+    for (int c = 0; c < N; ++c) {
+        const int v = (p[c] * w00 + p[N + c] * w10 + p[stride + c] * w01 + p[stride + N + c] * w11 + 32768) >> 16;
+        out[c] = N == 4 ? static_cast<unsigned char>(std::min(255, std::max(0, v)))  // saturating narrow
+                        : static_cast<unsigned char>(v);                              // low byte, no clamp
+    }
+}
+
+// ---- spans ------------------------------------------------------------------
+
+// First j in [0, n) where a monotone predicate (false ... false true ... true)
+// holds, or n. Starts at a guess and gallops, so a good guess costs two tests.
+template <class Pred>
+inline int first_true(const Pred& p, int n, double guess) {
+    int g = 0;
+    if (guess >= n) {
+        g = n;
+    } else if (guess > 0) {
+        g = static_cast<int>(guess);
+    }
+    if (g < n && p(g)) {
+        int hi = g, lo = -1;
+        for (int step = 1;; step *= 2) {
+            const int k = hi - step;
+            if (k < 0) break;
+            if (!p(k)) {
+                lo = k;
+                break;
+            }
+            hi = k;
+        }
+        while (hi - lo > 1) {
+            const int mid = lo + (hi - lo) / 2;
+            (p(mid) ? hi : lo) = mid;
+        }
+        return hi;
+    }
+    if (g >= n) return n;
+    int lo = g, hi = n;
+    for (int step = 1;; step *= 2) {
+        const int k = lo + step;
+        if (k >= n) break;
+        if (p(k)) {
+            hi = k;
+            break;
+        }
+        lo = k;
+    }
+    while (hi - lo > 1) {
+        const int mid = lo + (hi - lo) / 2;
+        (p(mid) ? hi : lo) = mid;
+    }
+    return hi;
+}
+
+struct Span {
+    int lo, hi;  // columns [lo, hi); empty when lo >= hi
 };
 
-inline WarpBlock warp_block(int col0, __m256 m0, __m256 m3, __m256 bx, __m256 by,
-                            __m256i src_w_minus1, __m256i src_h_minus1) {
-    const __m256i cols = _mm256_add_epi32(_mm256_set1_epi32(col0), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
-    const __m256 xs = _mm256_cvtepi32_ps(cols);
+// Columns j of [0, n) where v(j) = fma(j, m, b) satisfies low(v) and v < upper.
+template <class Low>
+inline Span axis_span(float m, float b, float lower, const Low& low, float upper, int n) {
+    auto v = [m, b](int j) { return std::fma(static_cast<float>(j), m, b); };
+    if (m == 0.0f) return low(b) && b < upper ? Span{0, n} : Span{0, 0};
+    const double to_lower = (static_cast<double>(lower) - b) / m;
+    const double to_upper = (static_cast<double>(upper) - b) / m;
+    if (m > 0.0f) {
+        const int lo = first_true([&](int j) { return low(v(j)); }, n, to_lower);
+        const int hi = first_true([&](int j) { return !(v(j) < upper); }, n, to_upper);
+        return {lo, hi};
+    }
+    const int lo = first_true([&](int j) { return v(j) < upper; }, n, to_upper);
+    const int hi = first_true([&](int j) { return !low(v(j)); }, n, to_lower);
+    return {lo, hi};
+}
+
+inline Span intersect(Span a, Span b) { return {std::max(a.lo, b.lo), std::min(a.hi, b.hi)}; }
+
+// ---- eight plain pixels a step ----------------------------------------------
+
+struct Block8 {
+    __m256i off;                  // byte offset of each top-left sample
+    __m256 w00, w10, w01, w11;    // weights as exact floats
+};
+
+// Positions, offsets and weights of columns j .. j+7 (xs holds them as floats).
+// Order of the single-precision operations as defined: sx = fma(x, M0, bx),
+// ix = trunc(sx), fx = sx - ix, w = round_half_even(a * b * 65536). The factor
+// 65536 is applied to the first factor instead of the product: scaling by a
+// power of two is exact, so the rounded products are the same.
+// `stride` holds the source stride as integers, or as floats when float_stride.
+inline Block8 block8(__m256 xs, __m256 m0, __m256 m3, __m256 bx, __m256 by, __m256i stride, int n,
+                     bool float_stride) {
     const __m256 sx = _mm256_fmadd_ps(xs, m0, bx);
     const __m256 sy = _mm256_fmadd_ps(xs, m3, by);
-    WarpBlock b;
-    b.ix = _mm256_cvttps_epi32(sx);
-    b.iy = _mm256_cvttps_epi32(sy);
-    const __m256 fx = _mm256_sub_ps(sx, _mm256_cvtepi32_ps(b.ix));
-    const __m256 fy = _mm256_sub_ps(sy, _mm256_cvtepi32_ps(b.iy));
-    const __m256 one = _mm256_set1_ps(1.0f);
-    const __m256 scale = _mm256_set1_ps(65536.0f);
-    const __m256 gx = _mm256_sub_ps(one, fx);
+    const __m256 tx = _mm256_round_ps(sx, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
+    const __m256 ty = _mm256_round_ps(sy, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
+    const __m256 fx = _mm256_sub_ps(sx, tx), fy = _mm256_sub_ps(sy, ty);
+    const __m256 one = _mm256_set1_ps(1.0f), scale = _mm256_set1_ps(65536.0f);
+    const __m256 gx = _mm256_mul_ps(_mm256_sub_ps(one, fx), scale);
+    const __m256 fxs = _mm256_mul_ps(fx, scale);
     const __m256 gy = _mm256_sub_ps(one, fy);
-    b.w00 = _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(gx, gy), scale));
-    b.w10 = _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(fx, gy), scale));
-    b.w01 = _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(gx, fy), scale));
-    b.w11 = _mm256_cvtps_epi32(_mm256_mul_ps(_mm256_mul_ps(fx, fy), scale));
-    // Inside: ix >= 0, ix + 1 < srcWidth, iy >= 0, iy + 1 < srcHeight. Out of
-    // range positions and NaN truncate to INT_MIN and fail the first test.
-    const __m256i minus1 = _mm256_set1_epi32(-1);
-    const __m256i in_x = _mm256_and_si256(_mm256_cmpgt_epi32(b.ix, minus1), _mm256_cmpgt_epi32(src_w_minus1, b.ix));
-    const __m256i in_y = _mm256_and_si256(_mm256_cmpgt_epi32(b.iy, minus1), _mm256_cmpgt_epi32(src_h_minus1, b.iy));
-    b.inside = _mm256_and_si256(in_x, in_y);
+    constexpr int kNear = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
+    Block8 b;
+    b.w00 = _mm256_round_ps(_mm256_mul_ps(gx, gy), kNear);
+    b.w10 = _mm256_round_ps(_mm256_mul_ps(fxs, gy), kNear);
+    b.w01 = _mm256_round_ps(_mm256_mul_ps(gx, fy), kNear);
+    b.w11 = _mm256_round_ps(_mm256_mul_ps(fxs, fy), kNear);
+    if (float_stride) {
+        // iy * stride + ix * n, exact: the caller checked that every offset
+        // of the source stays below 2^24.
+        const __m256 xoff = n == 1 ? tx : _mm256_mul_ps(tx, _mm256_set1_ps(static_cast<float>(n)));
+        b.off = _mm256_cvttps_epi32(_mm256_fmadd_ps(ty, _mm256_castsi256_ps(stride), xoff));
+    } else {
+        const __m256i ix = _mm256_cvttps_epi32(tx), iy = _mm256_cvttps_epi32(ty);
+        const __m256i xoff = n == 1 ? ix : _mm256_mullo_epi32(ix, _mm256_set1_epi32(n));
+        b.off = _mm256_add_epi32(_mm256_mullo_epi32(iy, stride), xoff);
+    }
     return b;
 }
 
-// ---- one channel --------------------------------------------------------
+// Rounded, shifted results of exact float sums: (sum + 32768) >> 16 in 0..255.
+inline __m256i finish(__m256 sum) { return _mm256_srli_epi32(_mm256_cvttps_epi32(sum), 16); }
 
-inline void warp_pixel_c1(const unsigned char* p, ptrdiff_t stride, int w00, int w10, int w01, int w11,
-                          unsigned char* out) {
-    const int sum = p[0] * w00 + p[1] * w10 + p[stride] * w01 + p[stride + 1] * w11 + 32768;
-    *out = static_cast<unsigned char>(sum >> 16);  // low byte, no clamp
-}
-
-// Selects byte k of every 32-bit lane into that lane's low byte.
-inline __m256i lane_byte(__m256i v, int k) {
+// Byte k of every 32-bit lane into that lane's low byte, the rest zero.
+inline __m256i lane_byte_mask(int k) {
     const int z = static_cast<int>(0x80808000u);
-    return _mm256_shuffle_epi8(v, _mm256_setr_epi32(z | k, z | (4 + k), z | (8 + k), z | (12 + k),
-                                                    z | k, z | (4 + k), z | (8 + k), z | (12 + k)));
+    return _mm256_setr_epi32(z | k, z | (4 + k), z | (8 + k), z | (12 + k), z | k, z | (4 + k), z | (8 + k),
+                             z | (12 + k));
 }
 
-// Eight one-channel pixels wholly inside. A 32-bit read at the top-left
-// sample gives s00 and s10 in bytes 0 and 1; the lower row is read two bytes
-// early (bytes 2 and 3), so neither read runs past the source's last byte.
-inline void warp_block8_c1(const unsigned char* src, int stride, const WarpBlock& b, unsigned char* out) {
-    const __m256i off = _mm256_add_epi32(_mm256_mullo_epi32(b.iy, _mm256_set1_epi32(stride)), b.ix);
-    const __m256i t = _mm256_i32gather_epi32(reinterpret_cast<const int*>(src), off, 1);
-    const __m256i u = _mm256_i32gather_epi32(reinterpret_cast<const int*>(src + stride - 2), off, 1);
-    __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(lane_byte(t, 0), b.w00), _mm256_mullo_epi32(lane_byte(t, 1), b.w10));
-    sum = _mm256_add_epi32(sum, _mm256_mullo_epi32(lane_byte(u, 2), b.w01));
-    sum = _mm256_add_epi32(sum, _mm256_mullo_epi32(lane_byte(u, 3), b.w11));
-    const __m256i r = _mm256_srai_epi32(_mm256_add_epi32(sum, _mm256_set1_epi32(32768)), 16);
-    // Low byte of each result, no clamp; four bytes per 128-bit half.
-    const __m256i pick = _mm256_shuffle_epi8(
-        r, _mm256_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1,
-                            0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1));
-    const __m256i q = _mm256_permutevar8x32_epi32(pick, _mm256_setr_epi32(0, 4, 0, 0, 0, 0, 0, 0));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(q));
-}
-
-// ---- two to four channels: one pixel per 256-bit vector ------------------
-//
-// Two 8-byte reads fetch a pixel's neighbourhood (16-byte reads measured
-// slower on a whole-frame turn): the top row from the
-// top-left sample on, the lower row ending at the bottom-right sample's last
-// byte (8 - 2N bytes early), so no read leaves the source. One byte shuffle
-// spreads the channels of the left samples (s00 | s01) over the 32-bit lanes
-// of the two halves, another those of the right samples (s10 | s11); lanes
-// past N hold zero. Two multiplies by (w00 | w01) and (w10 | w11) and a sum
-// of the halves give the channel sums side by side.
-
-struct alignas(32) ByteMask {
-    int8_t v[32];
+// One channel in two passes over a row's plain span. The first computes
+// weights and copies each pixel's four taps (s00 s10 from the top row, s01
+// s11 from the lower one: one 32-bit word) into row buffers with plain loads
+// and stores, as gathers are slow on some processors; the second blends
+// eight pixels a step from the buffers. Splitting them keeps each loop small
+// enough for the registers and lets the copies settle before they are read.
+struct RowBuffers {
+    explicit RowBuffers(int width)
+        : store(new float[5 * static_cast<size_t>(width) + 8]),
+          w00(store.get()),
+          w10(w00 + width),
+          w01(w10 + width),
+          w11(w01 + width),
+          taps(reinterpret_cast<uint16_t*>(w11 + width)) {}
+    std::unique_ptr<float[]> store;
+    float *w00, *w10, *w01, *w11;
+    uint16_t* taps;  // two per pixel
 };
 
-template <int N>
-constexpr ByteMask pixel_mask(bool right) {
-    ByteMask m{};
-    const int back = 8 - 2 * N;
-    for (int half = 0; half < 2; ++half)
-        for (int lane = 0; lane < 4; ++lane)
-            for (int k = 0; k < 4; ++k) {
-                int v = -128;  // high bit: the byte becomes zero
-                if (k == 0 && lane < N) v = (half == 0 ? 0 : 8 + back) + (right ? N : 0) + lane;
-                m.v[half * 16 + lane * 4 + k] = static_cast<int8_t>(v);
-            }
-    return m;
-}
-
-template <int N>
-struct PixelMasks {
-    static constexpr ByteMask left = pixel_mask<N>(false);
-    static constexpr ByteMask right = pixel_mask<N>(true);
-};
-
-// Channel products of one pixel: (s00 * w00 | s01 * w01) + (s10 * w10 | s11 * w11),
-// each half N lanes wide, zero beyond.
-template <int N>
-inline __m256i pixel_products(const unsigned char* p, ptrdiff_t stride, __m256i w_left, __m256i w_right) {
-    constexpr int kBack = 8 - 2 * N;
-    const __m128i top = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
-    const __m128i bottom = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + stride - kBack));
-    const __m256i both = _mm256_broadcastsi128_si256(_mm_unpacklo_epi64(top, bottom));
-    const __m256i left = _mm256_shuffle_epi8(both, _mm256_load_si256(reinterpret_cast<const __m256i*>(PixelMasks<N>::left.v)));
-    const __m256i right = _mm256_shuffle_epi8(both, _mm256_load_si256(reinterpret_cast<const __m256i*>(PixelMasks<N>::right.v)));
-    return _mm256_add_epi32(_mm256_mullo_epi32(left, w_left), _mm256_mullo_epi32(right, w_right));
-}
-
-// One pixel finished on its own (blocks at the source's edge, row tails).
-template <int N>
-inline void warp_pixel_vec(const unsigned char* p, ptrdiff_t stride, __m256i w_left, __m256i w_right,
-                           unsigned char* out) {
-    const __m256i prod = pixel_products<N>(p, stride, w_left, w_right);
-    __m128i sum = _mm_add_epi32(_mm256_castsi256_si128(prod), _mm256_extracti128_si256(prod, 1));
-    sum = _mm_srai_epi32(_mm_add_epi32(sum, _mm_set1_epi32(32768)), 16);
-    if (N == 4) {
-        // Four channels side by side, narrowed with saturation to 0..255.
-        _mm_storeu_si32(out, _mm_packus_epi16(_mm_packs_epi32(sum, sum), _mm_setzero_si128()));
-    } else {
-        // Low byte of each channel's sum, no clamp; exactly N bytes stored.
-        const uint32_t v = static_cast<uint32_t>(_mm_cvtsi128_si32(
-            _mm_shuffle_epi8(sum, _mm_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1))));
-        std::memcpy(out, &v, N);
+inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, RowBuffers& buf, int k) {
+    _mm256_storeu_ps(buf.w00 + k, b.w00);
+    _mm256_storeu_ps(buf.w10 + k, b.w10);
+    _mm256_storeu_ps(buf.w01 + k, b.w01);
+    _mm256_storeu_ps(buf.w11 + k, b.w11);
+    alignas(32) int32_t off[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(off), b.off);
+    uint16_t* t = buf.taps + 2 * k;
+    for (int i = 0; i < 8; ++i) {
+        std::memcpy(t + 2 * i, src + off[i], 2);
+        std::memcpy(t + 2 * i + 1, src + off[i] + stride, 2);
     }
 }
 
-// Sums of the halves of two pixels' products, rounded and shifted: (a | b).
-inline __m256i finish_pair(__m256i a, __m256i b) {
-    const __m256i sum = _mm256_add_epi32(_mm256_permute2x128_si256(a, b, 0x20), _mm256_permute2x128_si256(a, b, 0x31));
-    return _mm256_srai_epi32(_mm256_add_epi32(sum, _mm256_set1_epi32(32768)), 16);
+inline void blend8_c1(const RowBuffers& buf, int k, unsigned char* out) {
+    const __m256i t = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(buf.taps + 2 * k));
+    const __m256 s00 = _mm256_cvtepi32_ps(_mm256_and_si256(t, _mm256_set1_epi32(0xff)));
+    const __m256 s10 = _mm256_cvtepi32_ps(_mm256_shuffle_epi8(t, lane_byte_mask(1)));
+    const __m256 s01 = _mm256_cvtepi32_ps(_mm256_shuffle_epi8(t, lane_byte_mask(2)));
+    const __m256 s11 = _mm256_cvtepi32_ps(_mm256_srli_epi32(t, 24));
+    __m256 sum = _mm256_fmadd_ps(s00, _mm256_loadu_ps(buf.w00 + k), _mm256_set1_ps(32768.0f));
+    sum = _mm256_fmadd_ps(s10, _mm256_loadu_ps(buf.w10 + k), sum);
+    sum = _mm256_fmadd_ps(s01, _mm256_loadu_ps(buf.w01 + k), sum);
+    sum = _mm256_fmadd_ps(s11, _mm256_loadu_ps(buf.w11 + k), sum);
+    const __m256i r = finish(sum);
+    const __m128i q = _mm_packus_epi32(_mm256_castsi256_si128(r), _mm256_extracti128_si256(r, 1));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(q, q));
 }
 
-// Eight pixels' products to 8 x 4 bytes in pixel order. The four-channel
-// kernel narrows with saturation; the others keep each result's low byte.
+// Two to four channels. One pixel's row pair of samples (left | right), each
+// spread over four 32-bit lanes, zero past N. The three-channel lower row is
+// read two bytes early so no read passes the sample's last byte.
 template <int N>
-inline __m256i finish_block(const __m256i* prod) {
-    __m256i r[4];
-    for (int k = 0; k < 4; ++k) {
-        r[k] = finish_pair(prod[2 * k], prod[2 * k + 1]);
-        if (N != 4) r[k] = _mm256_and_si256(r[k], _mm256_set1_epi32(0xff));
-    }
-    // packs: (p0 p2 | p1 p3) and (p4 p6 | p5 p7); packus: (p0 p2 p4 p6 | p1 p3 p5 p7).
-    const __m256i bytes = _mm256_packus_epi16(_mm256_packs_epi32(r[0], r[1]), _mm256_packs_epi32(r[2], r[3]));
-    return _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
-}
-
-template <int N>
-inline void store_block(__m256i px, unsigned char* out);
+inline __m256 row_pair(const unsigned char* p);
 
 template <>
-inline void store_block<4>(__m256i px, unsigned char* out) {
+inline __m256 row_pair<4>(const unsigned char* p) {
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
+}
+
+template <>
+inline __m256 row_pair<2>(const unsigned char* p) {
+    const __m128i v = _mm_shuffle_epi8(_mm_loadu_si32(p), _mm_setr_epi8(0, 1, -1, -1, 2, 3, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1));
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(v));
+}
+
+template <int Back>
+inline __m256 row_pair3(const unsigned char* p) {
+    const __m128i v = _mm_shuffle_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p - Back)),
+                                       _mm_setr_epi8(Back, Back + 1, Back + 2, -1, Back + 3, Back + 4, Back + 5, -1,
+                                                     -1, -1, -1, -1, -1, -1, -1, -1));
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(v));
+}
+
+// Weights of pixel i as (w_a x4 | w_b x4) from ab_lo = unpacklo(w_a, w_b) and
+// ab_hi = unpackhi(w_a, w_b): pixels 0, 1, 4, 5 sit in ab_lo, 2, 3, 6, 7 in ab_hi.
+alignas(32) constexpr int32_t kPairIndex[4][8] = {
+    {0, 0, 0, 0, 1, 1, 1, 1}, {2, 2, 2, 2, 3, 3, 3, 3}, {4, 4, 4, 4, 5, 5, 5, 5}, {6, 6, 6, 6, 7, 7, 7, 7}};
+
+inline __m256 pair_weights(__m256 ab_lo, __m256 ab_hi, int i) {
+    const __m256i idx = _mm256_load_si256(reinterpret_cast<const __m256i*>(kPairIndex[(i & 1) | ((i >> 1) & 2)]));
+    return _mm256_permutevar8x32_ps((i & 2) ? ab_hi : ab_lo, idx);
+}
+
+template <int N>
+inline void plainn_store(__m256i px, unsigned char* out);
+
+template <>
+inline void plainn_store<4>(__m256i px, unsigned char* out) {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), px);
 }
 
 template <>
-inline void store_block<3>(__m256i px, unsigned char* out) {
+inline void plainn_store<3>(__m256i px, unsigned char* out) {
     // Drop every fourth byte; exactly 24 bytes stored.
     const __m256i packed = _mm256_shuffle_epi8(
         px, _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,
                              0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1));
-    const __m128i lo = _mm256_castsi256_si128(packed);
-    const __m128i hi = _mm256_extracti128_si256(packed, 1);
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), lo);
-    _mm_storeu_si32(out + 8, _mm_srli_si128(lo, 8));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 12), hi);
-    _mm_storeu_si32(out + 20, _mm_srli_si128(hi, 8));
+    const __m256i q = _mm256_permutevar8x32_epi32(packed, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(q));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16), _mm256_extracti128_si256(q, 1));
 }
 
 template <>
-inline void store_block<2>(__m256i px, unsigned char* out) {
+inline void plainn_store<2>(__m256i px, unsigned char* out) {
     const __m256i packed = _mm256_shuffle_epi8(
         px, _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1,
                              0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1));
@@ -222,69 +312,121 @@ inline void store_block<2>(__m256i px, unsigned char* out) {
                      _mm256_castsi256_si128(_mm256_permute4x64_epi64(packed, 0x08)));
 }
 
+// Two to four channels, also in two passes: the first stores each pixel's
+// offset and its weights laid out for the blend, (w00 x4 | w10 x4) and
+// (w01 x4 | w11 x4); the second reads the samples and blends.
+struct RowBuffersN {
+    explicit RowBuffersN(int width)
+        : store(new float[17 * static_cast<size_t>(width) + 8]),
+          top(store.get()),
+          bottom(top + 8 * static_cast<size_t>(width)),
+          off(reinterpret_cast<int32_t*>(bottom + 8 * static_cast<size_t>(width))),
+          width(width) {}
+    std::unique_ptr<float[]> store;
+    float *top, *bottom;
+    int32_t* off;
+    int width;
+};
+
+// Three and four channels keep the four weights as they come, one array
+// each (w00 w10 in `top`, w01 w11 in `bottom`); the blend broadcasts them
+// from memory, which costs load slots rather than shuffles.
+inline void collect8_cn(const Block8& b, RowBuffersN& buf, int k) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf.off + k), b.off);
+    _mm256_storeu_ps(buf.top + k, b.w00);
+    _mm256_storeu_ps(buf.top + buf.width + k, b.w10);
+    _mm256_storeu_ps(buf.bottom + k, b.w01);
+    _mm256_storeu_ps(buf.bottom + buf.width + k, b.w11);
+}
+
+// (a x4 | b x4) from two floats in memory.
+inline __m256 halves(const float* a, const float* b) {
+    return _mm256_blend_ps(_mm256_broadcast_ss(a), _mm256_broadcast_ss(b), 0xF0);
+}
+
 template <int N>
-inline void warp_border_pixel(unsigned char* out, unsigned int border) {
-    if (N == 1) return;  // the one-channel kernel leaves outside pixels alone
-    for (int c = 0; c < N; ++c) out[c] = static_cast<unsigned char>(border >> (8 * c));
-}
-
-// Weights of pixel i as (w00 x4 | w01 x4) and (w10 x4 | w11 x4). `lo` and
-// `hi` are the 32-bit interleavings of the two weight vectors: pixels
-// 0, 1, 4, 5 sit in `lo`, pixels 2, 3, 6, 7 in `hi`.
-alignas(32) constexpr int32_t kPairIndex[4][8] = {
-    {0, 0, 0, 0, 1, 1, 1, 1}, {2, 2, 2, 2, 3, 3, 3, 3}, {4, 4, 4, 4, 5, 5, 5, 5}, {6, 6, 6, 6, 7, 7, 7, 7}};
-
-inline __m256i pixel_weights(__m256i lo, __m256i hi, int i) {
-    const __m256i idx = _mm256_load_si256(reinterpret_cast<const __m256i*>(kPairIndex[(i & 1) | ((i >> 1) & 2)]));
-    return _mm256_permutevar8x32_epi32((i & 2) ? hi : lo, idx);
-}
-
-// One block of eight one-channel pixels, at least one of them inside.
-inline void warp_block_c1(const unsigned char* src, int stride, const WarpBlock& b, __m256i offs, int mask,
-                          int count, unsigned char* o) {
-    if (mask == 0xff && count == 8) {
-        warp_block8_c1(src, stride, b, o);
-        return;
-    }
-    alignas(32) int32_t off[8], w00[8], w10[8], w01[8], w11[8];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(off), offs);
-    _mm256_store_si256(reinterpret_cast<__m256i*>(w00), b.w00);
-    _mm256_store_si256(reinterpret_cast<__m256i*>(w10), b.w10);
-    _mm256_store_si256(reinterpret_cast<__m256i*>(w01), b.w01);
-    _mm256_store_si256(reinterpret_cast<__m256i*>(w11), b.w11);
-    for (int i = 0; i < count; ++i)  // outside pixels are left alone
-        if ((mask >> i) & 1) warp_pixel_c1(src + off[i], stride, w00[i], w10[i], w01[i], w11[i], o + i);
-}
-
-// One block of eight pixels of N = 2..4 channels, at least one inside.
-template <int N>
-inline void warp_block_cn(const unsigned char* src, int stride, const WarpBlock& b, __m256i offs, int mask,
-                          int count, unsigned int border, unsigned char* o) {
-    alignas(32) int32_t off[8];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(off), offs);
-    const __m256i l_lo = _mm256_unpacklo_epi32(b.w00, b.w01), l_hi = _mm256_unpackhi_epi32(b.w00, b.w01);
-    const __m256i r_lo = _mm256_unpacklo_epi32(b.w10, b.w11), r_hi = _mm256_unpackhi_epi32(b.w10, b.w11);
-    if (mask == 0xff && count == 8) {
-        __m256i prod[8];
+inline void blend8_cn(const unsigned char* src, int stride, const RowBuffersN& buf, int k, unsigned char* out) {
+    const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the two halves
+    __m256 acc[8];
 #pragma GCC unroll 8
-        for (int i = 0; i < 8; ++i)
-            prod[i] = pixel_products<N>(src + off[i], stride, pixel_weights(l_lo, l_hi, i), pixel_weights(r_lo, r_hi, i));
-        store_block<N>(finish_block<N>(prod), o);
-        return;
-    }
-    // Straddles the edge of the source, or the end of the row.
-    for (int i = 0; i < count; ++i) {
-        if ((mask >> i) & 1) {
-            warp_pixel_vec<N>(src + off[i], stride, pixel_weights(l_lo, l_hi, i), pixel_weights(r_lo, r_hi, i),
-                              o + i * N);
+    for (int i = 0; i < 8; ++i) {
+        const unsigned char* p = src + buf.off[k + i];
+        __m256 top, bottom;
+        if constexpr (N == 3) {
+            top = row_pair3<0>(p);
+            bottom = row_pair3<2>(p + stride);
         } else {
-            warp_border_pixel<N>(o + i * N, border);
+            top = row_pair<N>(p);
+            bottom = row_pair<N>(p + stride);
         }
+        // (s00 * w00 | s10 * w10) + (s01 * w01 | s11 * w11) + 16384, per channel lane.
+        const int at = k + i;
+        acc[i] = _mm256_fmadd_ps(top, halves(buf.top + at, buf.top + buf.width + at),
+                                 _mm256_fmadd_ps(bottom, halves(buf.bottom + at, buf.bottom + buf.width + at), half));
     }
+    __m256i r[4];
+    for (int q = 0; q < 4; ++q) {
+        const __m256 a = acc[2 * q], c = acc[2 * q + 1];
+        // Halves summed: pixel 2q in the low half, 2q + 1 in the high one.
+        r[q] = finish(_mm256_add_ps(_mm256_permute2f128_ps(a, c, 0x20), _mm256_permute2f128_ps(a, c, 0x31)));
+    }
+    // packus: (p0 p2 p4 p6 | p1 p3 p5 p7) per 32-bit group -> pixel order.
+    const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(r[0], r[1]), _mm256_packus_epi32(r[2], r[3]));
+    plainn_store<N>(_mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)), out);
 }
 
-// The driver shared by the four kernels: rows, blocks of eight columns, and
-// the split of blocks into wholly outside / wholly inside / mixed.
+// Two channels: two pixels share a vector. A pixel's row of samples is four
+// bytes (s00 c0 c1, s10 c0 c1), its weights (w00 w00 w10 w10); the channel
+// sums are the two halves of each pixel's four lanes added.
+inline void collect8_c2(const Block8& b, RowBuffersN& buf, int k) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf.off + k), b.off);
+    const __m256i first = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3), second = _mm256_setr_epi32(4, 4, 5, 5, 6, 6, 7, 7);
+    const __m256 t_lo = _mm256_unpacklo_ps(b.w00, b.w10), t_hi = _mm256_unpackhi_ps(b.w00, b.w10);
+    const __m256 u_lo = _mm256_unpacklo_ps(b.w01, b.w11), u_hi = _mm256_unpackhi_ps(b.w01, b.w11);
+    // Pixels 0 1 | 2 3 | 4 5 | 6 7, four floats each.
+    float* t = buf.top + 4 * k;
+    float* u = buf.bottom + 4 * k;
+    _mm256_storeu_ps(t, _mm256_permutevar8x32_ps(t_lo, first));
+    _mm256_storeu_ps(t + 8, _mm256_permutevar8x32_ps(t_hi, first));
+    _mm256_storeu_ps(t + 16, _mm256_permutevar8x32_ps(t_lo, second));
+    _mm256_storeu_ps(t + 24, _mm256_permutevar8x32_ps(t_hi, second));
+    _mm256_storeu_ps(u, _mm256_permutevar8x32_ps(u_lo, first));
+    _mm256_storeu_ps(u + 8, _mm256_permutevar8x32_ps(u_hi, first));
+    _mm256_storeu_ps(u + 16, _mm256_permutevar8x32_ps(u_lo, second));
+    _mm256_storeu_ps(u + 24, _mm256_permutevar8x32_ps(u_hi, second));
+}
+
+inline __m256 two_rows_c2(const unsigned char* a, const unsigned char* b) {
+    int32_t x, y;
+    std::memcpy(&x, a, 4);
+    std::memcpy(&y, b, 4);
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_unpacklo_epi32(_mm_cvtsi32_si128(x), _mm_cvtsi32_si128(y))));
+}
+
+inline void blend8_c2(const unsigned char* src, int stride, const RowBuffersN& buf, int k, unsigned char* out) {
+    const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the two lanes of a channel
+    __m256 pair[4];
+#pragma GCC unroll 4
+    for (int q = 0; q < 4; ++q) {
+        const unsigned char* p0 = src + buf.off[k + 2 * q];
+        const unsigned char* p1 = src + buf.off[k + 2 * q + 1];
+        const __m256 top = two_rows_c2(p0, p1), bottom = two_rows_c2(p0 + stride, p1 + stride);
+        const __m256 acc = _mm256_fmadd_ps(top, _mm256_loadu_ps(buf.top + 4 * k + 8 * q),
+                                           _mm256_fmadd_ps(bottom, _mm256_loadu_ps(buf.bottom + 4 * k + 8 * q), half));
+        // Lanes 0, 1 of each half: (c0, c1) of pixel 2q (low) and 2q + 1 (high).
+        pair[q] = _mm256_add_ps(acc, _mm256_permute_ps(acc, 0x4e));
+    }
+    // (p0 p2 | p1 p3) and (p4 p6 | p5 p7), two lanes a pixel.
+    const __m256i a = finish(_mm256_shuffle_ps(pair[0], pair[1], 0x44));
+    const __m256i b = finish(_mm256_shuffle_ps(pair[2], pair[3], 0x44));
+    const __m256i w = _mm256_packus_epi16(_mm256_packus_epi32(a, b), _mm256_setzero_si256());
+    // Words (p0 p2 p4 p6 | p1 p3 p5 p7) -> p0 .. p7.
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
+                     _mm_unpacklo_epi16(_mm256_castsi256_si128(w), _mm256_extracti128_si256(w, 1)));
+}
+
+// ---- the driver shared by the four kernels -----------------------------------
+
 template <int N>
 void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeight, int dstWidth,
                         int dstStride, unsigned char* dst, const unsigned char* src, const float* M,
@@ -293,36 +435,102 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
         std::memset(dst, static_cast<int>(border & 0xffu),
                     static_cast<size_t>(dstHeight) * static_cast<size_t>(dstStride));
     }
-    const __m256 m0 = _mm256_set1_ps(M[0]);
-    const __m256 m3 = _mm256_set1_ps(M[3]);
-    const __m256i w_lim = _mm256_set1_epi32(srcWidth - 1);
-    const __m256i h_lim = _mm256_set1_epi32(srcHeight - 1);
-    const __m256i stride_v = _mm256_set1_epi32(srcStride);
-    const __m256i pixel_v = _mm256_set1_epi32(N);
-    unsigned char fill[8 * N] = {};
-    for (int i = 0; i < 8; ++i) warp_border_pixel<N>(fill + i * N, border);
+    if (dstWidth <= 0) return;
+    if (srcWidth < 2 || srcHeight < 2) {
+        // No sample has a right or lower neighbour: everything is outside.
+        if (N != 1)
+            for (int y = 0; y < dstHeight; ++y)
+                for (int j = 0; j < dstWidth; ++j)
+                    store_border<N>(dst + static_cast<ptrdiff_t>(y) * dstStride + static_cast<ptrdiff_t>(j) * N, border);
+        return;
+    }
+    const float wlim = static_cast<float>(srcWidth - 1), hlim = static_cast<float>(srcHeight - 1);
+    const __m256 m0 = _mm256_set1_ps(M[0]), m3 = _mm256_set1_ps(M[3]);
+    // Offsets in single precision when every one is exact there.
+    const bool float_stride = static_cast<int64_t>(srcHeight) * srcStride < (int64_t{1} << 24);
+    const __m256i stride_v = float_stride ? _mm256_castps_si256(_mm256_set1_ps(static_cast<float>(srcStride)))
+                                          : _mm256_set1_epi32(srcStride);
+    const auto inside_low = [](float v) { return v > -1.0f; };
+    const auto plain_low = [](float v) { return v >= 0.0f; };
+    const bool finite_slopes = std::isfinite(M[0]) && std::isfinite(M[3]);
+    std::unique_ptr<RowBuffers> row_buffers;
+    std::unique_ptr<RowBuffersN> row_buffers_n;
+    if (N == 1) {
+        row_buffers.reset(new RowBuffers(dstWidth));
+    } else {
+        row_buffers_n.reset(new RowBuffersN(dstWidth));
+    }
 
     for (int y = 0; y < dstHeight; ++y) {
         const float row = static_cast<float>(y);
-        const __m256 bx = _mm256_set1_ps(std::fma(row, M[1], M[2]));
-        const __m256 by = _mm256_set1_ps(std::fma(row, M[4], M[5]));
+        const float bx = std::fma(row, M[1], M[2]), by = std::fma(row, M[4], M[5]);
         unsigned char* out = dst + static_cast<ptrdiff_t>(y) * dstStride;
-        for (int j = 0; j < dstWidth; j += 8) {
-            const WarpBlock b = warp_block(j, m0, m3, bx, by, w_lim, h_lim);
-            const int mask = _mm256_movemask_ps(_mm256_castsi256_ps(b.inside));
-            const int count = std::min(8, dstWidth - j);
-            unsigned char* o = out + static_cast<ptrdiff_t>(j) * N;
-            if (mask == 0) {  // wholly outside the source
-                if (N != 1) std::memcpy(o, fill, static_cast<size_t>(count) * N);
-                continue;
+        auto one_by_one = [&](int from, int to) {
+            for (int j = from; j < to; ++j) {
+                const float x = static_cast<float>(j);
+                warp_pixel<N>(src, srcStride, wlim, hlim, std::fma(x, M[0], bx), std::fma(x, M[3], by), border,
+                              out + static_cast<ptrdiff_t>(j) * N);
             }
-            // Offsets of the top-left samples (wrapped garbage where outside, never used).
-            const __m256i offs = _mm256_add_epi32(_mm256_mullo_epi32(b.iy, stride_v), _mm256_mullo_epi32(b.ix, pixel_v));
+        };
+        if (!(finite_slopes && std::isfinite(bx) && std::isfinite(by))) {
+            one_by_one(0, dstWidth);  // no monotone plan
+            continue;
+        }
+        const Span inside = intersect(axis_span(M[0], bx, -1.0f, inside_low, wlim, dstWidth),
+                                      axis_span(M[3], by, -1.0f, inside_low, hlim, dstWidth));
+        if (inside.lo >= inside.hi) {
+            if (N != 1)
+                for (int j = 0; j < dstWidth; ++j) store_border<N>(out + static_cast<ptrdiff_t>(j) * N, border);
+            continue;
+        }
+        if (N != 1) {
+            for (int j = 0; j < inside.lo; ++j) store_border<N>(out + static_cast<ptrdiff_t>(j) * N, border);
+            for (int j = inside.hi; j < dstWidth; ++j) store_border<N>(out + static_cast<ptrdiff_t>(j) * N, border);
+        }
+        Span plain = intersect(axis_span(M[0], bx, 0.0f, plain_low, wlim, dstWidth),
+                               axis_span(M[3], by, 0.0f, plain_low, hlim, dstWidth));
+        plain = intersect(plain, inside);
+        if (plain.hi - plain.lo < 8) {
+            one_by_one(inside.lo, inside.hi);
+            continue;
+        }
+        one_by_one(inside.lo, plain.lo);
+        one_by_one(plain.hi, inside.hi);
+        const __m256 bxv = _mm256_set1_ps(bx), byv = _mm256_set1_ps(by);
+        const __m256 steps = _mm256_setr_ps(0, 1, 2, 3, 4, 5, 6, 7);
+        auto run = [&](int j, auto float_offsets) {
+            const Block8 b = block8(_mm256_add_ps(_mm256_set1_ps(static_cast<float>(j)), steps), m0, m3, bxv, byv,
+                                    stride_v, N, decltype(float_offsets)::value);
             if constexpr (N == 1) {
-                warp_block_c1(src, srcStride, b, offs, mask, count, o);
+                collect8_c1(src, srcStride, b, *row_buffers, j - plain.lo);
+            } else if constexpr (N == 2) {
+                collect8_c2(b, *row_buffers_n, j - plain.lo);
             } else {
-                warp_block_cn<N>(src, srcStride, b, offs, mask, count, border, o);
+                collect8_cn(b, *row_buffers_n, j - plain.lo);
             }
+        };
+        // Blocks of eight from the span's start; the last one ends at the
+        // span's end, recomputing a few columns.
+        auto span = [&](auto float_offsets) {
+            int j = plain.lo;
+            for (; j + 8 <= plain.hi; j += 8) run(j, float_offsets);
+            if (j < plain.hi) run(plain.hi - 8, float_offsets);
+            auto blend = [&](int col) {
+                if constexpr (N == 1) {
+                    blend8_c1(*row_buffers, col - plain.lo, out + col);
+                } else if constexpr (N == 2) {
+                    blend8_c2(src, srcStride, *row_buffers_n, col - plain.lo, out + 2 * static_cast<ptrdiff_t>(col));
+                } else {
+                    blend8_cn<N>(src, srcStride, *row_buffers_n, col - plain.lo, out + static_cast<ptrdiff_t>(col) * N);
+                }
+            };
+            for (j = plain.lo; j + 8 <= plain.hi; j += 8) blend(j);
+            if (j < plain.hi) blend(plain.hi - 8);
+        };
+        if (float_stride) {
+            span(std::true_type{});
+        } else {
+            span(std::false_type{});
         }
     }
 }

@@ -103,6 +103,10 @@ public:
 
 class DeviceCPU;
 
+namespace detail {
+class StorageCache;
+}
+
 class QUVAS_API Tensor {
 public:
     ~Tensor();
@@ -129,6 +133,10 @@ private:
     size_t bytes_;
     bool owned_;
     DeviceCPU* device_;
+    // Owned storage goes back to the device's cache (kept alive by this
+    // reference even when the device is gone) instead of to the allocator.
+    std::shared_ptr<detail::StorageCache> cache_;
+    size_t capacity_ = 0;
 };
 
 using TensorPtr = std::shared_ptr<Tensor>;
@@ -142,7 +150,17 @@ public:
 
     // Owned storage; `data` (when not null) is copied in, otherwise the
     // storage is left uninitialised (fill it yourself if you read it first).
+    // Storage freed by owned tensors is kept for reuse by later tensors of
+    // the same size, up to kCacheBytes and kCacheBlocks, and released with
+    // the device; so a steady stream of same-sized frames takes no fresh
+    // pages (no page faults) after the first. Safe to call from several
+    // threads at once.
     TensorPtr CreateTensor(const TensorShape& shape, const void* data);
+
+    static constexpr size_t kCacheBytes = size_t{64} << 20;
+    static constexpr size_t kCacheBlocks = 32;
+    // Bytes of freed storage held for reuse now.
+    size_t CachedBytes() const;
     // Wraps `data` (which must hold shape.ByteSize() bytes); never frees it.
     TensorPtr CreateTensorExternal(const TensorShape& shape, void* data);
 
@@ -160,6 +178,9 @@ public:
     TensorPtr CreateBGRA8888TensorExternal(const unsigned& h, const unsigned& w, void* data);
     TensorPtr CreateRGBA8888TensorExternal(const unsigned& h, const unsigned& w, void* data);
     TensorPtr CreateYUV420PlanarTensorExternal(const unsigned& h, const unsigned& w, void* data);
+
+private:
+    std::shared_ptr<detail::StorageCache> cache_;
 };
 
 // What a core call runs on. The device is the first member.

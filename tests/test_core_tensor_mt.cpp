@@ -1,0 +1,77 @@
+// One CPU device serving several threads: each converts frames into tensors
+// of its own while all intermediate tensors come from, and go back to, the
+// device's shared cache of freed storage. Every thread must get the bytes a
+// lone conversion gives. Run under ThreadSanitizer.
+#include <qvn_kit/qvn_kit.hpp>
+
+#include <quvas/runtime/tensor.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace rt = quvas::runtime;
+namespace kit = quvas::kit;
+
+TEST(DeviceCacheThreads, ConcurrentConversionsOnOneDeviceAgree) {
+    constexpr int kThreads = 4, kFrames = 6, kW = 96, kH = 64, kOut = 32;
+    std::mt19937 rng(3);
+    std::vector<uint8_t> nv21(kW * kH * 3 / 2), bgra(kW * kH * 4);
+    for (auto& b : nv21) b = static_cast<uint8_t>(rng());
+    for (auto& b : bgra) b = static_cast<uint8_t>(rng());
+    auto image = [&](uint32_t fmt, uint32_t ori) {
+        QVN_Image img{};
+        img.ori_fmt = ori;
+        img.pix_fmt = fmt;
+        img.width = kW;
+        img.height = kH;
+        img.channels = fmt == QVN_PIX_FMT_BGRA8888 ? 4 : 1;
+        img.rect = {0.f, 0.f, 1.f, 1.f};
+        img.data = fmt == QVN_PIX_FMT_BGRA8888 ? bgra.data() : nv21.data();
+        return img;
+    };
+    rt::DeviceCPU device;
+    const rt::TensorShape planar({3, kOut, kOut}, rt::data_type::kUInt8, 0);
+    // Thread t converts with its own format, orientation and crop; the
+    // sizes differ, so blocks of several sizes pass through the cache.
+    auto convert = [&](int t, rt::TensorPtr& out) {
+        const uint32_t fmt = t % 2 ? QVN_PIX_FMT_BGRA8888 : QVN_PIX_FMT_YUV420SP_D;
+        const uint32_t ori = t % 3 == 0 ? QVN_ORIENT_FMT_ROTATE_90L : QVN_ORIENT_FMT_MIRROR;
+        const QVN_Image img = image(fmt, ori);
+        kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            &img, out, false, 4 * t - 6, 3 + t, 40 + 8 * t, 36 + 6 * t, 17);
+    };
+    std::vector<std::vector<uint8_t>> want(kThreads);
+    for (int t = 0; t < kThreads; ++t) {
+        rt::DeviceCPU alone;
+        rt::TensorPtr out = alone.CreateTensor(planar, nullptr);
+        convert(t, out);
+        want[t].assign(out->data(), out->data() + out->byte_size());
+    }
+    std::vector<std::vector<int>> mismatches(kThreads, std::vector<int>(kFrames, -1));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            rt::TensorPtr out = device.CreateTensor(planar, nullptr);
+            for (int f = 0; f < kFrames; ++f) {
+                std::memset(out->data(), 0, out->byte_size());
+                convert(t, out);
+                mismatches[t][f] = std::memcmp(out->data(), want[t].data(), want[t].size()) != 0;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (int t = 0; t < kThreads; ++t)
+        for (int f = 0; f < kFrames; ++f) EXPECT_EQ(mismatches[t][f], 0) << "thread " << t << " frame " << f;
+    // Every intermediate tensor came back: the cache holds some, bounded.
+    EXPECT_GT(device.CachedBytes(), 0u);
+    EXPECT_LE(device.CachedBytes(), rt::DeviceCPU::kCacheBytes);
+}
+
+}  // namespace
