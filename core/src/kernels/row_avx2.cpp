@@ -16,6 +16,7 @@ inline __m256i Load256(const void* p) { return _mm256_loadu_si256(static_cast<co
 inline void Store256(void* p, __m256i v) { _mm256_storeu_si256(static_cast<__m256i*>(p), v); }
 inline __m128i Load128(const void* p) { return _mm_loadu_si128(static_cast<const __m128i*>(p)); }
 inline void Store128(void* p, __m128i v) { _mm_storeu_si128(static_cast<__m128i*>(p), v); }
+inline void Prefetch(const uint8_t* p) { _mm_prefetch(reinterpret_cast<const char*>(p), _MM_HINT_T0); }
 inline __m256i Join(__m128i lo, __m128i hi) {
     return _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
 }
@@ -210,54 +211,61 @@ void TransposeStrip4_AVX2(const uint8_t* src, ptrdiff_t ss, uint8_t* dst, ptrdif
 // through the twin.
 // ---------------------------------------------------------------------------
 
-void MirrorRow1_AVX2(const uint8_t* src, uint8_t* dst, int width) {
+void MirrorRow1_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch) {
     const __m256i reverse = _mm256_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0,
                                              15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        const __m256i v = Load256(src + width - 32 - x);
+        const uint8_t* s = src + width - 32 - x;
+        if (prefetch) Prefetch(s + prefetch);
+        const __m256i v = Load256(s);
         Store256(dst + x, _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, reverse), 0x4E));
     }
-    if (x < width) MirrorRow1_C(src, dst + x, width - x);
+    if (x < width) MirrorRow1_C(src, dst + x, width - x, 0);
 }
 
-void MirrorRow2_AVX2(const uint8_t* src, uint8_t* dst, int width) {
+void MirrorRow2_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch) {
     const __m256i reverse = _mm256_setr_epi8(14, 15, 12, 13, 10, 11, 8, 9, 6, 7, 4, 5, 2, 3, 0, 1,
                                              14, 15, 12, 13, 10, 11, 8, 9, 6, 7, 4, 5, 2, 3, 0, 1);
     int x = 0;
     for (; x + 16 <= width; x += 16) {
-        const __m256i v = Load256(src + 2 * (width - 16 - x));
+        const uint8_t* s = src + 2 * (width - 16 - x);
+        if (prefetch) Prefetch(s + prefetch);
+        const __m256i v = Load256(s);
         Store256(dst + 2 * x, _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, reverse), 0x4E));
     }
-    if (x < width) MirrorRow2_C(src, dst + 2 * x, width - x);
+    if (x < width) MirrorRow2_C(src, dst + 2 * x, width - x, 0);
 }
 
 // Both halves of one shuffle read the same 24 bytes: the low half takes
 // pixels 7..4 from bytes 8-23, the high half pixels 3..0 from bytes 0-15.
 // Exactly 24 bytes are read and written.
-void MirrorRow3_AVX2(const uint8_t* src, uint8_t* dst, int width) {
+void MirrorRow3_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch) {
     const __m256i reverse = _mm256_setr_epi8(13, 14, 15, 10, 11, 12, 7, 8, 9, 4, 5, 6, -1, -1, -1, -1,
                                              9, 10, 11, 6, 7, 8, 3, 4, 5, 0, 1, 2, -1, -1, -1, -1);
     const __m256i order = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
     int x = 0;
     for (; x + 8 <= width; x += 8) {
         const uint8_t* s = src + 3 * (width - 8 - x);
+        if (prefetch) Prefetch(s + prefetch);
         __m256i v = Join(Load128(s + 8), Load128(s));
         v = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(v, reverse), order);
         Store128(dst + 3 * x, _mm256_castsi256_si128(v));
         _mm_storel_epi64(reinterpret_cast<__m128i*>(dst + 3 * x + 16), _mm256_extracti128_si256(v, 1));
     }
-    if (x < width) MirrorRow3_C(src, dst + 3 * x, width - x);
+    if (x < width) MirrorRow3_C(src, dst + 3 * x, width - x, 0);
 }
 
-void MirrorRow4_AVX2(const uint8_t* src, uint8_t* dst, int width) {
+void MirrorRow4_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch) {
     const __m256i reverse = _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0);
     int x = 0;
     for (; x + 8 <= width; x += 8) {
-        const __m256i v = Load256(src + 4 * (width - 8 - x));
+        const uint8_t* s = src + 4 * (width - 8 - x);
+        if (prefetch) Prefetch(s + prefetch);
+        const __m256i v = Load256(s);
         Store256(dst + 4 * x, _mm256_permutevar8x32_epi32(v, reverse));
     }
-    if (x < width) MirrorRow4_C(src, dst + 4 * x, width - x);
+    if (x < width) MirrorRow4_C(src, dst + 4 * x, width - x, 0);
 }
 
 // ---------------------------------------------------------------------------
