@@ -27,7 +27,7 @@ namespace kernels {
 // src_stride); a counter-clockwise one writes destination rows bottom up.
 // ---------------------------------------------------------------------------
 template <int N>
-constexpr int kTransposeRows = N == 1 ? 16 : 8;
+constexpr int kTransposeRows = N <= 2 ? 16 : 8;
 
 void TransposeStrip1_C(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst,
                        ptrdiff_t dst_stride, int width);

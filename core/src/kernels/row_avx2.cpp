@@ -146,55 +146,35 @@ void TransposeStrip1_AVX2(const uint8_t* src, ptrdiff_t ss, uint8_t* dst, ptrdif
     if (x < width) TransposeAny_C(src + x, ss, dst + x * ds, ds, width - x, 16, 1);
 }
 
-// 16 columns a step as two 8 x 8 transposes of 16-bit pixels side by side,
-// one in each 128-bit half (all unpacks stay within a half); 8 columns a
-// step with 128-bit vectors for what is left.
+// 16 rows by 8 columns a step: source rows i and i + 8 in the two halves of
+// r[i], one 8 x 8 transpose of 16-bit pixels in each half (all unpacks stay
+// within a half), so that each destination row gets 32 contiguous bytes.
 void TransposeStrip2_AVX2(const uint8_t* src, ptrdiff_t ss, uint8_t* dst, ptrdiff_t ds, int width) {
     int x = 0;
-    for (; x + 16 <= width; x += 16) {
+    for (; x + 8 <= width; x += 8) {
         __m256i r[8];
-        for (int i = 0; i < 8; ++i) r[i] = Load256(src + i * ss + x * 2);
+        for (int i = 0; i < 8; ++i) {
+            r[i] = Join(Load128(src + i * ss + x * 2), Load128(src + (i + 8) * ss + x * 2));
+        }
         __m256i a[8], b[8];
         for (int i = 0; i < 4; ++i) {
             a[2 * i] = _mm256_unpacklo_epi16(r[2 * i], r[2 * i + 1]);
             a[2 * i + 1] = _mm256_unpackhi_epi16(r[2 * i], r[2 * i + 1]);
         }
         for (int h = 0; h < 2; ++h) {
-            b[4 * h + 0] = _mm256_unpacklo_epi32(a[4 * h + 0], a[4 * h + 2]);
-            b[4 * h + 1] = _mm256_unpackhi_epi32(a[4 * h + 0], a[4 * h + 2]);
-            b[4 * h + 2] = _mm256_unpacklo_epi32(a[4 * h + 1], a[4 * h + 3]);
-            b[4 * h + 3] = _mm256_unpackhi_epi32(a[4 * h + 1], a[4 * h + 3]);
+            b[4 * h + 0] = _mm256_unpacklo_epi32(a[4 * h + 0], a[4 * h + 2]);  // columns 0, 1
+            b[4 * h + 1] = _mm256_unpackhi_epi32(a[4 * h + 0], a[4 * h + 2]);  // columns 2, 3
+            b[4 * h + 2] = _mm256_unpacklo_epi32(a[4 * h + 1], a[4 * h + 3]);  // columns 4, 5
+            b[4 * h + 3] = _mm256_unpackhi_epi32(a[4 * h + 1], a[4 * h + 3]);  // columns 6, 7
         }
         uint8_t* d = dst + x * ds;
         for (int j = 0; j < 8; ++j) {
             const __m256i col = (j & 1) ? _mm256_unpackhi_epi64(b[j / 2], b[4 + j / 2])
                                         : _mm256_unpacklo_epi64(b[j / 2], b[4 + j / 2]);
-            Store128(d + j * ds, _mm256_castsi256_si128(col));
-            Store128(d + (8 + j) * ds, _mm256_extracti128_si256(col, 1));
+            Store256(d + j * ds, col);
         }
     }
-    for (; x + 8 <= width; x += 8) {
-        __m128i r[8];
-        for (int i = 0; i < 8; ++i) r[i] = Load128(src + i * ss + x * 2);
-        __m128i a[8], b[8];
-        for (int i = 0; i < 4; ++i) {
-            a[2 * i] = _mm_unpacklo_epi16(r[2 * i], r[2 * i + 1]);
-            a[2 * i + 1] = _mm_unpackhi_epi16(r[2 * i], r[2 * i + 1]);
-        }
-        for (int h = 0; h < 2; ++h) {
-            b[4 * h + 0] = _mm_unpacklo_epi32(a[4 * h + 0], a[4 * h + 2]);  // columns 0, 1
-            b[4 * h + 1] = _mm_unpackhi_epi32(a[4 * h + 0], a[4 * h + 2]);  // columns 2, 3
-            b[4 * h + 2] = _mm_unpacklo_epi32(a[4 * h + 1], a[4 * h + 3]);  // columns 4, 5
-            b[4 * h + 3] = _mm_unpackhi_epi32(a[4 * h + 1], a[4 * h + 3]);  // columns 6, 7
-        }
-        uint8_t* d = dst + x * ds;
-        for (int j = 0; j < 8; ++j) {
-            const __m128i col = (j & 1) ? _mm_unpackhi_epi64(b[j / 2], b[4 + j / 2])
-                                        : _mm_unpacklo_epi64(b[j / 2], b[4 + j / 2]);
-            Store128(d + j * ds, col);
-        }
-    }
-    if (x < width) TransposeAny_C(src + x * 2, ss, dst + x * ds, ds, width - x, 8, 2);
+    if (x < width) TransposeAny_C(src + x * 2, ss, dst + x * ds, ds, width - x, 16, 2);
 }
 
 void TransposeStrip3_AVX2(const uint8_t* src, ptrdiff_t ss, uint8_t* dst, ptrdiff_t ds, int width) {
