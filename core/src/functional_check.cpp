@@ -3,6 +3,8 @@
 
 #include <quvas/utility/log.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <limits>
 
 namespace quvas {
@@ -25,6 +27,7 @@ bool FillView(const runtime::TensorPtr& t, int d0, int d1, int d2, Image* image)
     image->h = d0;
     image->w = d1;
     image->c = d2;
+    image->extent = n0 * n1 * n2;
     return true;
 }
 
@@ -60,6 +63,54 @@ std::string ShapeText(const runtime::TensorPtr& t) {
         text += std::to_string(s.dims[i]);
     }
     text += "} (type " + std::to_string(s.data_type) + ", layout " + std::to_string(s.layout) + ")";
+    if (t->data() == nullptr) text += " without storage";
+    return text;
+}
+
+bool AsImageProcessView(const runtime::TensorPtr& t, std::initializer_list<int32_t> layouts,
+                        Image* image) {
+    constexpr uint64_t kMaxBytes = static_cast<uint64_t>(std::numeric_limits<int32_t>::max());
+    if (!t || t->data() == nullptr) return false;
+    const runtime::TensorShape& s = t->shape();
+    if (s.location != runtime::location::kMainMemory || s.data_type != runtime::data_type::kUInt8 ||
+        s.dims.size() != 3)
+        return false;
+    if (std::find(layouts.begin(), layouts.end(), s.layout) == layouts.end()) return false;
+    uint64_t n = 1;
+    for (int32_t d : s.dims) {
+        if (d <= 0) return false;
+        n *= static_cast<uint64_t>(d);
+        if (n > kMaxBytes) return false;
+    }
+    if (s.layout == runtime::layout::kYUV420Planar) {
+        n += 2 * static_cast<uint64_t>(s.dims[0] / 2) * static_cast<uint64_t>(s.dims[1] / 2);
+        if (n > kMaxBytes) return false;
+    }
+    if (t->byte_size() < n) return false;
+    image->data = t->data();
+    const bool planar = s.layout == runtime::layout::kCHW;
+    image->h = planar ? s.dims[1] : s.dims[0];
+    image->w = planar ? s.dims[2] : s.dims[1];
+    image->c = planar ? s.dims[0] : s.dims[2];
+    image->extent = static_cast<size_t>(n);
+    return true;
+}
+
+std::string ShapeWords(const runtime::TensorPtr& t) {
+    if (!t) return "null";
+    const runtime::TensorShape& s = t->shape();
+    std::string text = "{";
+    for (size_t i = 0; i < s.dims.size(); ++i) {
+        if (i) text += ", ";
+        text += std::to_string(s.dims[i]);
+    }
+    text += "} type " + std::to_string(s.data_type) + " layout " + std::to_string(s.layout);
+    if (s.location != runtime::location::kMainMemory) {
+        char hex[16];
+        std::snprintf(hex, sizeof(hex), "%#x", static_cast<unsigned>(s.location));
+        text += " location ";
+        text += hex;
+    }
     if (t->data() == nullptr) text += " without storage";
     return text;
 }

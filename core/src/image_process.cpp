@@ -15,6 +15,7 @@
 #include <limits>
 #include <string>
 
+#include "functional_check.h"
 #include "image_process_kernels.h"
 #include "kernels/planar.h"
 
@@ -28,64 +29,12 @@ ImageProcessFallback::~ImageProcessFallback() = default;
 namespace {
 
 using runtime::TensorPtr;
-namespace dt = runtime::data_type;
 namespace lay = runtime::layout;
 
 constexpr char kWho[] = "ImageProcessFallback::ConvertPixel";
-// Every image handed to the kernels fits int strides and int pixel counts.
-constexpr uint64_t kMaxBytes = static_cast<uint64_t>(std::numeric_limits<int32_t>::max());
-
-std::string Describe(const TensorPtr& t) {
-    if (!t) return "null";
-    const runtime::TensorShape& s = t->shape();
-    std::string text = "{";
-    for (size_t i = 0; i < s.dims.size(); ++i) {
-        if (i) text += ", ";
-        text += std::to_string(s.dims[i]);
-    }
-    text += "} type " + std::to_string(s.data_type) + " layout " + std::to_string(s.layout);
-    if (s.location != runtime::location::kMainMemory) {
-        char hex[16];
-        std::snprintf(hex, sizeof(hex), "%#x", static_cast<unsigned>(s.location));
-        text += " location ";
-        text += hex;
-    }
-    if (t->data() == nullptr) text += " without storage";
-    return text;
-}
-
-// A checked tensor: three positive dims, u8, in main memory, with storage.
-struct View {
-    uint8_t* data = nullptr;
-    int d0 = 0, d1 = 0, d2 = 0;
-    size_t bytes = 0;  // what the kernels touch
-};
-
-bool Fetch(const TensorPtr& t, std::initializer_list<int32_t> layouts, View* v) {
-    if (!t || t->data() == nullptr) return false;
-    const runtime::TensorShape& s = t->shape();
-    if (s.location != runtime::location::kMainMemory || s.data_type != dt::kUInt8 ||
-        s.dims.size() != 3)
-        return false;
-    if (std::find(layouts.begin(), layouts.end(), s.layout) == layouts.end()) return false;
-    uint64_t n = 1;
-    for (int32_t d : s.dims) {
-        if (d <= 0) return false;
-        n *= static_cast<uint64_t>(d);
-        if (n > kMaxBytes) return false;
-    }
-    if (s.layout == lay::kYUV420Planar) {
-        n += 2 * static_cast<uint64_t>(s.dims[0] / 2) * static_cast<uint64_t>(s.dims[1] / 2);
-        if (n > kMaxBytes) return false;
-    }
-    if (t->byte_size() < n) return false;
-    v->data = t->data();
-    v->d0 = s.dims[0];
-    v->d1 = s.dims[1];
-    v->d2 = s.dims[2];
-    v->bytes = static_cast<size_t>(n);
-    return true;
-}
+using detail::Image;
+// Shapes in messages: "{d0, d1, d2} type T layout L" (see functional_check.h).
+std::string Describe(const TensorPtr& t) { return detail::ShapeWords(t); }
 
 const char* Expects(int code) {
     switch (code) {
@@ -140,8 +89,10 @@ bool IsPlainCode(int code) {
     }
 }
 
-// Shapes of in and out for `code`; fills the views.
-bool ShapesFit(int code, const TensorPtr& in, const TensorPtr& out, View* i, View* o) {
+// Shapes of in and out for `code`; fills the views (a planar tensor as c
+// planes of h x w, any other as h x w pixels of c bytes).
+bool ShapesFit(int code, const TensorPtr& in, const TensorPtr& out, Image* i, Image* o) {
+    using detail::AsImageProcessView;
     switch (code) {
         case op::kPack4ToPlanar012:
         case op::kPack4ToPlanar210:
@@ -149,45 +100,41 @@ bool ShapesFit(int code, const TensorPtr& in, const TensorPtr& out, View* i, Vie
         case op::kPack3ToPlanar210: {
             const int channels =
                 (code == op::kPack4ToPlanar012 || code == op::kPack4ToPlanar210) ? 4 : 3;
-            return Fetch(in, {lay::kHWC}, i) && i->d2 == channels && Fetch(out, {lay::kCHW}, o) &&
-                   o->d0 == 3 && o->d1 == i->d0 && o->d2 == i->d1;
+            return AsImageProcessView(in, {lay::kHWC}, i) && i->c == channels &&
+                   AsImageProcessView(out, {lay::kCHW}, o) && o->c == 3 && o->h == i->h &&
+                   o->w == i->w;
         }
         case op::kYUV420PlanarToRGB:
-            return Fetch(in, {lay::kYUV420Planar}, i) && i->d2 == 1 && i->d0 >= 2 && i->d1 >= 2 &&
-                   Fetch(out, {lay::kCHW}, o) && o->d0 == 3 && o->d1 == i->d0 && o->d2 == i->d1;
+            return AsImageProcessView(in, {lay::kYUV420Planar}, i) && i->c == 1 && i->h >= 2 &&
+                   i->w >= 2 && AsImageProcessView(out, {lay::kCHW}, o) && o->c == 3 &&
+                   o->h == i->h && o->w == i->w;
         case op::kRotate90:
         case op::kRotate270:
-            return Fetch(in, {lay::kCHW}, i) && Fetch(out, {lay::kCHW}, o) && o->d0 == i->d0 &&
-                   o->d1 == i->d2 && o->d2 == i->d1;
+            return AsImageProcessView(in, {lay::kCHW}, i) && AsImageProcessView(out, {lay::kCHW}, o) &&
+                   o->c == i->c && o->h == i->w && o->w == i->h;
         case op::kRotate180:
         case op::kMirror:
-            return Fetch(in, {lay::kCHW}, i) && Fetch(out, {lay::kCHW}, o) && o->d0 == i->d0 &&
-                   o->d1 == i->d1 && o->d2 == i->d2;
+            return AsImageProcessView(in, {lay::kCHW}, i) && AsImageProcessView(out, {lay::kCHW}, o) &&
+                   o->c == i->c && o->h == i->h && o->w == i->w;
         case op::kResizePlane:
         case op::kCropResizePlane:
-            return Fetch(in, {lay::kPlane, lay::kHWC}, i) && i->d2 == 1 &&
-                   Fetch(out, {lay::kPlane, lay::kHWC}, o) && o->d2 == 1;
+            return AsImageProcessView(in, {lay::kPlane, lay::kHWC}, i) && i->c == 1 &&
+                   AsImageProcessView(out, {lay::kPlane, lay::kHWC}, o) && o->c == 1;
         case op::kResizeHWC3:
         case op::kCropResizeHWC3:
-            return Fetch(in, {lay::kHWC}, i) && i->d2 == 3 && Fetch(out, {lay::kHWC}, o) &&
-                   o->d2 == 3;
+            return AsImageProcessView(in, {lay::kHWC}, i) && i->c == 3 &&
+                   AsImageProcessView(out, {lay::kHWC}, o) && o->c == 3;
         case op::kResizeHWC4:
         case op::kCropResizeHWC4:
-            return Fetch(in, {lay::kHWC}, i) && i->d2 == 4 && Fetch(out, {lay::kHWC}, o) &&
-                   o->d2 == 4;
+            return AsImageProcessView(in, {lay::kHWC}, i) && i->c == 4 &&
+                   AsImageProcessView(out, {lay::kHWC}, o) && o->c == 4;
         default:
             return false;
     }
 }
 
-bool Overlap(const View& a, const View& b) {
-    const uintptr_t a0 = reinterpret_cast<uintptr_t>(a.data);
-    const uintptr_t b0 = reinterpret_cast<uintptr_t>(b.data);
-    return a0 < b0 + b.bytes && b0 < a0 + a.bytes;
-}
-
-void Execute(int code, const View& i, const View& o, double x0, double y0, double x1, double y1) {
-    const size_t plane = static_cast<size_t>(o.d1) * static_cast<size_t>(o.d2);
+void Execute(int code, const Image& i, const Image& o, double x0, double y0, double x1, double y1) {
+    const size_t plane = static_cast<size_t>(o.h) * static_cast<size_t>(o.w);
     switch (code) {
         case op::kPack4ToPlanar012:
             kernels::SplitPlanes(i.data, 4, plane, o.data, o.data + plane, o.data + 2 * plane);
@@ -203,8 +150,8 @@ void Execute(int code, const View& i, const View& o, double x0, double y0, doubl
             return;
         case op::kYUV420PlanarToRGB: {
             const uint8_t* u = i.data + plane;
-            const uint8_t* v = u + static_cast<size_t>(i.d0 / 2) * static_cast<size_t>(i.d1 / 2);
-            ipk::Yuv420ToPlanarRgb(i.data, u, v, i.d0, i.d1, o.data, o.data + plane,
+            const uint8_t* v = u + static_cast<size_t>(i.h / 2) * static_cast<size_t>(i.w / 2);
+            ipk::Yuv420ToPlanarRgb(i.data, u, v, i.h, i.w, o.data, o.data + plane,
                                    o.data + 2 * plane);
             return;
         }
@@ -212,10 +159,10 @@ void Execute(int code, const View& i, const View& o, double x0, double y0, doubl
         case op::kRotate180:
         case op::kRotate270:
         case op::kMirror:
-            for (int c = 0; c < i.d0; ++c) {
+            for (int c = 0; c < i.c; ++c) {
                 const uint8_t* s = i.data + c * plane;
                 uint8_t* d = o.data + c * plane;
-                const int h = i.d1, w = i.d2;
+                const int h = i.h, w = i.w;
                 if (code == op::kRotate90) kernels::RotateClockwise90(s, w, d, h, w, h, 1);
                 if (code == op::kRotate180) kernels::Rotate180(s, w, d, w, w, h, 1);
                 if (code == op::kRotate270) kernels::RotateClockwise270(s, w, d, h, w, h, 1);
@@ -223,15 +170,15 @@ void Execute(int code, const View& i, const View& o, double x0, double y0, doubl
             }
             return;
         default:
-            // Resizes and crop-resizes: dims {H, W, C}.
-            ipk::ResampleBilinear(i.data, i.d1, i.d0, o.data, o.d1, o.d0, i.d2, x0, y0, x1, y1);
+            // Resizes and crop-resizes.
+            ipk::ResampleBilinear(i.data, i.w, i.h, o.data, o.w, o.h, i.c, x0, y0, x1, y1);
             return;
     }
 }
 
 // Runs a known code, or logs why not. `box` is null for the plain codes.
 void Run(int code, const TensorPtr& in, const TensorPtr& out, const float* box) {
-    View i, o;
+    Image i, o;
     if (!ShapesFit(code, in, out, &i, &o)) {
         utility::Log(utility::kLogError, "%s: code %d expects %s, got in %s, out %s", kWho, code,
                      Expects(code), Describe(in).c_str(), Describe(out).c_str());
@@ -254,7 +201,7 @@ void Run(int code, const TensorPtr& in, const TensorPtr& out, const float* box) 
         x1 = box[2];
         y1 = box[3];
     }
-    if (Overlap(i, o)) {
+    if (detail::Overlap(i, o)) {
         utility::Log(utility::kLogError,
                      "%s: code %d cannot work in place, in %s and out %s share storage", kWho,
                      code, Describe(in).c_str(), Describe(out).c_str());

@@ -27,7 +27,7 @@ namespace kernels {
 // src_stride); a counter-clockwise one writes destination rows bottom up.
 // ---------------------------------------------------------------------------
 template <int N>
-constexpr int kTransposeRows = N == 1 ? 16 : 8;
+constexpr int kTransposeRows = N <= 2 ? 16 : 8;
 
 void TransposeStrip1_C(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst,
                        ptrdiff_t dst_stride, int width);
@@ -52,16 +52,19 @@ void TransposeAny_C(const uint8_t* src, ptrdiff_t src_stride, uint8_t* dst, ptrd
 
 // ---------------------------------------------------------------------------
 // Mirrors: dst pixel x = src pixel width - 1 - x, pixels of N bytes. src and
-// dst must not overlap.
+// dst must not overlap. The AVX2 rows also prefetch, block by block, the
+// bytes `prefetch` further on from each source block they read (the same
+// columns of the next row, say); 0 prefetches nothing. A prefetch is only a
+// hint: it never faults and changes no byte, so the twins ignore it.
 // ---------------------------------------------------------------------------
-void MirrorRow1_C(const uint8_t* src, uint8_t* dst, int width);
-void MirrorRow2_C(const uint8_t* src, uint8_t* dst, int width);
-void MirrorRow3_C(const uint8_t* src, uint8_t* dst, int width);
-void MirrorRow4_C(const uint8_t* src, uint8_t* dst, int width);
-void MirrorRow1_AVX2(const uint8_t* src, uint8_t* dst, int width);
-void MirrorRow2_AVX2(const uint8_t* src, uint8_t* dst, int width);
-void MirrorRow3_AVX2(const uint8_t* src, uint8_t* dst, int width);
-void MirrorRow4_AVX2(const uint8_t* src, uint8_t* dst, int width);
+void MirrorRow1_C(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch);
+void MirrorRow2_C(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch);
+void MirrorRow3_C(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch);
+void MirrorRow4_C(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch);
+void MirrorRow1_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch);
+void MirrorRow2_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch);
+void MirrorRow3_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch);
+void MirrorRow4_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch);
 void MirrorRowAny_C(const uint8_t* src, uint8_t* dst, int width, int pixel_bytes);
 
 // ---------------------------------------------------------------------------

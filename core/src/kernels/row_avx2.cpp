@@ -16,6 +16,7 @@ inline __m256i Load256(const void* p) { return _mm256_loadu_si256(static_cast<co
 inline void Store256(void* p, __m256i v) { _mm256_storeu_si256(static_cast<__m256i*>(p), v); }
 inline __m128i Load128(const void* p) { return _mm_loadu_si128(static_cast<const __m128i*>(p)); }
 inline void Store128(void* p, __m128i v) { _mm_storeu_si128(static_cast<__m128i*>(p), v); }
+inline void Prefetch(const uint8_t* p) { _mm_prefetch(reinterpret_cast<const char*>(p), _MM_HINT_T0); }
 inline __m256i Join(__m128i lo, __m128i hi) {
     return _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
 }
@@ -145,30 +146,35 @@ void TransposeStrip1_AVX2(const uint8_t* src, ptrdiff_t ss, uint8_t* dst, ptrdif
     if (x < width) TransposeAny_C(src + x, ss, dst + x * ds, ds, width - x, 16, 1);
 }
 
+// 16 rows by 8 columns a step: source rows i and i + 8 in the two halves of
+// r[i], one 8 x 8 transpose of 16-bit pixels in each half (all unpacks stay
+// within a half), so that each destination row gets 32 contiguous bytes.
 void TransposeStrip2_AVX2(const uint8_t* src, ptrdiff_t ss, uint8_t* dst, ptrdiff_t ds, int width) {
     int x = 0;
     for (; x + 8 <= width; x += 8) {
-        __m128i r[8];
-        for (int i = 0; i < 8; ++i) r[i] = Load128(src + i * ss + x * 2);
-        __m128i a[8], b[8];
+        __m256i r[8];
+        for (int i = 0; i < 8; ++i) {
+            r[i] = Join(Load128(src + i * ss + x * 2), Load128(src + (i + 8) * ss + x * 2));
+        }
+        __m256i a[8], b[8];
         for (int i = 0; i < 4; ++i) {
-            a[2 * i] = _mm_unpacklo_epi16(r[2 * i], r[2 * i + 1]);
-            a[2 * i + 1] = _mm_unpackhi_epi16(r[2 * i], r[2 * i + 1]);
+            a[2 * i] = _mm256_unpacklo_epi16(r[2 * i], r[2 * i + 1]);
+            a[2 * i + 1] = _mm256_unpackhi_epi16(r[2 * i], r[2 * i + 1]);
         }
         for (int h = 0; h < 2; ++h) {
-            b[4 * h + 0] = _mm_unpacklo_epi32(a[4 * h + 0], a[4 * h + 2]);  // columns 0, 1
-            b[4 * h + 1] = _mm_unpackhi_epi32(a[4 * h + 0], a[4 * h + 2]);  // columns 2, 3
-            b[4 * h + 2] = _mm_unpacklo_epi32(a[4 * h + 1], a[4 * h + 3]);  // columns 4, 5
-            b[4 * h + 3] = _mm_unpackhi_epi32(a[4 * h + 1], a[4 * h + 3]);  // columns 6, 7
+            b[4 * h + 0] = _mm256_unpacklo_epi32(a[4 * h + 0], a[4 * h + 2]);  // columns 0, 1
+            b[4 * h + 1] = _mm256_unpackhi_epi32(a[4 * h + 0], a[4 * h + 2]);  // columns 2, 3
+            b[4 * h + 2] = _mm256_unpacklo_epi32(a[4 * h + 1], a[4 * h + 3]);  // columns 4, 5
+            b[4 * h + 3] = _mm256_unpackhi_epi32(a[4 * h + 1], a[4 * h + 3]);  // columns 6, 7
         }
         uint8_t* d = dst + x * ds;
         for (int j = 0; j < 8; ++j) {
-            const __m128i col = (j & 1) ? _mm_unpackhi_epi64(b[j / 2], b[4 + j / 2])
-                                        : _mm_unpacklo_epi64(b[j / 2], b[4 + j / 2]);
-            Store128(d + j * ds, col);
+            const __m256i col = (j & 1) ? _mm256_unpackhi_epi64(b[j / 2], b[4 + j / 2])
+                                        : _mm256_unpacklo_epi64(b[j / 2], b[4 + j / 2]);
+            Store256(d + j * ds, col);
         }
     }
-    if (x < width) TransposeAny_C(src + x * 2, ss, dst + x * ds, ds, width - x, 8, 2);
+    if (x < width) TransposeAny_C(src + x * 2, ss, dst + x * ds, ds, width - x, 16, 2);
 }
 
 void TransposeStrip3_AVX2(const uint8_t* src, ptrdiff_t ss, uint8_t* dst, ptrdiff_t ds, int width) {
@@ -185,54 +191,61 @@ void TransposeStrip4_AVX2(const uint8_t* src, ptrdiff_t ss, uint8_t* dst, ptrdif
 // through the twin.
 // ---------------------------------------------------------------------------
 
-void MirrorRow1_AVX2(const uint8_t* src, uint8_t* dst, int width) {
+void MirrorRow1_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch) {
     const __m256i reverse = _mm256_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0,
                                              15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
     int x = 0;
     for (; x + 32 <= width; x += 32) {
-        const __m256i v = Load256(src + width - 32 - x);
+        const uint8_t* s = src + width - 32 - x;
+        if (prefetch) Prefetch(s + prefetch);
+        const __m256i v = Load256(s);
         Store256(dst + x, _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, reverse), 0x4E));
     }
-    if (x < width) MirrorRow1_C(src, dst + x, width - x);
+    if (x < width) MirrorRow1_C(src, dst + x, width - x, 0);
 }
 
-void MirrorRow2_AVX2(const uint8_t* src, uint8_t* dst, int width) {
+void MirrorRow2_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch) {
     const __m256i reverse = _mm256_setr_epi8(14, 15, 12, 13, 10, 11, 8, 9, 6, 7, 4, 5, 2, 3, 0, 1,
                                              14, 15, 12, 13, 10, 11, 8, 9, 6, 7, 4, 5, 2, 3, 0, 1);
     int x = 0;
     for (; x + 16 <= width; x += 16) {
-        const __m256i v = Load256(src + 2 * (width - 16 - x));
+        const uint8_t* s = src + 2 * (width - 16 - x);
+        if (prefetch) Prefetch(s + prefetch);
+        const __m256i v = Load256(s);
         Store256(dst + 2 * x, _mm256_permute4x64_epi64(_mm256_shuffle_epi8(v, reverse), 0x4E));
     }
-    if (x < width) MirrorRow2_C(src, dst + 2 * x, width - x);
+    if (x < width) MirrorRow2_C(src, dst + 2 * x, width - x, 0);
 }
 
 // Both halves of one shuffle read the same 24 bytes: the low half takes
 // pixels 7..4 from bytes 8-23, the high half pixels 3..0 from bytes 0-15.
 // Exactly 24 bytes are read and written.
-void MirrorRow3_AVX2(const uint8_t* src, uint8_t* dst, int width) {
+void MirrorRow3_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch) {
     const __m256i reverse = _mm256_setr_epi8(13, 14, 15, 10, 11, 12, 7, 8, 9, 4, 5, 6, -1, -1, -1, -1,
                                              9, 10, 11, 6, 7, 8, 3, 4, 5, 0, 1, 2, -1, -1, -1, -1);
     const __m256i order = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
     int x = 0;
     for (; x + 8 <= width; x += 8) {
         const uint8_t* s = src + 3 * (width - 8 - x);
+        if (prefetch) Prefetch(s + prefetch);
         __m256i v = Join(Load128(s + 8), Load128(s));
         v = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(v, reverse), order);
         Store128(dst + 3 * x, _mm256_castsi256_si128(v));
         _mm_storel_epi64(reinterpret_cast<__m128i*>(dst + 3 * x + 16), _mm256_extracti128_si256(v, 1));
     }
-    if (x < width) MirrorRow3_C(src, dst + 3 * x, width - x);
+    if (x < width) MirrorRow3_C(src, dst + 3 * x, width - x, 0);
 }
 
-void MirrorRow4_AVX2(const uint8_t* src, uint8_t* dst, int width) {
+void MirrorRow4_AVX2(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t prefetch) {
     const __m256i reverse = _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0);
     int x = 0;
     for (; x + 8 <= width; x += 8) {
-        const __m256i v = Load256(src + 4 * (width - 8 - x));
+        const uint8_t* s = src + 4 * (width - 8 - x);
+        if (prefetch) Prefetch(s + prefetch);
+        const __m256i v = Load256(s);
         Store256(dst + 4 * x, _mm256_permutevar8x32_epi32(v, reverse));
     }
-    if (x < width) MirrorRow4_C(src, dst + 4 * x, width - x);
+    if (x < width) MirrorRow4_C(src, dst + 4 * x, width - x, 0);
 }
 
 // ---------------------------------------------------------------------------

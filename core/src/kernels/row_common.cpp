@@ -85,10 +85,10 @@ void TransposeAny_C(const uint8_t* src, ptrdiff_t ss, uint8_t* dst, ptrdiff_t ds
     }
 }
 
-void MirrorRow1_C(const uint8_t* src, uint8_t* dst, int width) { MirrorRow_C<1>(src, dst, width); }
-void MirrorRow2_C(const uint8_t* src, uint8_t* dst, int width) { MirrorRow_C<2>(src, dst, width); }
-void MirrorRow3_C(const uint8_t* src, uint8_t* dst, int width) { MirrorRow_C<3>(src, dst, width); }
-void MirrorRow4_C(const uint8_t* src, uint8_t* dst, int width) { MirrorRow_C<4>(src, dst, width); }
+void MirrorRow1_C(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t) { MirrorRow_C<1>(src, dst, width); }
+void MirrorRow2_C(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t) { MirrorRow_C<2>(src, dst, width); }
+void MirrorRow3_C(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t) { MirrorRow_C<3>(src, dst, width); }
+void MirrorRow4_C(const uint8_t* src, uint8_t* dst, int width, ptrdiff_t) { MirrorRow_C<4>(src, dst, width); }
 
 void MirrorRowAny_C(const uint8_t* src, uint8_t* dst, int width, int n) {
     switch (n) {
