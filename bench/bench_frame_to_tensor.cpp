@@ -100,42 +100,27 @@ void TimeFrames(benchmark::State& state, Convert convert) {
         static_cast<double>(MinorFaults() - before) / static_cast<double>(std::max<int64_t>(1, state.iterations()));
 }
 
-void BM_Kit_NV21_Planar(benchmark::State& state) {
-    QVN_Image img = S().Image(QVN_PIX_FMT_YUV420SP_D);
-    TensorPtr out = S().device.CreateTensor(TensorShape({3, kOut, kOut}, 7, 0), nullptr);
+// The step-by-step converters and their one-pass twins on the same frame.
+template <uint32_t kFormat, bool kGray, bool kOnePass>
+void BM_Kit(benchmark::State& state) {
+    namespace kit = quvas::kit;
+    QVN_Image img = S().Image(kFormat);
+    TensorPtr out = kGray ? S().device.CreateTensor(TensorShape({kOut, kOut, 1}, 7, 1), nullptr)
+                          : S().device.CreateTensor(TensorShape({3, kOut, kOut}, 7, 0), nullptr);
     TimeFrames(state, [&] {
-        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
-            &img, out, false, kCropX, kCropY, kCropSize, kCropSize, 0);
-        benchmark::DoNotOptimize(out->data());
-    });
-}
-
-void BM_Kit_BGRA_Planar(benchmark::State& state) {
-    QVN_Image img = S().Image(QVN_PIX_FMT_BGRA8888);
-    TensorPtr out = S().device.CreateTensor(TensorShape({3, kOut, kOut}, 7, 0), nullptr);
-    TimeFrames(state, [&] {
-        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
-            &img, out, false, kCropX, kCropY, kCropSize, kCropSize, 0);
-        benchmark::DoNotOptimize(out->data());
-    });
-}
-
-void BM_Kit_NV21_Gray(benchmark::State& state) {
-    QVN_Image img = S().Image(QVN_PIX_FMT_YUV420SP_D);
-    TensorPtr out = S().device.CreateTensor(TensorShape({kOut, kOut, 1}, 7, 1), nullptr);
-    TimeFrames(state, [&] {
-        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
-            &img, out, kCropX, kCropY, kCropSize, kCropSize, 0);
-        benchmark::DoNotOptimize(out->data());
-    });
-}
-
-void BM_Kit_BGRA_Gray(benchmark::State& state) {
-    QVN_Image img = S().Image(QVN_PIX_FMT_BGRA8888);
-    TensorPtr out = S().device.CreateTensor(TensorShape({kOut, kOut, 1}, 7, 1), nullptr);
-    TimeFrames(state, [&] {
-        quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
-            &img, out, kCropX, kCropY, kCropSize, kCropSize, 0);
+        if (kGray && kOnePass) {
+            kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+                &img, out, kCropX, kCropY, kCropSize, kCropSize, 0);
+        } else if (kGray) {
+            kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+                &img, out, kCropX, kCropY, kCropSize, kCropSize, 0);
+        } else if (kOnePass) {
+            kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                &img, out, false, kCropX, kCropY, kCropSize, kCropSize, 0);
+        } else {
+            kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                &img, out, false, kCropX, kCropY, kCropSize, kCropSize, 0);
+        }
         benchmark::DoNotOptimize(out->data());
     });
 }
@@ -383,16 +368,20 @@ void BM_Step_GrayBGRA(benchmark::State& state) {
 }  // namespace
 
 // Names follow scripts/bench: "<workload>/<implementation>[-variant]".
-BENCHMARK(BM_Kit_NV21_Planar)->Name("FrameToTensor_NV21_Planar/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit<QVN_PIX_FMT_YUV420SP_D, false, false>)->Name("FrameToTensor_NV21_Planar/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit<QVN_PIX_FMT_YUV420SP_D, false, true>)->Name("FrameToTensor_NV21_Planar/ours-onepass")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_NV21_Planar_Steps)->Name("FrameToTensor_NV21_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_NV21_Planar_Warp)->Name("FrameToTensor_NV21_Planar/opencv-warp")->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Kit_BGRA_Planar)->Name("FrameToTensor_BGRA_Planar/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit<QVN_PIX_FMT_BGRA8888, false, false>)->Name("FrameToTensor_BGRA_Planar/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit<QVN_PIX_FMT_BGRA8888, false, true>)->Name("FrameToTensor_BGRA_Planar/ours-onepass")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_BGRA_Planar_Steps)->Name("FrameToTensor_BGRA_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_BGRA_Planar_Warp)->Name("FrameToTensor_BGRA_Planar/opencv-warp")->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Kit_NV21_Gray)->Name("FrameToTensor_NV21_Gray/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit<QVN_PIX_FMT_YUV420SP_D, true, false>)->Name("FrameToTensor_NV21_Gray/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit<QVN_PIX_FMT_YUV420SP_D, true, true>)->Name("FrameToTensor_NV21_Gray/ours-onepass")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_NV21_Gray_Steps)->Name("FrameToTensor_NV21_Gray/opencv-steps")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_NV21_Gray_Warp)->Name("FrameToTensor_NV21_Gray/opencv-warp")->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Kit_BGRA_Gray)->Name("FrameToTensor_BGRA_Gray/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit<QVN_PIX_FMT_BGRA8888, true, false>)->Name("FrameToTensor_BGRA_Gray/ours")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit<QVN_PIX_FMT_BGRA8888, true, true>)->Name("FrameToTensor_BGRA_Gray/ours-onepass")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_BGRA_Gray_Steps)->Name("FrameToTensor_BGRA_Gray/opencv-steps")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_BGRA_Gray_Warp)->Name("FrameToTensor_BGRA_Gray/opencv-warp")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Step_Alloc)
