@@ -247,9 +247,9 @@ inline void blend8_c1(const RowBuffers& buf, int k, unsigned char* out) {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(q, q));
 }
 
-// Two to four channels. One pixel's row pair of samples (left | right), each
-// spread over four 32-bit lanes, zero past N. The three-channel lower row is
-// read two bytes early so no read passes the sample's last byte.
+// Three and four channels. One pixel's row pair of samples (left | right),
+// each spread over four 32-bit lanes, zero past N. The three-channel lower
+// row is read two bytes early so no read passes the sample's last byte.
 template <int N>
 inline __m256 row_pair(const unsigned char* p);
 
@@ -258,28 +258,12 @@ inline __m256 row_pair<4>(const unsigned char* p) {
     return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
 }
 
-template <>
-inline __m256 row_pair<2>(const unsigned char* p) {
-    const __m128i v = _mm_shuffle_epi8(_mm_loadu_si32(p), _mm_setr_epi8(0, 1, -1, -1, 2, 3, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1));
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(v));
-}
-
 template <int Back>
 inline __m256 row_pair3(const unsigned char* p) {
     const __m128i v = _mm_shuffle_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p - Back)),
                                        _mm_setr_epi8(Back, Back + 1, Back + 2, -1, Back + 3, Back + 4, Back + 5, -1,
                                                      -1, -1, -1, -1, -1, -1, -1, -1));
     return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(v));
-}
-
-// Weights of pixel i as (w_a x4 | w_b x4) from ab_lo = unpacklo(w_a, w_b) and
-// ab_hi = unpackhi(w_a, w_b): pixels 0, 1, 4, 5 sit in ab_lo, 2, 3, 6, 7 in ab_hi.
-alignas(32) constexpr int32_t kPairIndex[4][8] = {
-    {0, 0, 0, 0, 1, 1, 1, 1}, {2, 2, 2, 2, 3, 3, 3, 3}, {4, 4, 4, 4, 5, 5, 5, 5}, {6, 6, 6, 6, 7, 7, 7, 7}};
-
-inline __m256 pair_weights(__m256 ab_lo, __m256 ab_hi, int i) {
-    const __m256i idx = _mm256_load_si256(reinterpret_cast<const __m256i*>(kPairIndex[(i & 1) | ((i >> 1) & 2)]));
-    return _mm256_permutevar8x32_ps((i & 2) ? ab_hi : ab_lo, idx);
 }
 
 template <int N>
@@ -301,18 +285,8 @@ inline void plainn_store<3>(__m256i px, unsigned char* out) {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16), _mm256_extracti128_si256(q, 1));
 }
 
-template <>
-inline void plainn_store<2>(__m256i px, unsigned char* out) {
-    const __m256i packed = _mm256_shuffle_epi8(
-        px, _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1,
-                             0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
-                     _mm256_castsi256_si128(_mm256_permute4x64_epi64(packed, 0x08)));
-}
-
 // Two to four channels, also in two passes: the first stores each pixel's
-// offset and its weights laid out for the blend, (w00 x4 | w10 x4) and
-// (w01 x4 | w11 x4); the second reads the samples and blends.
+// sample offset and weights, the second reads the samples and blends.
 struct RowBuffersN {
     explicit RowBuffersN(int width)
         : store(new float[17 * static_cast<size_t>(width) + 8]),
