@@ -218,7 +218,14 @@ struct RowBuffers {
     uint16_t* taps;  // two per pixel
 };
 
-inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, RowBuffers& buf, int k) {
+// The buffers' addresses by value: stores through them then cannot change
+// them, so they stay in registers.
+struct RowPointers {
+    float *w00, *w10, *w01, *w11;
+    uint16_t* taps;
+};
+
+inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, RowPointers buf, int k) {
     _mm256_storeu_ps(buf.w00 + k, b.w00);
     _mm256_storeu_ps(buf.w10 + k, b.w10);
     _mm256_storeu_ps(buf.w01 + k, b.w01);
@@ -232,7 +239,7 @@ inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, R
     }
 }
 
-inline void blend8_c1(const RowBuffers& buf, int k, unsigned char* out) {
+inline void blend8_c1(RowPointers buf, int k, unsigned char* out) {
     const __m256i t = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(buf.taps + 2 * k));
     const __m256 s00 = _mm256_cvtepi32_ps(_mm256_and_si256(t, _mm256_set1_epi32(0xff)));
     const __m256 s10 = _mm256_cvtepi32_ps(_mm256_shuffle_epi8(t, lane_byte_mask(1)));
@@ -427,8 +434,10 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
     const bool finite_slopes = std::isfinite(M[0]) && std::isfinite(M[3]);
     std::unique_ptr<RowBuffers> row_buffers;
     std::unique_ptr<RowBuffersN> row_buffers_n;
+    RowPointers c1_buffers{};
     if (N == 1) {
         row_buffers.reset(new RowBuffers(dstWidth));
+        c1_buffers = {row_buffers->w00, row_buffers->w10, row_buffers->w01, row_buffers->w11, row_buffers->taps};
     } else {
         row_buffers_n.reset(new RowBuffersN(dstWidth));
     }
@@ -474,7 +483,7 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             const Block8 b = block8(_mm256_add_ps(_mm256_set1_ps(static_cast<float>(j)), steps), m0, m3, bxv, byv,
                                     stride_v, N, decltype(float_offsets)::value);
             if constexpr (N == 1) {
-                collect8_c1(src, srcStride, b, *row_buffers, j - plain.lo);
+                collect8_c1(src, srcStride, b, c1_buffers, j - plain.lo);
             } else if constexpr (N == 2) {
                 collect8_c2(b, *row_buffers_n, j - plain.lo);
             } else {
@@ -489,7 +498,7 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             if (j < plain.hi) run(plain.hi - 8, float_offsets);
             auto blend = [&](int col) {
                 if constexpr (N == 1) {
-                    blend8_c1(*row_buffers, col - plain.lo, out + col);
+                    blend8_c1(c1_buffers, col - plain.lo, out + col);
                 } else if constexpr (N == 2) {
                     blend8_c2(src, srcStride, *row_buffers_n, col - plain.lo, out + 2 * static_cast<ptrdiff_t>(col));
                 } else {
