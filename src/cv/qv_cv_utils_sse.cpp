@@ -220,7 +220,14 @@ struct RowBuffers {
     uint16_t* taps;  // two per pixel
 };
 
-inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, RowBuffers& buf, int k) {
+// The buffers' addresses by value: stores through them then cannot change
+// them, so they stay in registers.
+struct RowPointers {
+    float *w00, *w10, *w01, *w11;
+    uint16_t* taps;
+};
+
+inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, RowPointers buf, int k) {
     _mm256_storeu_ps(buf.w00 + k, b.w00);
     _mm256_storeu_ps(buf.w10 + k, b.w10);
     _mm256_storeu_ps(buf.w01 + k, b.w01);
@@ -234,7 +241,7 @@ inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, R
     }
 }
 
-inline void blend8_c1(const RowBuffers& buf, int k, unsigned char* out) {
+inline void blend8_c1(RowPointers buf, int k, unsigned char* out) {
     const __m256i t = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(buf.taps + 2 * k));
     const __m256 s00 = _mm256_cvtepi32_ps(_mm256_and_si256(t, _mm256_set1_epi32(0xff)));
     const __m256 s10 = _mm256_cvtepi32_ps(_mm256_shuffle_epi8(t, lane_byte_mask(1)));
@@ -249,9 +256,9 @@ inline void blend8_c1(const RowBuffers& buf, int k, unsigned char* out) {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(q, q));
 }
 
-// Two to four channels. One pixel's row pair of samples (left | right), each
-// spread over four 32-bit lanes, zero past N. The three-channel lower row is
-// read two bytes early so no read passes the sample's last byte.
+// Three and four channels. One pixel's row pair of samples (left | right),
+// each spread over four 32-bit lanes, zero past N. The three-channel lower
+// row is read two bytes early so no read passes the sample's last byte.
 template <int N>
 inline __m256 row_pair(const unsigned char* p);
 
@@ -260,28 +267,12 @@ inline __m256 row_pair<4>(const unsigned char* p) {
     return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
 }
 
-template <>
-inline __m256 row_pair<2>(const unsigned char* p) {
-    const __m128i v = _mm_shuffle_epi8(_mm_loadu_si32(p), _mm_setr_epi8(0, 1, -1, -1, 2, 3, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1));
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(v));
-}
-
 template <int Back>
 inline __m256 row_pair3(const unsigned char* p) {
     const __m128i v = _mm_shuffle_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p - Back)),
                                        _mm_setr_epi8(Back, Back + 1, Back + 2, -1, Back + 3, Back + 4, Back + 5, -1,
                                                      -1, -1, -1, -1, -1, -1, -1, -1));
     return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(v));
-}
-
-// Weights of pixel i as (w_a x4 | w_b x4) from ab_lo = unpacklo(w_a, w_b) and
-// ab_hi = unpackhi(w_a, w_b): pixels 0, 1, 4, 5 sit in ab_lo, 2, 3, 6, 7 in ab_hi.
-alignas(32) constexpr int32_t kPairIndex[4][8] = {
-    {0, 0, 0, 0, 1, 1, 1, 1}, {2, 2, 2, 2, 3, 3, 3, 3}, {4, 4, 4, 4, 5, 5, 5, 5}, {6, 6, 6, 6, 7, 7, 7, 7}};
-
-inline __m256 pair_weights(__m256 ab_lo, __m256 ab_hi, int i) {
-    const __m256i idx = _mm256_load_si256(reinterpret_cast<const __m256i*>(kPairIndex[(i & 1) | ((i >> 1) & 2)]));
-    return _mm256_permutevar8x32_ps((i & 2) ? ab_hi : ab_lo, idx);
 }
 
 template <int N>
@@ -303,18 +294,8 @@ inline void plainn_store<3>(__m256i px, unsigned char* out) {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16), _mm256_extracti128_si256(q, 1));
 }
 
-template <>
-inline void plainn_store<2>(__m256i px, unsigned char* out) {
-    const __m256i packed = _mm256_shuffle_epi8(
-        px, _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1,
-                             0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
-                     _mm256_castsi256_si128(_mm256_permute4x64_epi64(packed, 0x08)));
-}
-
 // Two to four channels, also in two passes: the first stores each pixel's
-// offset and its weights laid out for the blend, (w00 x4 | w10 x4) and
-// (w01 x4 | w11 x4); the second reads the samples and blends.
+// sample offset and weights, the second reads the samples and blends.
 struct RowBuffersN {
     explicit RowBuffersN(int width)
         : store(new float[17 * static_cast<size_t>(width) + 8]),
@@ -455,8 +436,10 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
     const bool finite_slopes = std::isfinite(M[0]) && std::isfinite(M[3]);
     std::unique_ptr<RowBuffers> row_buffers;
     std::unique_ptr<RowBuffersN> row_buffers_n;
+    RowPointers c1_buffers{};
     if (N == 1) {
         row_buffers.reset(new RowBuffers(dstWidth));
+        c1_buffers = {row_buffers->w00, row_buffers->w10, row_buffers->w01, row_buffers->w11, row_buffers->taps};
     } else {
         row_buffers_n.reset(new RowBuffersN(dstWidth));
     }
@@ -502,7 +485,7 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             const Block8 b = block8(_mm256_add_ps(_mm256_set1_ps(static_cast<float>(j)), steps), m0, m3, bxv, byv,
                                     stride_v, N, decltype(float_offsets)::value);
             if constexpr (N == 1) {
-                collect8_c1(src, srcStride, b, *row_buffers, j - plain.lo);
+                collect8_c1(src, srcStride, b, c1_buffers, j - plain.lo);
             } else if constexpr (N == 2) {
                 collect8_c2(b, *row_buffers_n, j - plain.lo);
             } else {
@@ -517,7 +500,7 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             if (j < plain.hi) run(plain.hi - 8, float_offsets);
             auto blend = [&](int col) {
                 if constexpr (N == 1) {
-                    blend8_c1(*row_buffers, col - plain.lo, out + col);
+                    blend8_c1(c1_buffers, col - plain.lo, out + col);
                 } else if constexpr (N == 2) {
                     blend8_c2(src, srcStride, *row_buffers_n, col - plain.lo, out + 2 * static_cast<ptrdiff_t>(col));
                 } else {
