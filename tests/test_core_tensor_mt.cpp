@@ -40,11 +40,14 @@ TEST(DeviceCacheThreads, ConcurrentConversionsOnOneDeviceAgree) {
     const rt::TensorShape planar({3, kOut, kOut}, rt::data_type::kUInt8, 0);
     // Thread t converts with its own format, orientation and crop; the
     // sizes differ, so blocks of several sizes pass through the cache.
-    auto convert = [&](int t, rt::TensorPtr& out) {
+    // Odd frames go through the one-pass converter (scratch per thread): the
+    // same bytes again.
+    auto convert = [&](int t, rt::TensorPtr& out, bool one_pass = false) {
         const uint32_t fmt = t % 2 ? QVN_PIX_FMT_BGRA8888 : QVN_PIX_FMT_YUV420SP_D;
         const uint32_t ori = t % 3 == 0 ? QVN_ORIENT_FMT_ROTATE_90L : QVN_ORIENT_FMT_MIRROR;
         const QVN_Image img = image(fmt, ori);
-        kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+        (one_pass ? kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU
+                  : kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU)(
             &img, out, false, 4 * t - 6, 3 + t, 40 + 8 * t, 36 + 6 * t, 17);
     };
     std::vector<std::vector<uint8_t>> want(kThreads);
@@ -61,7 +64,7 @@ TEST(DeviceCacheThreads, ConcurrentConversionsOnOneDeviceAgree) {
             rt::TensorPtr out = device.CreateTensor(planar, nullptr);
             for (int f = 0; f < kFrames; ++f) {
                 std::memset(out->data(), 0, out->byte_size());
-                convert(t, out);
+                convert(t, out, f % 2 == 1);
                 mismatches[t][f] = std::memcmp(out->data(), want[t].data(), want[t].size()) != 0;
             }
         });
