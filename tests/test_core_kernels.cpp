@@ -150,23 +150,6 @@ TEST(Crop, FarOutsideCoordinatesDoNotOverflow) {
     EXPECT_TRUE(AllBytes(d, 43));
 }
 
-TEST(Crop, OnePixelSource) {
-    TensorPtr s = Hwc(1, 1, 3);
-    s->data()[0] = 1, s->data()[1] = 2, s->data()[2] = 3;
-    TensorPtr d = Hwc(3, 3, 3);
-    fn::F_Crop_U8_HWC_Memcpy(s, -1, -1, 3, 3, 0, d);
-    for (int i = 0; i < 9; ++i) {
-        const uint8_t* p = d->data() + i * 3;
-        if (i == 4) {
-            EXPECT_EQ(p[0], 1);
-            EXPECT_EQ(p[1], 2);
-            EXPECT_EQ(p[2], 3);
-        } else {
-            EXPECT_EQ(p[0] | p[1] | p[2], 0) << "pixel " << i;
-        }
-    }
-}
-
 // ---------------------------------------------------------------------------
 // Resize
 // ---------------------------------------------------------------------------
@@ -245,30 +228,19 @@ TEST(Resize, WithinTwoOfOpenCVAndOneOfExactBilinear) {
                                      std::to_string(k.dh);
             EXPECT_LE(MaxDiff(AsMat(d), ref), 2) << what;
             EXPECT_LE(MaxDiff(AsMat(d), BilinearReference(src, k.dw, k.dh)), 1) << what;
+            if (k.sw == k.dw && k.sh == k.dh) {
+                EXPECT_TRUE(Identical(AsMat(d), src)) << what;
+            }
         }
     }
-}
-
-TEST(Resize, FlatImageStaysFlatAndSameSizeCopies) {
-    for (int ch : {1, 2, 4}) {
-        for (uint8_t v : {0, 1, 128, 254, 255}) {
-            TensorPtr s = Hwc(37, 91, ch, v);
-            TensorPtr d = Hwc(13, 200, ch, 0xEE);
-            ResizeFor(ch)(s, d);
-            EXPECT_TRUE(AllBytes(d, v)) << "channels " << ch << " value " << int(v);
-        }
-    }
-    std::mt19937 rng(22);
-    const cv::Mat src = RandomMat(17, 29, 4, rng);
-    TensorPtr d = Hwc(17, 29, 4);
-    fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(FromMat(src), d);
-    EXPECT_TRUE(Identical(AsMat(d), src));
 }
 
 // A horizontal ramp doubled in width: exact values of the half-pixel rule.
-// Destination x maps to (x + 0.5) / 2 - 0.5 = x/2 - 0.25.
+// Destination x maps to (x + 0.5) / 2 - 0.5 = x/2 - 0.25. The source is a
+// plane view (layout 23), which the one-channel resizer takes as well.
 TEST(Resize, RampUpByTwoHasQuarterWeights) {
-    TensorPtr s = Hwc(1, 4, 1);
+    TensorPtr s = Device().CreateTensor(TensorShape({1, 4, 1}, rt::data_type::kUInt8, rt::layout::kPlane),
+                                        nullptr);
     const uint8_t ramp[4] = {0, 100, 200, 240};
     std::memcpy(s->data(), ramp, 4);
     TensorPtr d = Hwc(1, 8, 1);
@@ -277,15 +249,6 @@ TEST(Resize, RampUpByTwoHasQuarterWeights) {
     // x=4: 1.75 -> 175; x=5: 2.25 -> 210; x=6: 2.75 -> 230; x=7: 3.25 -> edge 240.
     const uint8_t want[8] = {0, 25, 75, 125, 175, 210, 230, 240};
     EXPECT_EQ(0, std::memcmp(d->data(), want, 8));
-}
-
-TEST(Resize, PlaneLayoutIsAcceptedForOneChannel) {
-    TensorPtr s = Device().CreateTensor(TensorShape({4, 4, 1}, rt::data_type::kUInt8, rt::layout::kPlane),
-                                        nullptr);
-    std::memset(s->data(), 77, 16);
-    TensorPtr d = Hwc(2, 2, 1);
-    fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(s, d);
-    EXPECT_TRUE(AllBytes(d, 77));
 }
 
 // ---------------------------------------------------------------------------
@@ -374,14 +337,6 @@ TEST(ColourPlanes, GrayIsBt601WithinOneOfOpenCV) {
         cv::Mat gray;
         cv::cvtColor(src, gray, cv::COLOR_BGRA2GRAY);
         EXPECT_LE(MaxDiff(AsMat(d), gray), 1) << size.width << "x" << size.height;
-        // Against real-valued 0.299 R + 0.587 G + 0.114 B, rounded.
-        int worst = 0;
-        for (int i = 0; i < static_cast<int>(src.total()); ++i) {
-            const uint8_t* p = src.data + i * 4;
-            const long want = std::lround(0.299 * p[2] + 0.587 * p[1] + 0.114 * p[0]);
-            worst = std::max<int>(worst, std::abs(static_cast<int>(want) - d->data()[i]));
-        }
-        EXPECT_LE(worst, 1);
     }
     // Pure colours: 0.299 * 255 = 76.2, 0.587 * 255 = 149.7, 0.114 * 255 = 29.1.
     const uint8_t pixels[4 * 4] = {0, 0, 255, 0, 0, 255, 0, 0, 255, 0, 0, 0, 255, 255, 255, 255};
@@ -459,7 +414,6 @@ TEST(YuvPlanes, EqualsTheFixedPointDefinitionAndIsWithinOneOfRealValues) {
             TensorPtr d = Chw(3, s.h, s.w, 0xEE);
             fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(FromMat(y), FromMat(uv), matrix, d);
             int mismatches = 0, worst_real = 0;
-            long near_half = 0, checked = 0;
             for (int p = 0; p < 3; ++p) {
                 for (int r = 0; r < s.h; ++r) {
                     for (int x = 0; x < s.w; ++x) {
@@ -468,22 +422,13 @@ TEST(YuvPlanes, EqualsTheFixedPointDefinitionAndIsWithinOneOfRealValues) {
                         const int luma = y.ptr(r)[x];
                         const uint8_t got = d->data()[(static_cast<size_t>(p) * s.h + r) * s.w + x];
                         if (got != YuvFixedReference(*matrix, p, luma, c[0], c[1])) ++mismatches;
-                        const double real = YuvReal(*matrix, p, luma, c[0], c[1]);
-                        const double clamped = std::clamp(real, 0.0, 255.0);
-                        const int want = static_cast<int>(std::lround(clamped));
-                        worst_real = std::max(worst_real, std::abs(want - got));
-                        if (want != got) {
-                            // Only where the real value sits close to a half.
-                            if (std::fabs(clamped - std::floor(clamped) - 0.5) < 0.05) ++near_half;
-                            else ADD_FAILURE() << "off by one away from a half at " << real;
-                        }
-                        ++checked;
+                        const double real = std::clamp(YuvReal(*matrix, p, luma, c[0], c[1]), 0.0, 255.0);
+                        worst_real = std::max(worst_real, std::abs(int(std::lround(real)) - got));
                     }
                 }
             }
             EXPECT_EQ(mismatches, 0) << s.w << "x" << s.h;
             EXPECT_LE(worst_real, 1) << s.w << "x" << s.h;
-            EXPECT_LE(near_half, checked / 20);
         }
     }
 }
@@ -570,14 +515,8 @@ TEST(Refusals, GeometryKernels) {
         {[&] { fn::F_HFlip_HWC_Fallback(s3, d_wrong); }, d_wrong,
          "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 5, 3}" + hwc +
              " do not fit: dst must be {H, W, C} of src"},
-        {[&] { fn::F_VFlip_HWC_Fallback(s3, d_ch); }, d_ch,
-         "F_VFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 4}" + hwc +
-             " do not fit: dst must be {H, W, C} of src"},
         {[&] { fn::F_Rotate_Clockwise90_HWC_Fallback(s3, d_same); }, d_same,
          "F_Rotate_Clockwise90_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " do not fit: dst must be {W, H, C} of src"},
-        {[&] { fn::F_Rotate_Clockwise270_HWC_Fallback(s3, d_same); }, d_same,
-         "F_Rotate_Clockwise270_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
              " do not fit: dst must be {W, H, C} of src"},
         {[&] { fn::F_Rotate_Clockwise180_HWC_Fallback(s3, d_turn); }, d_turn,
          "F_Rotate_Clockwise180_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {6, 4, 3}" + hwc +
@@ -588,9 +527,6 @@ TEST(Refusals, GeometryKernels) {
         {[&] { fn::F_Rotate_Clockwise90_HWC_Fallback(s3, nullptr); }, nullptr,
          "F_Rotate_Clockwise90_HWC_Fallback: src {4, 6, 3}" + hwc +
              " and dst null do not fit: dst must be a u8 HWC image"},
-        {[&] { fn::F_HFlip_HWC_Fallback(chw, d_same); }, d_same,
-         "F_HFlip_HWC_Fallback: src {3, 4, 6} (type 7, layout 0) and dst {4, 6, 3}" + hwc +
-             " do not fit: src must be a u8 HWC image"},
         {[&] { fn::F_HFlip_HWC_Fallback(s3, f32); }, f32,
          "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3} (type 1, layout 1)" +
              " do not fit: dst must be a u8 HWC image"},
@@ -606,7 +542,7 @@ TEST(Refusals, GeometryKernels) {
         {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 5, 0, d_same); }, d_same,
          "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
              " do not fit: dst must be {h, w, C} of the region"},
-        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 0, 4, 0, d_same); }, d_same,
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 0, 4, 0, d_same); }, d_same,  // an empty region
          "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
              " do not fit: dst must be {h, w, C} of the region"},
         {[&] { fn::F_Crop_U8_HWC_Memcpy(nullptr, 0, 0, 6, 4, 0, d_same); }, d_same,
@@ -663,7 +599,6 @@ TEST(Refusals, ColourKernels) {
     TensorPtr bgr = WithLayout(4, 6, 3, rt::layout::kHWC);
     TensorPtr planes = WithLayout(3, 4, 6, rt::layout::kCHW);
     TensorPtr planes_small = WithLayout(3, 4, 5, rt::layout::kCHW);
-    TensorPtr planes_hwc = WithLayout(3, 4, 6, rt::layout::kHWC);
     TensorPtr gray = WithLayout(4, 6, 1, rt::layout::kHWC);
     TensorPtr gray_small = WithLayout(3, 6, 1, rt::layout::kHWC);
     TensorPtr y = WithLayout(4, 6, 1, rt::layout::kHWC);
@@ -682,10 +617,6 @@ TEST(Refusals, ColourKernels) {
          planes_small,
          "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 4}" + hwc +
              " and dst {3, 4, 5}" + chw + " do not fit: dst must be a u8 CHW image {3, H, W} of src"},
-        {[&] { fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgra, planes_hwc); },
-         planes_hwc,
-         "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 4}" + hwc +
-             " and dst {3, 4, 6}" + hwc + " do not fit: dst must be a u8 CHW image {3, H, W} of src"},
         {[&] { fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(bgra, gray_small); }, gray_small,
          "F_ColorCvt_BGRA8888_To_Gray8_Fallback: src {4, 6, 4}" + hwc + " and dst {3, 6, 1}" + hwc +
              " do not fit: dst must be a u8 HWC image {H, W, 1} of src"},
@@ -714,23 +645,6 @@ TEST(Refusals, ColourKernels) {
              hwc + " and dst {3, 4, 6}" + chw + " do not fit: y must be a u8 {H, W, 1} plane"},
     };
     for (const Refusal& r : cases) ExpectRefused(r);
-}
-
-// A refusal is reported at level 16 and the call returns: the process goes
-// on and a later good call works.
-TEST(Refusals, WorkGoesOnAfterARefusal) {
-    TensorPtr s = Hwc(2, 2, 1, 9);
-    TensorPtr bad = Hwc(3, 3, 1, 0xAB);
-    TensorPtr good = Hwc(2, 2, 1, 0);
-    {
-        LogCapture capture;
-        fn::F_VFlip_HWC_Fallback(s, bad);
-        EXPECT_EQ(capture.Take().size(), 1u);
-        fn::F_VFlip_HWC_Fallback(s, good);
-        EXPECT_TRUE(capture.Take().empty());
-    }
-    EXPECT_TRUE(AllBytes(bad, 0xAB));
-    EXPECT_TRUE(AllBytes(good, 9));
 }
 
 }  // namespace

@@ -30,14 +30,9 @@ using rt::TensorShape;
 // Codes and attributes
 // ---------------------------------------------------------------------------
 
-TEST(TensorCodes, ValuesAndDefaults) {
-    EXPECT_EQ(rt::data_type::kUInt8, 7);
-    EXPECT_EQ(rt::data_type::kFloat32, 1);
-    EXPECT_EQ(rt::layout::kCHW, 0);
-    EXPECT_EQ(rt::layout::kHWC, 1);
-    EXPECT_EQ(rt::layout::kPlane, 23);
-    EXPECT_EQ(rt::layout::kYUV420Planar, 24);
-    EXPECT_EQ(rt::location::kMainMemory, 0x10001u);
+// The code values themselves appear in every refusal message checked by the
+// kernel tests; here only the defaults of an empty shape.
+TEST(TensorCodes, Defaults) {
     const TensorShape shape;
     EXPECT_EQ(shape.serializable_type, "TensorShape");
     EXPECT_TRUE(shape.dims.empty());
