@@ -351,28 +351,6 @@ TEST_F(ImageProcessTest, CropResizeMatchesDocumentedSampling) {
     }
 }
 
-TEST_F(ImageProcessTest, CropResizeOfWholePixelBoxMatchesOpenCVOnTheRegion) {
-    // A downscaling box on pixel borders samples only inside the region, so
-    // it equals resizing the cropped region.
-    const int h = 480, w = 640;
-    struct Region { int x, y, cw, ch, ow, oh; };
-    const Region regions[] = {{64, 48, 320, 240, 160, 120}, {0, 0, 640, 480, 256, 256},
-                              {100, 30, 333, 211, 97, 61}, {320, 240, 320, 240, 320, 240}};
-    for (int channels : {1, 3, 4}) {
-        TensorPtr in = Make({h, w, channels}, PlaneLayout(channels));
-        for (const Region& r : regions) {
-            TensorPtr out = Make({r.oh, r.ow, channels}, PlaneLayout(channels), false);
-            Run(in, out, float(r.x) / w, float(r.y) / h, float(r.x + r.cw) / w,
-                float(r.y + r.ch) / h, CropCode(channels));
-            cv::Mat cv_out;
-            cv::resize(AsMat(in, h, w, channels)(cv::Rect(r.x, r.y, r.cw, r.ch)), cv_out,
-                       cv::Size(r.ow, r.oh), 0, 0, cv::INTER_LINEAR);
-            EXPECT_LE(MaxAbsDiff(cv_out, AsMat(out, r.oh, r.ow, channels)), 2)
-                << channels << " ch region " << r.x << "," << r.y << " " << r.cw << "x" << r.ch;
-        }
-    }
-}
-
 // ---------------------------------------------------------------------------
 // Refusals: exact message, output untouched.
 // ---------------------------------------------------------------------------
