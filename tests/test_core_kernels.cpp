@@ -33,19 +33,16 @@ rt::DeviceCPU& Device() {
     return device;
 }
 
-TensorPtr Hwc(int h, int w, int c, uint8_t fill = 0) {
-    TensorPtr t = Device().CreateTensor(TensorShape({h, w, c}, rt::data_type::kUInt8, rt::layout::kHWC),
-                                        nullptr);
+// A three-dim tensor of owned storage, every byte `fill`; 0xAB marks bytes
+// a refused call must leave alone.
+TensorPtr WithLayout(int d0, int d1, int d2, int32_t layout, int32_t type = rt::data_type::kUInt8,
+                     uint8_t fill = 0xAB) {
+    TensorPtr t = Device().CreateTensor(TensorShape({d0, d1, d2}, type, layout), nullptr);
     std::memset(t->data(), fill, t->byte_size());
     return t;
 }
-
-TensorPtr Chw(int c, int h, int w, uint8_t fill = 0) {
-    TensorPtr t = Device().CreateTensor(TensorShape({c, h, w}, rt::data_type::kUInt8, rt::layout::kCHW),
-                                        nullptr);
-    std::memset(t->data(), fill, t->byte_size());
-    return t;
-}
+TensorPtr Hwc(int h, int w, int c, uint8_t fill = 0) { return WithLayout(h, w, c, rt::layout::kHWC, rt::data_type::kUInt8, fill); }
+TensorPtr Chw(int c, int h, int w, uint8_t fill = 0) { return WithLayout(c, h, w, rt::layout::kCHW, rt::data_type::kUInt8, fill); }
 
 // An owned copy of a continuous u8 Mat as {rows, cols, channels}.
 TensorPtr FromMat(const cv::Mat& m) {
@@ -228,8 +225,7 @@ TEST(Resize, WithinTwoOfOpenCVAndOneOfExactBilinear) {
 // Destination x maps to (x + 0.5) / 2 - 0.5 = x/2 - 0.25. The source is a
 // plane view (layout 23), which the one-channel resizer takes as well.
 TEST(Resize, RampUpByTwoHasQuarterWeights) {
-    TensorPtr s = Device().CreateTensor(TensorShape({1, 4, 1}, rt::data_type::kUInt8, rt::layout::kPlane),
-                                        nullptr);
+    TensorPtr s = WithLayout(1, 4, 1, rt::layout::kPlane);
     const uint8_t ramp[4] = {0, 100, 200, 240};
     std::memcpy(s->data(), ramp, 4);
     TensorPtr d = Hwc(1, 8, 1);
@@ -452,12 +448,6 @@ TEST(YuvPlanes, KnownValues) {
 // ---------------------------------------------------------------------------
 // Refusals: message naming the kernel and both shapes, nothing written
 // ---------------------------------------------------------------------------
-
-TensorPtr WithLayout(int d0, int d1, int d2, int32_t layout, int32_t type = rt::data_type::kUInt8) {
-    TensorPtr t = Device().CreateTensor(TensorShape({d0, d1, d2}, type, layout), nullptr);
-    std::memset(t->data(), 0xAB, t->byte_size());
-    return t;
-}
 
 struct Refusal {
     std::function<void()> call;
