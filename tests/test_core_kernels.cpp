@@ -236,82 +236,16 @@ TEST(Resize, RampUpByTwoHasQuarterWeights) {
     EXPECT_EQ(0, std::memcmp(d->data(), want, 8));
 }
 
-// ---------------------------------------------------------------------------
-// Turns and flips
-// ---------------------------------------------------------------------------
-
-struct MoveCase {
-    const char* name;
-    void (*kernel)(const TensorPtr&, const TensorPtr&);
-    bool quarter;
-    std::function<void(const cv::Mat&, cv::Mat&)> reference;
-};
-
-std::vector<MoveCase> MoveCases() {
-    return {
-        {"rotate90", fn::F_Rotate_Clockwise90_HWC_Fallback, true,
-         [](const cv::Mat& s, cv::Mat& d) { cv::rotate(s, d, cv::ROTATE_90_CLOCKWISE); }},
-        {"rotate180", fn::F_Rotate_Clockwise180_HWC_Fallback, false,
-         [](const cv::Mat& s, cv::Mat& d) { cv::rotate(s, d, cv::ROTATE_180); }},
-        {"rotate270", fn::F_Rotate_Clockwise270_HWC_Fallback, true,
-         [](const cv::Mat& s, cv::Mat& d) { cv::rotate(s, d, cv::ROTATE_90_COUNTERCLOCKWISE); }},
-        {"hflip", fn::F_HFlip_HWC_Fallback, false,
-         [](const cv::Mat& s, cv::Mat& d) { cv::flip(s, d, 1); }},
-        {"vflip", fn::F_VFlip_HWC_Fallback, false,
-         [](const cv::Mat& s, cv::Mat& d) { cv::flip(s, d, 0); }},
-    };
-}
-
-TEST(TurnAndFlip, ByteIdenticalToOpenCV) {
-    std::mt19937 rng(31);
-    const cv::Size sizes[] = {{1, 1}, {7, 1}, {1, 7}, {33, 65}, {64, 64}, {127, 45}, {65, 64}, {301, 3}};
-    for (const MoveCase& m : MoveCases()) {
-        for (int ch : {1, 2, 3, 4, 6, 8}) {
-            for (const cv::Size& size : sizes) {
-                const cv::Mat src = RandomMat(size.height, size.width, ch, rng);
-                TensorPtr d = m.quarter ? Hwc(size.width, size.height, ch, 0xEE)
-                                        : Hwc(size.height, size.width, ch, 0xEE);
-                m.kernel(FromMat(src), d);
-                cv::Mat ref;
-                m.reference(src, ref);
-                EXPECT_TRUE(Identical(AsMat(d), ref))
-                    << m.name << " channels " << ch << " " << size.width << "x" << size.height;
-            }
-        }
-    }
-}
+// Turns, flips and the splits of four-byte pixels into planes: their drivers
+// are held to the pixel definitions in test_kernel_rows.cpp, and every
+// orientation and packed format goes through these entry points against
+// cv::rotate / cv::flip and a byte pick in test_frame_to_tensor.cpp.
 
 // ---------------------------------------------------------------------------
-// Four-byte pixels to planes, gray
+// Gray
 // ---------------------------------------------------------------------------
 
 const cv::Size kColourSizes[] = {{1, 1}, {5, 7}, {31, 1}, {33, 17}, {64, 2}, {641, 481}, {256, 256}};
-
-TEST(ColourPlanes, BgraAndRgbaToRgbPlanesEqualOpenCV) {
-    std::mt19937 rng(41);
-    for (const cv::Size& size : kColourSizes) {
-        const cv::Mat src = RandomMat(size.height, size.width, 4, rng);
-        for (bool bgra : {true, false}) {
-            TensorPtr d = Chw(3, size.height, size.width, 0xEE);
-            if (bgra) {
-                fn::F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(FromMat(src), d);
-            } else {
-                fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(FromMat(src), d);
-            }
-            cv::Mat rgb;
-            cv::cvtColor(src, rgb, bgra ? cv::COLOR_BGRA2RGB : cv::COLOR_RGBA2RGB);
-            std::vector<cv::Mat> planes;
-            cv::split(rgb, planes);
-            for (int p = 0; p < 3; ++p) {
-                cv::Mat ours(size.height, size.width, CV_8UC1,
-                             d->data() + static_cast<size_t>(p) * size.area());
-                EXPECT_TRUE(Identical(ours, planes[p]))
-                    << (bgra ? "BGRA" : "RGBA") << " plane " << p << " " << size.width << "x"
-                    << size.height;
-            }
-        }
-    }
-}
 
 TEST(ColourPlanes, GrayIsBt601WithinOneOfOpenCV) {
     std::mt19937 rng(42);
