@@ -33,19 +33,16 @@ rt::DeviceCPU& Device() {
     return device;
 }
 
-TensorPtr Hwc(int h, int w, int c, uint8_t fill = 0) {
-    TensorPtr t = Device().CreateTensor(TensorShape({h, w, c}, rt::data_type::kUInt8, rt::layout::kHWC),
-                                        nullptr);
+// A three-dim tensor of owned storage, every byte `fill`; 0xAB marks bytes
+// a refused call must leave alone.
+TensorPtr WithLayout(int d0, int d1, int d2, int32_t layout, int32_t type = rt::data_type::kUInt8,
+                     uint8_t fill = 0xAB) {
+    TensorPtr t = Device().CreateTensor(TensorShape({d0, d1, d2}, type, layout), nullptr);
     std::memset(t->data(), fill, t->byte_size());
     return t;
 }
-
-TensorPtr Chw(int c, int h, int w, uint8_t fill = 0) {
-    TensorPtr t = Device().CreateTensor(TensorShape({c, h, w}, rt::data_type::kUInt8, rt::layout::kCHW),
-                                        nullptr);
-    std::memset(t->data(), fill, t->byte_size());
-    return t;
-}
+TensorPtr Hwc(int h, int w, int c, uint8_t fill = 0) { return WithLayout(h, w, c, rt::layout::kHWC, rt::data_type::kUInt8, fill); }
+TensorPtr Chw(int c, int h, int w, uint8_t fill = 0) { return WithLayout(c, h, w, rt::layout::kCHW, rt::data_type::kUInt8, fill); }
 
 // An owned copy of a continuous u8 Mat as {rows, cols, channels}.
 TensorPtr FromMat(const cv::Mat& m) {
@@ -108,27 +105,16 @@ cv::Mat CropReference(const cv::Mat& src, int x, int y, int w, int h, uint8_t pa
     return out;
 }
 
-TEST(Crop, InsideEqualsOpenCVRegionOfInterest) {
-    std::mt19937 rng(11);
-    for (int ch : {1, 2, 3, 4}) {
-        const cv::Mat src = RandomMat(37, 53, ch, rng);
-        TensorPtr s = FromMat(src);
-        TensorPtr d = Hwc(20, 31, ch, 0xEE);
-        fn::F_Crop_U8_HWC_Memcpy(s, 5, 9, 31, 20, 7, d);
-        EXPECT_TRUE(Identical(AsMat(d), src(cv::Rect(5, 9, 31, 20)).clone())) << "channels " << ch;
-    }
-}
-
 TEST(Crop, OutsideIsPaddedOnEverySide) {
     std::mt19937 rng(12);
     struct Region {
         int x, y, w, h;
     };
-    // Left/top overhang, right/bottom overhang, larger than src on all sides,
-    // wholly outside each way, one pixel, the whole image.
-    const Region regions[] = {{-3, -2, 10, 8},  {15, 9, 12, 7},  {-5, -4, 30, 21}, {40, 0, 3, 3},
-                              {-9, 0, 4, 4},    {0, 30, 5, 2},   {0, -7, 5, 3},    {6, 4, 1, 1},
-                              {0, 0, 19, 13},   {18, 12, 1, 1}};
+    // Inside, left/top overhang, right/bottom overhang, larger than src on all
+    // sides, wholly outside each way, one pixel, the whole image.
+    const Region regions[] = {{2, 3, 11, 7},  {-3, -2, 10, 8}, {15, 9, 12, 7}, {-5, -4, 30, 21},
+                              {40, 0, 3, 3},  {-9, 0, 4, 4},   {0, 30, 5, 2},  {0, -7, 5, 3},
+                              {6, 4, 1, 1},   {0, 0, 19, 13},  {18, 12, 1, 1}};
     for (int ch : {1, 2, 3, 4, 5}) {
         const cv::Mat src = RandomMat(13, 19, ch, rng);
         TensorPtr s = FromMat(src);
@@ -148,23 +134,6 @@ TEST(Crop, FarOutsideCoordinatesDoNotOverflow) {
     EXPECT_TRUE(AllBytes(d, 42));
     fn::F_Crop_U8_HWC_Memcpy(s, -2147483647, -2147483647, 3, 2, 43, d);
     EXPECT_TRUE(AllBytes(d, 43));
-}
-
-TEST(Crop, OnePixelSource) {
-    TensorPtr s = Hwc(1, 1, 3);
-    s->data()[0] = 1, s->data()[1] = 2, s->data()[2] = 3;
-    TensorPtr d = Hwc(3, 3, 3);
-    fn::F_Crop_U8_HWC_Memcpy(s, -1, -1, 3, 3, 0, d);
-    for (int i = 0; i < 9; ++i) {
-        const uint8_t* p = d->data() + i * 3;
-        if (i == 4) {
-            EXPECT_EQ(p[0], 1);
-            EXPECT_EQ(p[1], 2);
-            EXPECT_EQ(p[2], 3);
-        } else {
-            EXPECT_EQ(p[0] | p[1] | p[2], 0) << "pixel " << i;
-        }
-    }
 }
 
 // ---------------------------------------------------------------------------
@@ -245,30 +214,18 @@ TEST(Resize, WithinTwoOfOpenCVAndOneOfExactBilinear) {
                                      std::to_string(k.dh);
             EXPECT_LE(MaxDiff(AsMat(d), ref), 2) << what;
             EXPECT_LE(MaxDiff(AsMat(d), BilinearReference(src, k.dw, k.dh)), 1) << what;
+            if (k.sw == k.dw && k.sh == k.dh) {
+                EXPECT_TRUE(Identical(AsMat(d), src)) << what;
+            }
         }
     }
-}
-
-TEST(Resize, FlatImageStaysFlatAndSameSizeCopies) {
-    for (int ch : {1, 2, 4}) {
-        for (uint8_t v : {0, 1, 128, 254, 255}) {
-            TensorPtr s = Hwc(37, 91, ch, v);
-            TensorPtr d = Hwc(13, 200, ch, 0xEE);
-            ResizeFor(ch)(s, d);
-            EXPECT_TRUE(AllBytes(d, v)) << "channels " << ch << " value " << int(v);
-        }
-    }
-    std::mt19937 rng(22);
-    const cv::Mat src = RandomMat(17, 29, 4, rng);
-    TensorPtr d = Hwc(17, 29, 4);
-    fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(FromMat(src), d);
-    EXPECT_TRUE(Identical(AsMat(d), src));
 }
 
 // A horizontal ramp doubled in width: exact values of the half-pixel rule.
-// Destination x maps to (x + 0.5) / 2 - 0.5 = x/2 - 0.25.
+// Destination x maps to (x + 0.5) / 2 - 0.5 = x/2 - 0.25. The source is a
+// plane view (layout 23), which the one-channel resizer takes as well.
 TEST(Resize, RampUpByTwoHasQuarterWeights) {
-    TensorPtr s = Hwc(1, 4, 1);
+    TensorPtr s = WithLayout(1, 4, 1, rt::layout::kPlane);
     const uint8_t ramp[4] = {0, 100, 200, 240};
     std::memcpy(s->data(), ramp, 4);
     TensorPtr d = Hwc(1, 8, 1);
@@ -279,122 +236,37 @@ TEST(Resize, RampUpByTwoHasQuarterWeights) {
     EXPECT_EQ(0, std::memcmp(d->data(), want, 8));
 }
 
-TEST(Resize, PlaneLayoutIsAcceptedForOneChannel) {
-    TensorPtr s = Device().CreateTensor(TensorShape({4, 4, 1}, rt::data_type::kUInt8, rt::layout::kPlane),
-                                        nullptr);
-    std::memset(s->data(), 77, 16);
-    TensorPtr d = Hwc(2, 2, 1);
-    fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(s, d);
-    EXPECT_TRUE(AllBytes(d, 77));
-}
+// Turns, flips and the splits of four-byte pixels into planes: their drivers
+// are held to the pixel definitions in test_kernel_rows.cpp, and every
+// orientation and packed format goes through these entry points against
+// cv::rotate / cv::flip and a byte pick in test_frame_to_tensor.cpp.
 
 // ---------------------------------------------------------------------------
-// Turns and flips
+// Gray
 // ---------------------------------------------------------------------------
 
-struct MoveCase {
-    const char* name;
-    void (*kernel)(const TensorPtr&, const TensorPtr&);
-    bool quarter;
-    std::function<void(const cv::Mat&, cv::Mat&)> reference;
-};
-
-std::vector<MoveCase> MoveCases() {
-    return {
-        {"rotate90", fn::F_Rotate_Clockwise90_HWC_Fallback, true,
-         [](const cv::Mat& s, cv::Mat& d) { cv::rotate(s, d, cv::ROTATE_90_CLOCKWISE); }},
-        {"rotate180", fn::F_Rotate_Clockwise180_HWC_Fallback, false,
-         [](const cv::Mat& s, cv::Mat& d) { cv::rotate(s, d, cv::ROTATE_180); }},
-        {"rotate270", fn::F_Rotate_Clockwise270_HWC_Fallback, true,
-         [](const cv::Mat& s, cv::Mat& d) { cv::rotate(s, d, cv::ROTATE_90_COUNTERCLOCKWISE); }},
-        {"hflip", fn::F_HFlip_HWC_Fallback, false,
-         [](const cv::Mat& s, cv::Mat& d) { cv::flip(s, d, 1); }},
-        {"vflip", fn::F_VFlip_HWC_Fallback, false,
-         [](const cv::Mat& s, cv::Mat& d) { cv::flip(s, d, 0); }},
-    };
-}
-
-TEST(TurnAndFlip, ByteIdenticalToOpenCV) {
-    std::mt19937 rng(31);
-    const cv::Size sizes[] = {{1, 1}, {7, 1}, {1, 7}, {33, 65}, {64, 64}, {127, 45}, {65, 64}, {301, 3}};
-    for (const MoveCase& m : MoveCases()) {
-        for (int ch : {1, 2, 3, 4, 6, 8}) {
-            for (const cv::Size& size : sizes) {
-                const cv::Mat src = RandomMat(size.height, size.width, ch, rng);
-                TensorPtr d = m.quarter ? Hwc(size.width, size.height, ch, 0xEE)
-                                        : Hwc(size.height, size.width, ch, 0xEE);
-                m.kernel(FromMat(src), d);
-                cv::Mat ref;
-                m.reference(src, ref);
-                EXPECT_TRUE(Identical(AsMat(d), ref))
-                    << m.name << " channels " << ch << " " << size.width << "x" << size.height;
-            }
-        }
+// Pure colours: 0.299 * 255 = 76.2, 0.587 * 255 = 149.7, 0.114 * 255 = 29.1,
+// repeated past two vector blocks so that blocks and tail both count. Random
+// pixels go through this entry point against OpenCV in
+// test_frame_to_tensor.cpp, and the rows against their twin in
+// test_kernel_rows.cpp.
+TEST(ColourPlanes, GrayIsBt601) {
+    const uint8_t colours[4][4] = {{0, 0, 255, 0}, {0, 255, 0, 0}, {255, 0, 0, 0}, {255, 255, 255, 255}};
+    const uint8_t grays[4] = {76, 150, 29, 255};
+    std::vector<uint8_t> pixels, want;
+    for (int i = 0; i < 37; ++i) {
+        pixels.insert(pixels.end(), colours[i % 4], colours[i % 4] + 4);
+        want.push_back(grays[i % 4]);
     }
-}
-
-// ---------------------------------------------------------------------------
-// Four-byte pixels to planes, gray
-// ---------------------------------------------------------------------------
-
-const cv::Size kColourSizes[] = {{1, 1}, {5, 7}, {31, 1}, {33, 17}, {64, 2}, {641, 481}, {256, 256}};
-
-TEST(ColourPlanes, BgraAndRgbaToRgbPlanesEqualOpenCV) {
-    std::mt19937 rng(41);
-    for (const cv::Size& size : kColourSizes) {
-        const cv::Mat src = RandomMat(size.height, size.width, 4, rng);
-        for (bool bgra : {true, false}) {
-            TensorPtr d = Chw(3, size.height, size.width, 0xEE);
-            if (bgra) {
-                fn::F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(FromMat(src), d);
-            } else {
-                fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(FromMat(src), d);
-            }
-            cv::Mat rgb;
-            cv::cvtColor(src, rgb, bgra ? cv::COLOR_BGRA2RGB : cv::COLOR_RGBA2RGB);
-            std::vector<cv::Mat> planes;
-            cv::split(rgb, planes);
-            for (int p = 0; p < 3; ++p) {
-                cv::Mat ours(size.height, size.width, CV_8UC1,
-                             d->data() + static_cast<size_t>(p) * size.area());
-                EXPECT_TRUE(Identical(ours, planes[p]))
-                    << (bgra ? "BGRA" : "RGBA") << " plane " << p << " " << size.width << "x"
-                    << size.height;
-            }
-        }
-    }
-}
-
-TEST(ColourPlanes, GrayIsBt601WithinOneOfOpenCV) {
-    std::mt19937 rng(42);
-    for (const cv::Size& size : kColourSizes) {
-        const cv::Mat src = RandomMat(size.height, size.width, 4, rng);
-        TensorPtr d = Hwc(size.height, size.width, 1, 0xEE);
-        fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(FromMat(src), d);
-        cv::Mat gray;
-        cv::cvtColor(src, gray, cv::COLOR_BGRA2GRAY);
-        EXPECT_LE(MaxDiff(AsMat(d), gray), 1) << size.width << "x" << size.height;
-        // Against real-valued 0.299 R + 0.587 G + 0.114 B, rounded.
-        int worst = 0;
-        for (int i = 0; i < static_cast<int>(src.total()); ++i) {
-            const uint8_t* p = src.data + i * 4;
-            const long want = std::lround(0.299 * p[2] + 0.587 * p[1] + 0.114 * p[0]);
-            worst = std::max<int>(worst, std::abs(static_cast<int>(want) - d->data()[i]));
-        }
-        EXPECT_LE(worst, 1);
-    }
-    // Pure colours: 0.299 * 255 = 76.2, 0.587 * 255 = 149.7, 0.114 * 255 = 29.1.
-    const uint8_t pixels[4 * 4] = {0, 0, 255, 0, 0, 255, 0, 0, 255, 0, 0, 0, 255, 255, 255, 255};
-    TensorPtr s = Device().CreateBGRA8888Tensor(1, 4, pixels);
-    TensorPtr d = Hwc(1, 4, 1);
+    TensorPtr s = Device().CreateBGRA8888Tensor(1, 37, pixels.data());
+    TensorPtr d = Hwc(1, 37, 1);
     fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(s, d);
-    const uint8_t want[4] = {76, 150, 29, 255};
-    EXPECT_EQ(0, std::memcmp(d->data(), want, 4));
+    EXPECT_EQ(0, std::memcmp(d->data(), want.data(), 37));
     // Any {H', W', 1} destination of the same pixel count takes the same bytes
     // in the source's row order (the gray converter's swapped size).
-    TensorPtr column = Hwc(4, 1, 1, 0xEE);
+    TensorPtr column = Hwc(37, 1, 1, 0xEE);
     fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(s, column);
-    EXPECT_EQ(0, std::memcmp(column->data(), want, 4));
+    EXPECT_EQ(0, std::memcmp(column->data(), want.data(), 37));
 }
 
 // ---------------------------------------------------------------------------
@@ -459,7 +331,6 @@ TEST(YuvPlanes, EqualsTheFixedPointDefinitionAndIsWithinOneOfRealValues) {
             TensorPtr d = Chw(3, s.h, s.w, 0xEE);
             fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(FromMat(y), FromMat(uv), matrix, d);
             int mismatches = 0, worst_real = 0;
-            long near_half = 0, checked = 0;
             for (int p = 0; p < 3; ++p) {
                 for (int r = 0; r < s.h; ++r) {
                     for (int x = 0; x < s.w; ++x) {
@@ -468,22 +339,13 @@ TEST(YuvPlanes, EqualsTheFixedPointDefinitionAndIsWithinOneOfRealValues) {
                         const int luma = y.ptr(r)[x];
                         const uint8_t got = d->data()[(static_cast<size_t>(p) * s.h + r) * s.w + x];
                         if (got != YuvFixedReference(*matrix, p, luma, c[0], c[1])) ++mismatches;
-                        const double real = YuvReal(*matrix, p, luma, c[0], c[1]);
-                        const double clamped = std::clamp(real, 0.0, 255.0);
-                        const int want = static_cast<int>(std::lround(clamped));
-                        worst_real = std::max(worst_real, std::abs(want - got));
-                        if (want != got) {
-                            // Only where the real value sits close to a half.
-                            if (std::fabs(clamped - std::floor(clamped) - 0.5) < 0.05) ++near_half;
-                            else ADD_FAILURE() << "off by one away from a half at " << real;
-                        }
-                        ++checked;
+                        const double real = std::clamp(YuvReal(*matrix, p, luma, c[0], c[1]), 0.0, 255.0);
+                        worst_real = std::max(worst_real, std::abs(int(std::lround(real)) - got));
                     }
                 }
             }
             EXPECT_EQ(mismatches, 0) << s.w << "x" << s.h;
             EXPECT_LE(worst_real, 1) << s.w << "x" << s.h;
-            EXPECT_LE(near_half, checked / 20);
         }
     }
 }
@@ -515,27 +377,9 @@ TEST(YuvPlanes, KnownValues) {
     EXPECT_EQ(d2->data()[4], 255);  // B = 255 + 1.772 * 127.5
 }
 
-// Each chroma pair covers a 2 x 2 block of luma.
-TEST(YuvPlanes, ChromaPairCoversTwoByTwoBlock) {
-    auto red_from_c1 = Matrix({0, 0, 1, 0, 0, 0, 0, 0, 0, 0});  // plane 0 = c1, others 0
-    TensorPtr y = Hwc(4, 6, 1), uv = Hwc(2, 3, 2), d = Chw(3, 4, 6);
-    for (int i = 0; i < 6; ++i) uv->data()[2 * i + 1] = static_cast<uint8_t>(10 * (i + 1));
-    fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, red_from_c1, d);
-    const uint8_t want[24] = {10, 10, 20, 20, 30, 30, 10, 10, 20, 20, 30, 30,
-                              40, 40, 50, 50, 60, 60, 40, 40, 50, 50, 60, 60};
-    EXPECT_EQ(0, std::memcmp(d->data(), want, 24));
-    EXPECT_TRUE(std::all_of(d->data() + 24, d->data() + 72, [](uint8_t v) { return v == 0; }));
-}
-
 // ---------------------------------------------------------------------------
 // Refusals: message naming the kernel and both shapes, nothing written
 // ---------------------------------------------------------------------------
-
-TensorPtr WithLayout(int d0, int d1, int d2, int32_t layout, int32_t type = rt::data_type::kUInt8) {
-    TensorPtr t = Device().CreateTensor(TensorShape({d0, d1, d2}, type, layout), nullptr);
-    std::memset(t->data(), 0xAB, t->byte_size());
-    return t;
-}
 
 struct Refusal {
     std::function<void()> call;
@@ -570,14 +414,8 @@ TEST(Refusals, GeometryKernels) {
         {[&] { fn::F_HFlip_HWC_Fallback(s3, d_wrong); }, d_wrong,
          "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 5, 3}" + hwc +
              " do not fit: dst must be {H, W, C} of src"},
-        {[&] { fn::F_VFlip_HWC_Fallback(s3, d_ch); }, d_ch,
-         "F_VFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 4}" + hwc +
-             " do not fit: dst must be {H, W, C} of src"},
         {[&] { fn::F_Rotate_Clockwise90_HWC_Fallback(s3, d_same); }, d_same,
          "F_Rotate_Clockwise90_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " do not fit: dst must be {W, H, C} of src"},
-        {[&] { fn::F_Rotate_Clockwise270_HWC_Fallback(s3, d_same); }, d_same,
-         "F_Rotate_Clockwise270_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
              " do not fit: dst must be {W, H, C} of src"},
         {[&] { fn::F_Rotate_Clockwise180_HWC_Fallback(s3, d_turn); }, d_turn,
          "F_Rotate_Clockwise180_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {6, 4, 3}" + hwc +
@@ -588,9 +426,6 @@ TEST(Refusals, GeometryKernels) {
         {[&] { fn::F_Rotate_Clockwise90_HWC_Fallback(s3, nullptr); }, nullptr,
          "F_Rotate_Clockwise90_HWC_Fallback: src {4, 6, 3}" + hwc +
              " and dst null do not fit: dst must be a u8 HWC image"},
-        {[&] { fn::F_HFlip_HWC_Fallback(chw, d_same); }, d_same,
-         "F_HFlip_HWC_Fallback: src {3, 4, 6} (type 7, layout 0) and dst {4, 6, 3}" + hwc +
-             " do not fit: src must be a u8 HWC image"},
         {[&] { fn::F_HFlip_HWC_Fallback(s3, f32); }, f32,
          "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3} (type 1, layout 1)" +
              " do not fit: dst must be a u8 HWC image"},
@@ -606,7 +441,7 @@ TEST(Refusals, GeometryKernels) {
         {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 5, 0, d_same); }, d_same,
          "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
              " do not fit: dst must be {h, w, C} of the region"},
-        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 0, 4, 0, d_same); }, d_same,
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 0, 4, 0, d_same); }, d_same,  // an empty region
          "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
              " do not fit: dst must be {h, w, C} of the region"},
         {[&] { fn::F_Crop_U8_HWC_Memcpy(nullptr, 0, 0, 6, 4, 0, d_same); }, d_same,
@@ -622,23 +457,15 @@ TEST(Refusals, GeometryKernels) {
 
 TEST(Refusals, ResizeKernels) {
     const std::string hwc = " (type 7, layout 1)";
-    TensorPtr c1 = WithLayout(8, 8, 1, rt::layout::kHWC);
     TensorPtr c2 = WithLayout(8, 8, 2, rt::layout::kHWC);
     TensorPtr c4 = WithLayout(8, 8, 4, rt::layout::kHWC);
     TensorPtr d1 = WithLayout(3, 5, 1, rt::layout::kHWC);
-    TensorPtr d2 = WithLayout(3, 5, 2, rt::layout::kHWC);
     TensorPtr d4 = WithLayout(3, 5, 4, rt::layout::kHWC);
     TensorPtr plane2 = WithLayout(3, 5, 2, rt::layout::kPlane);
     const std::vector<Refusal> cases = {
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(c2, d1); }, d1,
          "F_Resize_Bilinear_HWC_U8_C1_Fallback: src {8, 8, 2}" + hwc + " and dst {3, 5, 1}" + hwc +
              " do not fit: src must be a u8 HWC image of 1 channel"},
-        {[&] { fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(c1, d2); }, d2,
-         "F_Resize_Bilinear_HWC_U8_C1_Fallback: src {8, 8, 1}" + hwc + " and dst {3, 5, 2}" + hwc +
-             " do not fit: dst must be a u8 HWC image of 1 channel"},
-        {[&] { fn::F_Resize_Bilinear_HWC_U8_C2_Fallback(c4, d2); }, d2,
-         "F_Resize_Bilinear_HWC_U8_C2_Fallback: src {8, 8, 4}" + hwc + " and dst {3, 5, 2}" + hwc +
-             " do not fit: src must be a u8 HWC image of 2 channels"},
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C2_Fallback(c2, plane2); }, plane2,
          "F_Resize_Bilinear_HWC_U8_C2_Fallback: src {8, 8, 2}" + hwc +
              " and dst {3, 5, 2} (type 7, layout 23) do not fit: dst must be a u8 HWC image of 2 "
@@ -663,7 +490,6 @@ TEST(Refusals, ColourKernels) {
     TensorPtr bgr = WithLayout(4, 6, 3, rt::layout::kHWC);
     TensorPtr planes = WithLayout(3, 4, 6, rt::layout::kCHW);
     TensorPtr planes_small = WithLayout(3, 4, 5, rt::layout::kCHW);
-    TensorPtr planes_hwc = WithLayout(3, 4, 6, rt::layout::kHWC);
     TensorPtr gray = WithLayout(4, 6, 1, rt::layout::kHWC);
     TensorPtr gray_small = WithLayout(3, 6, 1, rt::layout::kHWC);
     TensorPtr y = WithLayout(4, 6, 1, rt::layout::kHWC);
@@ -682,10 +508,6 @@ TEST(Refusals, ColourKernels) {
          planes_small,
          "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 4}" + hwc +
              " and dst {3, 4, 5}" + chw + " do not fit: dst must be a u8 CHW image {3, H, W} of src"},
-        {[&] { fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgra, planes_hwc); },
-         planes_hwc,
-         "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 4}" + hwc +
-             " and dst {3, 4, 6}" + hwc + " do not fit: dst must be a u8 CHW image {3, H, W} of src"},
         {[&] { fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(bgra, gray_small); }, gray_small,
          "F_ColorCvt_BGRA8888_To_Gray8_Fallback: src {4, 6, 4}" + hwc + " and dst {3, 6, 1}" + hwc +
              " do not fit: dst must be a u8 HWC image {H, W, 1} of src"},
@@ -714,23 +536,6 @@ TEST(Refusals, ColourKernels) {
              hwc + " and dst {3, 4, 6}" + chw + " do not fit: y must be a u8 {H, W, 1} plane"},
     };
     for (const Refusal& r : cases) ExpectRefused(r);
-}
-
-// A refusal is reported at level 16 and the call returns: the process goes
-// on and a later good call works.
-TEST(Refusals, WorkGoesOnAfterARefusal) {
-    TensorPtr s = Hwc(2, 2, 1, 9);
-    TensorPtr bad = Hwc(3, 3, 1, 0xAB);
-    TensorPtr good = Hwc(2, 2, 1, 0);
-    {
-        LogCapture capture;
-        fn::F_VFlip_HWC_Fallback(s, bad);
-        EXPECT_EQ(capture.Take().size(), 1u);
-        fn::F_VFlip_HWC_Fallback(s, good);
-        EXPECT_TRUE(capture.Take().empty());
-    }
-    EXPECT_TRUE(AllBytes(bad, 0xAB));
-    EXPECT_TRUE(AllBytes(good, 9));
 }
 
 }  // namespace

@@ -30,14 +30,9 @@ using rt::TensorShape;
 // Codes and attributes
 // ---------------------------------------------------------------------------
 
-TEST(TensorCodes, ValuesAndDefaults) {
-    EXPECT_EQ(rt::data_type::kUInt8, 7);
-    EXPECT_EQ(rt::data_type::kFloat32, 1);
-    EXPECT_EQ(rt::layout::kCHW, 0);
-    EXPECT_EQ(rt::layout::kHWC, 1);
-    EXPECT_EQ(rt::layout::kPlane, 23);
-    EXPECT_EQ(rt::layout::kYUV420Planar, 24);
-    EXPECT_EQ(rt::location::kMainMemory, 0x10001u);
+// The code values themselves appear in every refusal message checked by the
+// kernel tests; here only the defaults of an empty shape.
+TEST(TensorCodes, Defaults) {
     const TensorShape shape;
     EXPECT_EQ(shape.serializable_type, "TensorShape");
     EXPECT_TRUE(shape.dims.empty());
@@ -187,22 +182,6 @@ TEST(TensorStorage, OwnedCopiesInOrZeroFillsAndIsAligned) {
     EXPECT_EQ(fresh->data()[83], 0x5A);
     EXPECT_EQ(fresh->shape().dims, (std::vector<int32_t>{3, 7}));
     EXPECT_EQ(fresh->shape().data_type, rt::data_type::kFloat32);
-}
-
-// Owned storage is freed with the last reference: a leak would fail this
-// test under the leak checker; shared references keep it alive.
-TEST(TensorStorage, OwnedStorageLivesWithItsLastReference) {
-    rt::DeviceCPU device;
-    std::weak_ptr<rt::Tensor> watch;
-    {
-        TensorPtr a = device.CreateBGRA8888Tensor(16, 16, nullptr);
-        watch = a;
-        TensorPtr b = a;
-        a.reset();
-        ASSERT_FALSE(watch.expired());
-        b->data()[b->byte_size() - 1] = 7;  // still valid storage
-    }
-    EXPECT_TRUE(watch.expired());
 }
 
 // Freed owned storage stays with the device for the next tensor of its size

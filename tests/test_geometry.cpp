@@ -175,21 +175,6 @@ TEST(CropboxRectify, EveryBitCombinationByOrientation) {
     }
 }
 
-TEST(CropboxRectify, FlipBeatsMirrorAnd64IsAHalfTurnForBoxes) {
-    float x0 = 0.125f, y0 = 0.25f, x1 = 0.5f, y1 = 0.5f;
-    kit::Cropbox_Rectify(static_cast<QVN_ORIENT_FMT>(8 | 16), x0, y0, x1, y1);
-    EXPECT_EQ(x0, 0.125f);
-    EXPECT_EQ(y0, 0.5f);
-    EXPECT_EQ(x1, 0.5f);
-    EXPECT_EQ(y1, 0.75f);
-    x0 = 0.125f, y0 = 0.25f, x1 = 0.5f, y1 = 0.5f;
-    kit::Cropbox_Rectify(QVN_ORIENT_FMT_BOX_ROTATE_180, x0, y0, x1, y1);
-    EXPECT_EQ(x0, 0.5f);
-    EXPECT_EQ(y0, 0.5f);
-    EXPECT_EQ(x1, 0.875f);
-    EXPECT_EQ(y1, 0.75f);
-}
-
 TEST(CropboxRectify, ThroughTheImageMatrix) {
     for (unsigned ori = 0; ori < 70; ++ori) {
         Combo c{};
@@ -260,19 +245,6 @@ TEST(RectifyCropbox, EveryBitCombinationAgainstPixelCorners) {
     }
 }
 
-TEST(RectifyCropbox, UprightLeavesBoxAlone) {
-    QVN_Image img{};
-    img.width = 100;
-    img.height = 50;
-    int x0 = 10, y0 = 20, x1 = 30, y1 = 44, w = 0, h = 0;
-    EXPECT_EQ(kit::rectify_cropbox(&img, x0, y0, x1, y1, w, h), 25);
-    EXPECT_EQ(x0, 10);
-    EXPECT_EQ(y0, 20);
-    EXPECT_EQ(x1, 30);
-    EXPECT_EQ(y1, 44);
-    EXPECT_EQ(w, 21);
-}
-
 // ---------------------------------------------------------------------------
 // crop_for_image
 // ---------------------------------------------------------------------------
@@ -324,18 +296,6 @@ TEST(CropForImage, PackedFormatsReplicateTheEdges) {
                     }
         }
     }
-}
-
-TEST(CropForImage, ThreeRowsAboveAreCopiesOfRowZero) {
-    const int fw = 4, fh = 4;
-    Bytes frame(fw * fh * 4);
-    for (size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<uint8_t>(i);
-    Bytes out(fw * 7 * 4, 0);
-    QVN_Image s = Image(QVN_PIX_FMT_BGRA8888, 0, fw, fh, frame.data());
-    QVN_Image d = Image(QVN_PIX_FMT_BGRA8888, 0, fw, 7, out.data());
-    kit::crop_for_image(&s, d, 0, -3, 3, 3, 4, 7);
-    for (int r = 0; r < 3; ++r) EXPECT_EQ(std::memcmp(&out[r * 16], &frame[0], 16), 0) << "row " << r;
-    EXPECT_EQ(std::memcmp(&out[3 * 16], &frame[0], 64), 0);
 }
 
 TEST(CropForImage, TurnedFrameCropsTheRectifiedBox) {
@@ -418,9 +378,6 @@ TEST(CropResizeInverse, MapsResizedPixelsBackToTheFrame) {
     float m[9];
     kit::cal_crop_resize_inv_param(40, 30, 300, 200, 150, 400, m);
     EXPECT_EQ(std::vector<float>(m, m + 9), (std::vector<float>{2.0f, 0, 40, 0, 0.5f, 30, 0, 0, 1}));
-    // Corner pixels of the resized crop land on the crop's corners.
-    EXPECT_EQ(m[0] * 150 + m[2], 340.0f);
-    EXPECT_EQ(m[4] * 400 + m[5], 230.0f);
     float f[9];
     kit::cal_crop_resize_inv_float_param(40.5f, -3.25f, 300.0f, 200.0f, 150.0f, 400.0f, f);
     EXPECT_EQ(std::vector<float>(f, f + 9), (std::vector<float>{2.0f, 0, 40.5f, 0, 0.5f, -3.25f, 0, 0, 1}));
