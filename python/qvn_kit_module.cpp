@@ -271,6 +271,15 @@ bool IsFourByte(uint32_t fmt) {
 
 constexpr long kMaxSide = 1L << 15;  // keeps every product of two sides in 32 bits
 
+// The kit computes byte counts of whole images in signed 32-bit arithmetic.
+void CheckBytes(long h, long w, long c, const char* name) {
+    if (h * w * c > 0x7fffffffL) {
+        throw py::value_error(std::string(name) + " of " + std::to_string(h) + " x " +
+                              std::to_string(w) + " x " + std::to_string(c) +
+                              " bytes is larger than 2**31 - 1 bytes");
+    }
+}
+
 // A camera frame array as the kit's record. Two-plane frames are 2-D,
 // (H * 3 / 2, W): the luma rows, then the interleaved chroma rows, as the
 // kit lays them out; four-byte frames are (H, W, 4).
@@ -310,6 +319,7 @@ FrameArg ParseFrame(py::handle obj, uint32_t fmt, uint32_t orient) {
         throw py::value_error("frame of shape " + ShapeText(a) + " is larger than " +
                               std::to_string(kMaxSide) + " pixels on a side");
     }
+    CheckBytes(h, w, channels == 4 ? 4 : 2, "frame");
     f.image.ori_fmt = orient;
     f.image.pix_fmt = fmt;
     f.image.width = w;
@@ -348,6 +358,7 @@ ImageArg ParseImage(py::handle obj, const char* name, int max_channels) {
     img.h = static_cast<int>(a.shape(0));
     img.w = static_cast<int>(a.shape(1));
     img.c = static_cast<int>(c);
+    CheckBytes(img.h, img.w, img.c, name);
     return img;
 }
 
@@ -490,6 +501,7 @@ py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py:
         throw py::value_error("size (" + std::to_string(th) + ", " + std::to_string(tw) +
                               ") is too small: a two-plane frame needs at least (2, 2)");
     }
+    CheckBytes(th, tw, gray ? 1 : 4, "size");  // four-byte frames resize in 4 channels
     std::vector<py::ssize_t> shape =
         gray ? std::vector<py::ssize_t>{th, tw} : std::vector<py::ssize_t>{3, th, tw};
     py::array_t<uint8_t, py::array::c_style> result =
@@ -573,6 +585,7 @@ py::array Warp(py::handle image, py::handle matrix, py::handle size, int border,
     const int oh = CheckedInt(s[0], "size height", 1, kMaxSide);
     const int ow = CheckedInt(s[1], "size width", 1, kMaxSide);
     CheckedInt(border, "border", 0, 255);
+    CheckBytes(oh, ow, img.c, "size");
     // Zeroed: the one-channel vector kernel leaves outside pixels as they
     // were when the border is 0.
     py::array_t<uint8_t> out = py::array_t<uint8_t>(ImageShape(oh, ow, img.c, img.array.ndim() == 2));
