@@ -390,20 +390,25 @@ py::array MakeFrame(py::handle picture, py::handle format, bool bgr) {
                               std::to_string(kMaxSide) + " pixels on a side");
     }
     const int h = static_cast<int>(a.shape(0)), w = static_cast<int>(a.shape(1));
-    if (!IsFourByte(fmt) && (w % 2 != 0 || h % 2 != 0)) {
-        throw py::value_error("picture of shape " + ShapeText(a) +
-                              " must have an even height and width for a two-plane frame");
-    }
     if (bgr && c == 1) throw py::value_error("bgr=True needs a picture with 3 or 4 channels");
-    std::vector<py::ssize_t> shape =
-        IsFourByte(fmt) ? std::vector<py::ssize_t>{h, w, 4} : std::vector<py::ssize_t>{h / 2 * 3, w};
+    // Two-plane frames need even sides: like the tool, an odd picture gets its
+    // last column and/or row repeated (done here, so that the tool's code,
+    // which would note it on stderr, sees an even picture).
+    const int ew = IsFourByte(fmt) ? w : w + (w & 1), eh = IsFourByte(fmt) ? h : h + (h & 1);
+    std::vector<py::ssize_t> shape = IsFourByte(fmt) ? std::vector<py::ssize_t>{h, w, 4}
+                                                     : std::vector<py::ssize_t>{eh / 2 * 3, ew};
     py::array_t<uint8_t> out = NewArray<uint8_t>(shape);
     uint8_t* dst = out.mutable_data();
     const uint8_t* src = a.data();
     {
         py::gil_scoped_release release;
-        qvntool::Picture pic(w, h, static_cast<int>(c));
-        std::memcpy(pic.pixels.data(), src, pic.pixels.size());
+        qvntool::Picture pic(ew, eh, static_cast<int>(c));
+        const size_t row = static_cast<size_t>(w) * c, erow = static_cast<size_t>(ew) * c;
+        for (int y = 0; y < eh; ++y) {
+            uint8_t* d = pic.pixels.data() + static_cast<size_t>(y) * erow;
+            std::memcpy(d, src + static_cast<size_t>(std::min(y, h - 1)) * row, row);
+            if (ew != w) std::memcpy(d + row, d + row - c, static_cast<size_t>(c));
+        }
         if (bgr) {
             for (size_t i = 0; i < pic.pixels.size(); i += static_cast<size_t>(c)) {
                 std::swap(pic.pixels[i], pic.pixels[i + 2]);
@@ -466,9 +471,6 @@ bool ValidateFrame(py::handle frame, py::handle format, py::handle orient, bool 
 py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py::handle crop,
                      py::handle size, bool bgr, bool gray, int pad, bool fast, py::handle out) {
     LogFlush flush;
-    if (fast) {
-        throw py::value_error("fast=True: the one-pass converter is not part of this build");
-    }
     const uint32_t fmt = ParseFormat(format, "format");
     const uint32_t ori = ParseOrient(orient, "orient");
     if (gray && bgr) throw py::value_error("bgr and gray exclude each other");
@@ -517,11 +519,14 @@ py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py:
                                             quvas::runtime::layout::kCHW);
         TensorPtr tensor = device.CreateTensorExternal(ts, dst);
         const unsigned char padv = static_cast<unsigned char>(pad);
+        namespace kit = quvas::kit;
         if (gray) {
-            quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+            (fast ? kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU
+                  : kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU)(
                 &f.image, tensor, cx, cy, cw, ch, padv);
         } else {
-            quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+            (fast ? kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU
+                  : kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU)(
                 &f.image, tensor, bgr, cx, cy, cw, ch, padv);
         }
     }
@@ -965,7 +970,8 @@ PYBIND11_MODULE(qvn_kit, m) {
           "A camera frame made from a uint8 picture exactly as `qvn-kit preprocess` makes it.\n\n"
           "picture: (H, W) gray, (H, W, 3) R,G,B or (H, W, 4) R,G,B,A; bgr=True reads the\n"
           "colour channels as B,G,R. format: 'nv12' or 'nv21' give (H * 3 / 2, W) (luma rows,\n"
-          "then interleaved chroma rows; H and W even), 'bgra' or 'rgba' give (H, W, 4).");
+          "then interleaved chroma rows; an odd picture gets its last column or row repeated,\n"
+          "as the tool does), 'bgra' or 'rgba' give (H, W, 4).");
     m.def("validate_frame", &ValidateFrame, py::arg("frame"), py::arg("format"),
           py::arg("orient") = 0, py::arg("for_input") = true,
           "The kit's check of a frame record (Is_Valid_QVN_Image_For_CPU). A rejection\n"
@@ -982,7 +988,7 @@ PYBIND11_MODULE(qvn_kit, m) {
           "size: (H, W) of the result, (256, 256) unless `out` gives it. Returns uint8\n"
           "(3, H, W) planes R,G,B (B,G,R with bgr=True), or (H, W) with gray=True. out: a\n"
           "C-contiguous uint8 array of that shape to write into (e.g. one row of a batch).\n"
-          "fast=True asks for the one-pass converter, which this build does not have.");
+          "fast=True runs the one-pass converter: the same bytes, without intermediate tensors.");
     m.def("rotate", &RotateImage, py::arg("image"), py::arg("angle"),
           "Turn a packed uint8 image (H, W) or (H, W, C) clockwise by 0, 90, 180 or 270 degrees.");
     m.def("mirror", &FlipImage<QVN_Mirror_Image_CPU>, py::arg("image"),

@@ -113,15 +113,13 @@ def convert_frame(qvn_kit, frame, options, out=None):
         out = out[0]
     return qvn_kit.preprocess(frame, options["format"], options["orient"],
                               crop=options["crop"], size=(h, w), bgr=options["bgr"],
-                              gray=options["gray"], pad=options["pad"], out=out)
+                              gray=options["gray"], pad=options["pad"], fast=True, out=out)
 
 
 def picture_to_frame(qvn_kit, pic, fmt):
     """The tool's frame of a picture. 4:2:0 frames need an even size: a
-    picture with an odd width or height loses its last column or row."""
-    if fmt in ("nv12", "nv21"):
-        h, w = pic.shape[:2]
-        pic = pic[: h - h % 2, : w - w % 2]
+    picture with an odd width or height gets its last column or row
+    repeated, as the tool does."""
     return qvn_kit.make_frame(pic, fmt)
 
 
