@@ -302,24 +302,25 @@ TEST(FixedWarpCases, IdentityCopiesAllButLastRowAndColumn) {
     }
 }
 
-TEST(FixedWarpCases, HalfPixelShiftLeftExtrapolates) {
-    // Column 0 maps to x = -0.5: truncation gives 0 and fx = -0.5, so the
-    // weights are 1.5 and -0.5 of 65536 and the sample is taken as inside.
+TEST(FixedWarpCases, HalfPixelShiftRoundsHalvesUpAndExtrapolatesAtColumnZero) {
+    // Column j maps to x = j - 0.5. From column 1 on, fx = 0.5: the mean of
+    // two neighbours, an exact half rounded up. Column 0 maps to -0.5:
+    // truncation gives 0 and fx = -0.5, so the weights are 1.5 and -0.5 of
+    // 65536 and the sample is taken as inside.
     const float M[6] = {1, 0, -0.5f, 0, 1, 0};
     // (10*98304 - 50*32768 + 32768) >> 16 = -10: low byte 246, saturated 0.
     // (200*98304 - 10*32768 + 32768) >> 16 = 295: low byte 39, saturated 255.
     const uint8_t a[2] = {10, 200}, b[2] = {50, 10}, low[2] = {246, 39}, sat[2] = {0, 255};
+    const int sw = 24, dw = 20;
+    std::mt19937 rng(6);
     for (int k = 0; k < 2; ++k) {
         for (int N = 1; N <= 4; ++N) {
-            Bytes src(static_cast<size_t>(4) * 2 * N, 0);
-            for (int row = 0; row < 2; ++row)
-                for (int c = 0; c < N; ++c) {
-                    src[(row * 4 + 0) * N + c] = a[k];
-                    src[(row * 4 + 1) * N + c] = b[k];
-                }
-            Bytes dst(static_cast<size_t>(4) * N, 1);
-            kFixedWarp[N](2, 4, 4 * N, N, 1, 4, 4 * N, dst.data(), src.data(), M, 0);
+            Bytes src = RandomBytes(rng, static_cast<size_t>(sw) * 2 * N);
+            for (int c = 0; c < N; ++c) src[c] = a[k], src[N + c] = b[k];
+            Bytes dst(static_cast<size_t>(dw) * N, 1);
+            kFixedWarp[N](2, sw, sw * N, N, 1, dw, dw * N, dst.data(), src.data(), M, 0);
             for (int c = 0; c < N; ++c) EXPECT_EQ(dst[c], N == 4 ? sat[k] : low[k]) << "C" << N;
+            for (int i = N; i < dw * N; ++i) ASSERT_EQ(dst[i], (src[i - N] + src[i] + 1) / 2) << "C" << N << " " << i;
         }
     }
 }
