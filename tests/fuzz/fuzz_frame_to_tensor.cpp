@@ -8,6 +8,7 @@
 #include <qvn_kit/qvn_kit.hpp>
 #include <quvas/runtime/tensor.h>
 
+#include <cstring>
 #include <exception>
 
 using namespace quvas::runtime;
@@ -55,8 +56,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     DeviceCPU device;
-    TensorPtr t = gray ? device.CreateTensor(TensorShape({th, tw, 1}, data_type::kUInt8, layout::kHWC), nullptr)
-                       : device.CreateTensor(TensorShape({3, th, tw}, data_type::kUInt8, layout::kCHW), nullptr);
+    const TensorShape shape = gray ? TensorShape({th, tw, 1}, data_type::kUInt8, layout::kHWC)
+                                   : TensorShape({3, th, tw}, data_type::kUInt8, layout::kCHW);
+    TensorPtr t = device.CreateTensor(shape, nullptr);
+    TensorPtr one = device.CreateTensor(shape, nullptr);
+    std::memset(t->data(), 0xA5, t->byte_size());
+    std::memset(one->data(), 0xA5, one->byte_size());
+    // The one-pass twins of the crop converters must give the same bytes, and
+    // throw where the step-by-step ones throw.
+    bool one_threw = false;
+    if (mode != 0) {
+        try {
+            if (gray) {
+                quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
+                    &img, one, cx, cy, cw, ch, pad);
+            } else {
+                quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
+                    &img, one, to_bgr, cx, cy, cw, ch, pad);
+            }
+        } catch (const std::exception&) {
+            one_threw = true;
+        }
+    }
     try {
         if (mode == 0) {
             quvas::kit::QV_BinlinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
@@ -73,7 +94,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             std::fprintf(stderr, "exception on an input believed valid: %s\n", e.what());
             std::abort();
         }
+        if (mode != 0 && !one_threw) qvnfuzz::Fail("the one-pass converter did not throw");
         return 0;
+    }
+    if (mode != 0) {
+        if (one_threw) qvnfuzz::Fail("the one-pass converter threw where the steps did not");
+        if (std::memcmp(t->data(), one->data(), t->byte_size()) != 0) {
+            qvnfuzz::Fail("the one-pass converter wrote other bytes than the steps");
+        }
     }
     if (valid) qvnfuzz::ExpectQuiet("frame to tensor");
     if (!valid && !two_plane && !four_byte && qvnfuzz::Logged().empty()) {
