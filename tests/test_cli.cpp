@@ -772,6 +772,32 @@ std::string PngDeclaring(uint32_t w, uint32_t h) {
            chunk("IDAT", std::string(reinterpret_cast<char*>(z), zn)) + chunk("IEND", "");
 }
 
+// Text chunks never change a pixel: the reader leaves them out, and the
+// picture decodes as it does without them.
+TEST_F(Cli, TextChunksLeaveThePictureAlone) {
+    WritePngFile(P("plain.png"), RandomImg(20, 14, 3, 5));
+    const std::string png = Slurp(P("plain.png"));
+    auto chunk = [](const std::string& type, const std::string& data) {
+        const std::string body = type + data;
+        const uint32_t n = static_cast<uint32_t>(data.size());
+        const uint32_t crc = static_cast<uint32_t>(
+            crc32(0L, reinterpret_cast<const Bytef*>(body.data()), static_cast<uInt>(body.size())));
+        auto be32 = [](uint32_t v) {
+            return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                               static_cast<char>(v >> 8), static_cast<char>(v)};
+        };
+        return be32(n) + body + be32(crc);
+    };
+    // After the signature and IHDR (8 + 25 bytes), and again before IEND.
+    const std::string text = chunk("tEXt", std::string("Comment\0made by a camera", 24));
+    std::string with = png.substr(0, 33) + text + png.substr(33);
+    with.insert(with.size() - 12, chunk("iTXt", std::string("Title\0\0\0\0\0x", 11)));
+    WriteText(P("text.png"), with);
+    ASSERT_EQ(Run("orient " + P("plain.png") + " " + P("a.png") + " --mirror").code, 0);
+    ASSERT_EQ(Run("orient " + P("text.png") + " " + P("b.png") + " --mirror").code, 0);
+    EXPECT_EQ(ReadPngFile(P("a.png")).px, ReadPngFile(P("b.png")).px);
+}
+
 // Every reproducer of a crash, a bomb, a silent wrong answer or undefined
 // behaviour ends with its exit code, one line naming the problem, and no
 // file left behind.
@@ -780,6 +806,9 @@ TEST_F(Cli, HostileInputFailsCleanly) {
     WriteText(P("f"), std::string(262144, '\0'));
     WriteText(P("f2"), std::string(196608, '\0'));
     WriteText(P("bomb.png"), PngDeclaring(32768, 32768));
+    // Found by the picture fuzzer: 92 bytes whose text chunk declares 1.2 GB.
+    WriteText(P("chunk.png"), std::string(
+        "\x89\x50\x4e\x47\x0d\x0a\x1a\x0a\x00\x00\x00\x0d\x49\x48\x44\x52\x00\x00\x00\x05\x00\x00\x00\x03\x08\x04\x00\x00\x00\xf1\x3f\x0d\x73\x49\x50\x4e\x47\x7a\x54\x58\x74\x0d\x0a\x1a\x0a\x00\x00\x00\x0d\x49\x48\x44\x52\x00\x00\x00\x05\x00\x00\x00\x03\x08\x04\x00\x00\x00\xf1\x3f\x0d\x73\x49\x45\x4e\x44\x00\x2c\x00\x00\x2a\x49\x44\x45\x4e\x44\x00\x00\x00\x2a\x49\x44\x41\x54", 92));
     WriteJpegFile(P("small.jpg"), RandomImg(8, 8, 3, 3));
     std::string jpg = Slurp(P("small.jpg"));
     size_t sof = jpg.find("\xFF\xC0");
@@ -817,6 +846,7 @@ TEST_F(Cli, HostileInputFailsCleanly) {
         // Bombs: declared sizes, crops, tensors, warps.
         {"orient " + P("bomb.png") + " " + P("o.png") + " --mirror", 3, "above the limit"},
         {"orient " + P("bomb.jpg") + " " + P("o.png") + " --mirror", 3, "above the limit"},
+        {"orient " + P("chunk.png") + " " + P("o.png") + " --mirror", 3, "runs past the end"},
         {pre + " --crop 0,0,30000,30000", 2, "crop of 30000x30000 pixels is above the limit"},
         {pre + " --tensor 3x20000x20000", 2, "tensor of 20000x20000"},
         {"warp " + P("in.png") + " " + P("o.png") + " --matrix 1,0,0,0,1,0 --size 30000x30000",

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace qvntool {
 namespace {
@@ -34,7 +36,41 @@ void PngError(png_structp png, png_const_charp msg) {
 
 void PngWarning(png_structp, png_const_charp) {}
 
-Picture ReadPng(const std::string& path, const std::vector<uint8_t>& bytes) {
+// libpng allocates a chunk's declared length before reading it, and inflates
+// compressed text without a bound: a few dozen bytes could ask for gigabytes.
+// So the chunk list is walked first: a chunk that runs past the end of the
+// file is damage, and the text chunks (which never change a pixel) are left
+// out of what libpng sees.
+std::vector<uint8_t> CheckedPngChunks(const std::string& path, const std::vector<uint8_t>& bytes) {
+    constexpr size_t kSignature = 8, kFrame = 12;  // length, type, CRC
+    std::vector<uint8_t> kept;
+    size_t at = kSignature, copied = 0;
+    while (bytes.size() >= kSignature && bytes.size() - at >= kFrame) {
+        const uint8_t* c = bytes.data() + at;
+        const size_t length = static_cast<size_t>(c[0]) << 24 | static_cast<size_t>(c[1]) << 16 |
+                              static_cast<size_t>(c[2]) << 8 | c[3];
+        const std::string type(reinterpret_cast<const char*>(c + 4), 4);
+        if (length > bytes.size() - at - kFrame) {
+            throw ToolError("cannot decode PNG '" + path + "': a chunk runs past the end of the file",
+                            kExitInput);
+        }
+        const size_t next = at + kFrame + length;
+        if (type == "tEXt" || type == "zTXt" || type == "iTXt") {
+            kept.insert(kept.end(), bytes.begin() + static_cast<long>(copied),
+                        bytes.begin() + static_cast<long>(at));
+            copied = next;
+        }
+        at = next;
+        if (type == "IEND") break;
+    }
+    if (copied == 0) return {};
+    kept.insert(kept.end(), bytes.begin() + static_cast<long>(copied), bytes.end());
+    return kept;
+}
+
+Picture ReadPng(const std::string& path, const std::vector<uint8_t>& all_bytes) {
+    const std::vector<uint8_t> without_text = CheckedPngChunks(path, all_bytes);
+    const std::vector<uint8_t>& bytes = without_text.empty() ? all_bytes : without_text;
     png_image image;
     std::memset(&image, 0, sizeof image);
     image.version = PNG_IMAGE_VERSION;
