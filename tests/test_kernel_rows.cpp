@@ -222,6 +222,52 @@ TEST(KernelRows, BilinearColumnRowsMatchTheirTwins) {
     }
 }
 
+// The windowed column pass takes the planned leading columns; it must give
+// the twin's sums there, never touch a byte past the row (the source ends at
+// a guard page), and the plan must cover the scales it exists for.
+TEST(KernelRows, WindowedColumnRowsMatchTheTwins) {
+    std::vector<int32_t> index, pair;
+    for (int c : {1, 2}) {
+        const ColsFn twin = c == 1 ? k::ScaleColsBilinear1_C : k::ScaleColsBilinear2_C;
+        for (int width = 1; width <= kMaxWidth; ++width) {
+            // Down by up to 4x, up, and random close picks.
+            for (int sw : {width + 1, width * 2, width * 4, width / 2 + 2, -1}) {
+                if (sw < 0) {
+                    RandomTable(width + 3, width, &index, &pair);
+                    sw = width + 3;
+                } else {
+                    const k::BilinearAxis axis = k::HalfPixelAxis(sw, width);
+                    index = axis.index;
+                    pair.resize(width);
+                    for (int d = 0; d < width; ++d) {
+                        pair[d] = static_cast<int32_t>((2048 - axis.weight[d]) | (axis.weight[d] << 16));
+                    }
+                }
+                k::ColsWindow plan;
+                k::PlanColsWindow(index.data(), pair.data(), width, sw, c, &plan);
+                if (sw >= 16 && sw <= (c == 1 ? 3 : 1) * width) {
+                    EXPECT_GT(plan.columns, width - 8 / c) << "c " << c << " width " << width << " sw " << sw;
+                }
+                const size_t src_bytes = static_cast<size_t>(sw) * c;
+                Guarded s0(src_bytes, true), s1(src_bytes, true);
+                FillRandom(s0.data(), src_bytes);
+                FillRandom(s1.data(), src_bytes);
+                const size_t n = static_cast<size_t>(plan.columns) * c;
+                std::vector<int32_t> a(n), b0(static_cast<size_t>(width) * c), b1(b0.size()), x0(n), x1(n);
+                k::ScaleColsWindow_AVX2(s0.data(), plan, a.data());
+                k::ScaleColsWindowx2_AVX2(s0.data(), s1.data(), plan, x0.data(), x1.data());
+                twin(s0.data(), sw, index.data(), pair.data(), width, b0.data());
+                twin(s1.data(), sw, index.data(), pair.data(), width, b1.data());
+                for (size_t i = 0; i < n; ++i) {
+                    ASSERT_EQ(a[i], b0[i]) << "c " << c << " width " << width << " sw " << sw << " at " << i;
+                    ASSERT_EQ(x0[i], b0[i]) << "c " << c << " width " << width << " sw " << sw << " at " << i;
+                    ASSERT_EQ(x1[i], b1[i]) << "c " << c << " width " << width << " sw " << sw << " at " << i;
+                }
+            }
+        }
+    }
+}
+
 TEST(KernelRows, BilinearBlendRowsMatchTheirTwin) {
     for (bool at_end : kPlacements) {
         for (int n = 1; n <= kMaxWidth; ++n) {

@@ -231,6 +231,13 @@ void ResizeBilinearRows(RowFetch fetch, void* ctx, int sw, int sh, uint8_t* dst,
     }
     const int32_t* index = xs.index.data();
     const int n = dw * c;  // values per destination row
+    ColsWindow window;
+    PlanColsWindow(index, pair.data(), dw, sw, c, &window);
+    const int wc = window.columns;
+    const auto scale = [&](const uint8_t* row, int32_t* out) {
+        if (wc > 0) ScaleColsWindow_AVX2(row, window, out);
+        if (wc < dw) cols(row, sw, index + wc, pair.data() + wc, dw - wc, out + wc * c);
+    };
     // Two filtered rows and the source rows they hold, reused while the
     // destination rows keep sampling them (upscaling filters each source row
     // once).
@@ -240,11 +247,22 @@ void ResizeBilinearRows(RowFetch fetch, void* ctx, int sw, int sh, uint8_t* dst,
     for (int dy = 0; dy < dh; ++dy) {
         const int r0 = ys.index[dy];
         const int r1 = sh >= 2 ? r0 + 1 : r0;
-        if ((c == 1 || c == 4) && r0 != r1 && have[0] != r0 && have[1] != r0 && have[1] != r1) {
+        if ((c == 1 || c == 2 || c == 4) && r0 != r1 && have[0] != r0 && have[1] != r0 &&
+            have[1] != r1) {
             // Neither row is held, as when downsizing: both in one pass.
-            (c == 1 ? ScaleColsBilinear1x2_AVX2 : ScaleColsBilinear4x2_AVX2)(
-                fetch(ctx, r0, 0), fetch(ctx, r1, 1), sw, index, pair.data(), dw, rows[0],
-                rows[1]);
+            const uint8_t* s0 = fetch(ctx, r0, 0);
+            const uint8_t* s1 = fetch(ctx, r1, 1);
+            if (wc > 0) ScaleColsWindowx2_AVX2(s0, s1, window, rows[0], rows[1]);
+            if (wc < dw) {
+                const int32_t* pi = pair.data() + wc;
+                if (c == 2) {
+                    cols(s0, sw, index + wc, pi, dw - wc, rows[0] + wc * c);
+                    cols(s1, sw, index + wc, pi, dw - wc, rows[1] + wc * c);
+                } else {
+                    (c == 1 ? ScaleColsBilinear1x2_AVX2 : ScaleColsBilinear4x2_AVX2)(
+                        s0, s1, sw, index + wc, pi, dw - wc, rows[0] + wc * c, rows[1] + wc * c);
+                }
+            }
             have[0] = r0;
             have[1] = r1;
         }
@@ -253,12 +271,12 @@ void ResizeBilinearRows(RowFetch fetch, void* ctx, int sw, int sh, uint8_t* dst,
                 std::swap(rows[0], rows[1]);
                 std::swap(have[0], have[1]);
             } else {
-                cols(fetch(ctx, r0, 0), sw, index, pair.data(), dw, rows[0]);
+                scale(fetch(ctx, r0, 0), rows[0]);
                 have[0] = r0;
             }
         }
         if (have[1] != r1) {
-            cols(fetch(ctx, r1, 1), sw, index, pair.data(), dw, rows[1]);
+            scale(fetch(ctx, r1, 1), rows[1]);
             have[1] = r1;
         }
         BlendRowsBilinear_AVX2(rows[0], rows[1], ys.weight[dy], n, dst + static_cast<ptrdiff_t>(dy) * ds);

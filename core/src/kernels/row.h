@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace quvas {
 namespace kernels {
@@ -98,6 +99,31 @@ void ScaleColsBilinear1x2_AVX2(const uint8_t* src0, const uint8_t* src1, int src
 void ScaleColsBilinear4x2_AVX2(const uint8_t* src0, const uint8_t* src1, int src_width,
                                const int32_t* index, const int32_t* pair, int width,
                                int32_t* out0, int32_t* out1);
+
+// Windowed column pass for one and two channels, when the taps lie close
+// together (upscaling, and downscaling by up to about 3.5x for one channel
+// or 1.7x for two). A block of 8 output values is two 16-byte windows of the
+// source row, one per 128-bit half; a precomputed byte shuffle picks each
+// value's tap pair out of its window as two 16-bit numbers and one
+// multiply-add applies the pair's weights. That replaces a load per tap
+// pair with two loads per 8 values, and gives the same sums as
+// ScaleColsBilinear1/2 since only where the taps are read from changes.
+struct ColsWindow {
+    int columns = 0;             // leading destination columns covered
+    std::vector<int32_t> at;     // per block: byte offsets of its two windows
+    std::vector<uint8_t> mask;   // per block: 32 shuffle bytes
+    std::vector<int32_t> weight; // per block: the 8 values' weight pairs
+};
+// Plans the leading columns of an index table (as ScaleColsBilinear takes:
+// index[d] <= sw - 2, weight pairs in `pair`) for c = 1 or 2 bytes a pixel
+// whose windows fit and stay inside the sw * c bytes of a row. columns is 0
+// when none do, or sw < 2.
+void PlanColsWindow(const int32_t* index, const int32_t* pair, int width, int sw, int c,
+                    ColsWindow* plan);
+// Writes plan.columns * c sums to out, reading only inside src's row.
+void ScaleColsWindow_AVX2(const uint8_t* src, const ColsWindow& plan, int32_t* out);
+void ScaleColsWindowx2_AVX2(const uint8_t* src0, const uint8_t* src1, const ColsWindow& plan,
+                            int32_t* out0, int32_t* out1);
 
 // Vertical pass: out[i] = (r0[i] * (2048 - a) + r1[i] * a + 2^21) >> 22 for
 // horizontal results r0, r1 of the pass above and 0 <= a <= 2048.

@@ -407,6 +407,35 @@ void ScaleColsBilinear4x2_AVX2(const uint8_t* s0, const uint8_t* s1, int sw, con
     }
 }
 
+void ScaleColsWindow_AVX2(const uint8_t* src, const ColsWindow& plan, int32_t* out) {
+    const int blocks = static_cast<int>(plan.at.size() / 2);
+    const int32_t* at = plan.at.data();
+    const uint8_t* mask = plan.mask.data();
+    const int32_t* weight = plan.weight.data();
+    for (int b = 0; b < blocks; ++b) {
+        const __m256i px = _mm256_shuffle_epi8(Join(Load128(src + at[2 * b]), Load128(src + at[2 * b + 1])),
+                                               Load256(mask + 32 * b));
+        Store256(out + 8 * b, _mm256_madd_epi16(px, Load256(weight + 8 * b)));
+    }
+}
+
+void ScaleColsWindowx2_AVX2(const uint8_t* s0, const uint8_t* s1, const ColsWindow& plan,
+                            int32_t* out0, int32_t* out1) {
+    const int blocks = static_cast<int>(plan.at.size() / 2);
+    const int32_t* at = plan.at.data();
+    const uint8_t* mask = plan.mask.data();
+    const int32_t* weight = plan.weight.data();
+    for (int b = 0; b < blocks; ++b) {
+        const __m256i m = Load256(mask + 32 * b);
+        const __m256i w = Load256(weight + 8 * b);
+        const int32_t lo = at[2 * b], hi = at[2 * b + 1];
+        const __m256i p0 = _mm256_shuffle_epi8(Join(Load128(s0 + lo), Load128(s0 + hi)), m);
+        const __m256i p1 = _mm256_shuffle_epi8(Join(Load128(s1 + lo), Load128(s1 + hi)), m);
+        Store256(out0 + 8 * b, _mm256_madd_epi16(p0, w));
+        Store256(out1 + 8 * b, _mm256_madd_epi16(p1, w));
+    }
+}
+
 // 32 values a step: two 32-bit products, rounding and shift, then packs with
 // saturation (values never exceed 255) and one lane fix-up.
 void BlendRowsBilinear_AVX2(const int32_t* r0, const int32_t* r1, int a, int n, uint8_t* out) {

@@ -1,6 +1,7 @@
 // row_common.cpp - the plain C twins of the row kernels: the reference
 // definitions the AVX2 rows are held to, and the tails and odd pixel sizes
 // the drivers hand to them.
+#include <algorithm>
 #include <cstring>
 
 #include "row.h"
@@ -124,6 +125,48 @@ void ScaleColsBilinear3_C(const uint8_t* src, int sw, const int32_t* index, cons
 void ScaleColsBilinear4_C(const uint8_t* src, int sw, const int32_t* index, const int32_t* pair,
                           int width, int32_t* out) {
     ScaleCols_C<4>(src, sw, index, pair, width, out);
+}
+
+void PlanColsWindow(const int32_t* index, const int32_t* pair, int width, int sw, int c,
+                    ColsWindow* plan) {
+    plan->columns = 0;
+    plan->at.clear();
+    plan->mask.clear();
+    plan->weight.clear();
+    if (sw < 2 || (c != 1 && c != 2)) return;
+    const int per_half = 4 / c;  // columns in one 16-byte window
+    const int64_t row_bytes = static_cast<int64_t>(sw) * c;
+    int d = 0;
+    for (; d + 2 * per_half <= width; d += 2 * per_half) {
+        int32_t at[2];
+        uint8_t mask[32];
+        bool fits = true;
+        for (int half = 0; half < 2 && fits; ++half) {
+            const int first = d + half * per_half;
+            // A window near the row's end starts 16 bytes before it.
+            const int64_t base = std::min<int64_t>(static_cast<int64_t>(index[first]) * c, row_bytes - 16);
+            fits = base >= 0;
+            for (int j = 0; j < per_half && fits; ++j) {
+                const int64_t off = static_cast<int64_t>(index[first + j]) * c - base;
+                fits = off >= 0 && off + 2 * c - 1 < 16;
+                for (int k = 0; k < c && fits; ++k) {
+                    // Value j * c + k: bytes (tap, 0, next tap, 0) as two
+                    // little-endian 16-bit numbers.
+                    uint8_t* m = mask + 16 * half + 4 * (j * c + k);
+                    m[0] = static_cast<uint8_t>(off + k);
+                    m[1] = 0x80;
+                    m[2] = static_cast<uint8_t>(off + k + c);
+                    m[3] = 0x80;
+                }
+            }
+            at[half] = static_cast<int32_t>(base);
+        }
+        if (!fits) break;
+        plan->at.insert(plan->at.end(), at, at + 2);
+        plan->mask.insert(plan->mask.end(), mask, mask + 32);
+        for (int v = 0; v < 8; ++v) plan->weight.push_back(pair[d + v / c]);
+    }
+    plan->columns = d;
 }
 
 void BlendRowsBilinear_C(const int32_t* r0, const int32_t* r1, int a, int n, uint8_t* out) {
