@@ -362,13 +362,38 @@ const uint8_t* FetchRegionRow(void* ctx, int sy, int slot) {
 // Resizes a region into the dw x dh image at dst (rows packed). Padded rows
 // are built in `slots` (2 * region width * c bytes) when the region reaches
 // outside the plane.
+//
+// A destination row whose two source rows both lie above or below the plane
+// is `pad` in every byte: both taps of every column are pad, and since the
+// weights of each axis sum to 2048, (pad * 2048 * 2048 + 2^21) >> 22 = pad.
+// Those rows are filled directly; only the rows between are resized (a crop
+// reaching past the frame's edge is common: a face near the border).
 void ResizeRegion(Region& region, uint8_t* slots, uint8_t* dst, int dw, int dh) {
     region.slot[0] = slots;
     region.slot[1] = slots + static_cast<size_t>(region.w) * region.c;
-    kernels::ResizeBilinearRows(&FetchRegionRow, &region, region.w, region.h, dst,
-                                static_cast<ptrdiff_t>(dw) * region.c, dw, dh, region.c,
-                                kernels::HalfPixelAxis(region.w, dw),
-                                kernels::HalfPixelAxis(region.h, dh));
+    const ptrdiff_t row = static_cast<ptrdiff_t>(dw) * region.c;
+    kernels::BilinearAxis ys = kernels::HalfPixelAxis(region.h, dh);
+    const auto outside = [&](int sy) {
+        const int64_t py = static_cast<int64_t>(region.y) + sy;
+        return py < 0 || py >= region.ph;
+    };
+    const auto all_pad = [&](int dy) {
+        const int r0 = ys.index[dy];
+        return outside(r0) && outside(region.h >= 2 ? r0 + 1 : r0);
+    };
+    int top = 0, bottom = dh;
+    while (top < dh && all_pad(top)) ++top;
+    while (bottom > top && all_pad(bottom - 1)) --bottom;
+    std::memset(dst, region.pad, static_cast<size_t>(top) * row);
+    std::memset(dst + bottom * row, region.pad, static_cast<size_t>(dh - bottom) * row);
+    if (top == bottom) return;
+    ys.index.erase(ys.index.begin() + bottom, ys.index.end());
+    ys.weight.erase(ys.weight.begin() + bottom, ys.weight.end());
+    ys.index.erase(ys.index.begin(), ys.index.begin() + top);
+    ys.weight.erase(ys.weight.begin(), ys.weight.begin() + top);
+    kernels::ResizeBilinearRows(&FetchRegionRow, &region, region.w, region.h, dst + top * row, row,
+                                dw, bottom - top, region.c, kernels::HalfPixelAxis(region.w, dw),
+                                ys);
 }
 
 size_t SlotBytes(const Region& r) {
@@ -410,6 +435,20 @@ const uint8_t* Orient(uint32_t ori, const uint8_t* src, int w, int h, int n, uin
         cur = next;
     }
     return cur;
+}
+
+constexpr uint32_t kOrientBits = QVN_ORIENT_FMT_ROTATE_90L | QVN_ORIENT_FMT_ROTATE_90R |
+                                 QVN_ORIENT_FMT_ROTATE_180 | QVN_ORIENT_FMT_MIRROR |
+                                 QVN_ORIENT_FMT_FLIPV;
+
+// The same steps ending in `dst` (w x h turned bytes), with `tmp` as room
+// for the turned image when a mirror follows.
+void OrientInto(uint32_t ori, const uint8_t* src, int w, int h, int n, uint8_t* dst, uint8_t* tmp) {
+    const bool turns = (ori & (QVN_ORIENT_FMT_ROTATE_90L | QVN_ORIENT_FMT_ROTATE_90R |
+                               QVN_ORIENT_FMT_ROTATE_180)) != 0;
+    const bool mirrors = (ori & (QVN_ORIENT_FMT_MIRROR | QVN_ORIENT_FMT_FLIPV)) != 0;
+    const uint8_t* at = Orient(ori, src, w, h, n, turns && mirrors ? tmp : dst, turns && mirrors ? dst : tmp);
+    if (at != dst) std::memcpy(dst, at, static_cast<size_t>(w) * h * n);
 }
 
 // The output the one-pass converter fills: u8 {3, T_h, T_w} CHW, or u8
@@ -501,15 +540,23 @@ void OnePassPlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, const
         in = MakeRegion(img->data, fw, fh, 4, box.x, box.y, box.w, box.h, pad);
     }
     MustBeCreatable(dev, make, r_h, r_w, 4);
-    const size_t bytes = plane * 4;
-    Scratch s({SlotBytes(in), bytes, bytes, bytes});
+    Scratch s({SlotBytes(in), plane * 4, plane * 3, plane});
     ResizeRegion(in, s[0], s[1], r_w, r_h);
-    const uint8_t* px = Orient(img->ori_fmt, s[1], r_w, r_h, 4, s[2], s[3]);
     // Plane p takes byte pick[p]: B,G,R output reads the pixels the other way.
     const bool reads_as_bgra = (img->pix_fmt == QVN_PIX_FMT_BGRA8888) != to_bgr;
     uint8_t* by_byte[3];
     for (int p = 0; p < 3; ++p) by_byte[reads_as_bgra ? 2 - p : p] = out + plane * p;
-    kernels::SplitPlanes(px, 4, plane, by_byte[0], by_byte[1], by_byte[2]);
+    if ((img->ori_fmt & kOrientBits) == 0) {
+        kernels::SplitPlanes(s[1], 4, plane, by_byte[0], by_byte[1], by_byte[2]);
+        return;
+    }
+    // Split first, then turn each byte plane: the same bytes (both only
+    // move them), and a one-byte turn is far cheaper than a four-byte one.
+    uint8_t* split = s[2];
+    kernels::SplitPlanes(s[1], 4, plane, split, split + plane, split + 2 * plane);
+    for (int p = 0; p < 3; ++p) {
+        OrientInto(img->ori_fmt, split + plane * p, r_w, r_h, 1, by_byte[p], s[3]);
+    }
 }
 
 void OnePassGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box, uint8_t pad) {
