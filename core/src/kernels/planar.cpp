@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <numeric>
 #include <utility>
 
 #include "row.h"
@@ -22,11 +23,26 @@ using StripFn = void (*)(const uint8_t*, ptrdiff_t, uint8_t*, ptrdiff_t, int);
 // on 1920 x 1080 frames).
 constexpr int kStripCols = 256;
 
+// A strip writes part of each destination line it touches and the tile's
+// next strips the rest. Where the destination stride is a multiple of a
+// power of two from 128 bytes on, those lines crowd into few sets of a 32 KB
+// 8-way L1 (64 sets of 64-byte lines) and a 256-column strip evicts them
+// before they are complete: 256 x 256 pixels of 4 bytes took 4x the time of
+// 1 byte. Columns a strip, so that its lines fit in half the ways of the
+// sets they map to.
+int StripColumns(ptrdiff_t ds) {
+    const ptrdiff_t stride = ds < 0 ? -ds : ds;
+    if (stride % 64 != 0) return kStripCols;
+    const int sets = 64 / std::gcd(static_cast<int>(stride / 64 % 64), 64);
+    return std::clamp(sets * 8 / 2, 16, kStripCols);
+}
+
 // Quarter turn through transposes of strips of `rows` source rows, `tile`
 // source rows per tile. The last h % rows source rows go through the plain
 // transpose.
 void TurnQuarter(StripFn strip, int rows, int tile, const uint8_t* src, ptrdiff_t ss, uint8_t* dst,
                  ptrdiff_t ds, int w, int h, int n, bool clockwise) {
+    const int strip_cols = StripColumns(ds);
     const int full = h / rows * rows;
     // Source row y lands in destination column h - 1 - y (clockwise) or y;
     // source column x in destination row x (clockwise) or w - 1 - x.
@@ -34,8 +50,8 @@ void TurnQuarter(StripFn strip, int rows, int tile, const uint8_t* src, ptrdiff_
     uint8_t* const dst_row0 = clockwise ? dst : dst + static_cast<ptrdiff_t>(w - 1) * ds;
     for (int ty = 0; ty < full; ty += tile) {
         const int ty_end = std::min(ty + tile, full);
-        for (int tx = 0; tx < w; tx += kStripCols) {
-            const int cols = std::min(kStripCols, w - tx);
+        for (int tx = 0; tx < w; tx += strip_cols) {
+            const int cols = std::min(strip_cols, w - tx);
             for (int y0 = ty; y0 < ty_end; y0 += rows) {
                 const uint8_t* s;
                 ptrdiff_t sstep;
