@@ -247,6 +247,7 @@ void ResizeBilinearRows(RowFetch fetch, void* ctx, int sw, int sh, uint8_t* dst,
     }
     const int32_t* index = xs.index.data();
     const int n = dw * c;  // values per destination row
+    const size_t row_bytes = static_cast<size_t>(sw) * c;
     ColsWindow window;
     PlanColsWindow(index, pair.data(), dw, sw, c, &window);
     const int wc = window.columns;
@@ -268,6 +269,19 @@ void ResizeBilinearRows(RowFetch fetch, void* ctx, int sw, int sh, uint8_t* dst,
             // Neither row is held, as when downsizing: both in one pass.
             const uint8_t* s0 = fetch(ctx, r0, 0);
             const uint8_t* s1 = fetch(ctx, r1, 1);
+            // Two rows of one byte value each, as the padding of a crop that
+            // reaches past the frame: every horizontal sum is that value
+            // times 2048 (the weights of a column sum to 2048), so the whole
+            // destination row is one byte. A row of an image differs within
+            // its first bytes, so the test costs next to nothing there.
+            if (std::memcmp(s0, s0 + 1, row_bytes - 1) == 0 &&
+                std::memcmp(s1, s1 + 1, row_bytes - 1) == 0) {
+                const int a = ys.weight[dy];
+                const int v = (s0[0] * 2048 * (2048 - a) + s1[0] * 2048 * a + (1 << 21)) >> 22;
+                std::memset(dst + static_cast<ptrdiff_t>(dy) * ds, v, static_cast<size_t>(n));
+                have[0] = have[1] = -1;
+                continue;
+            }
             if (wc > 0) ScaleColsWindowx2_AVX2(s0, s1, window, rows[0], rows[1]);
             if (wc < dw) {
                 const int32_t* pi = pair.data() + wc;
