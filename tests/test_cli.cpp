@@ -451,38 +451,37 @@ TEST_F(Cli, TrackOneEuroStartsAtTheMeasurementAndStaysInsideTheInputs) {
     // The One-Euro filter blends each input with its last output (weights in
     // 0..1), so every smoothed corner lies within the inputs seen so far; the
     // first output is the first measurement itself.
-    std::string csv = "frame,x,y,w,h\n";
+    // Corners in pixels, as the tracker works on them.
+    auto corners = [](const float* b) {
+        return std::array<double, 4>{b[0] * 640.0, b[1] * 480.0, (b[0] + b[2]) * 640.0,
+                                     (b[1] + b[3]) * 480.0};
+    };
     std::mt19937 rng(5);
     std::uniform_real_distribution<float> u(0.f, 0.05f);
-    std::vector<std::array<float, 4>> in;
+    std::string csv = "frame,x,y,w,h\n";
+    std::vector<std::array<double, 4>> in;
     for (int f = 0; f < 20; ++f) {
-        std::array<float, 4> b = {0.2f + u(rng), 0.3f + u(rng), 0.2f + u(rng), 0.2f + u(rng)};
-        in.push_back(b);
+        const float b[4] = {0.2f + u(rng), 0.3f + u(rng), 0.2f + u(rng), 0.2f + u(rng)};
         char line[128];
         std::snprintf(line, sizeof line, "%d,%.9g,%.9g,%.9g,%.9g\n", f, b[0], b[1], b[2], b[3]);
         csv += line;
+        in.push_back(corners(b));
     }
     WriteText(P("in.csv"), csv);
     RunResult r = Run("track " + P("in.csv") + " " + P("out.csv") +
                       " --one-euro --min-cutoff 1 --beta 0.5 --frame 640x480");
     ASSERT_EQ(r.code, 0) << r.err;
-    auto rows = CsvCells(Slurp(P("out.csv")));
+    const auto rows = CsvCells(Slurp(P("out.csv")));
     ASSERT_EQ(rows.size(), 21u);
-    // Corners in pixels, as the tracker works on them.
-    auto corners = [](const std::array<float, 4>& b) {
-        return std::array<double, 4>{b[0] * 640.0, b[1] * 480.0, (b[0] + b[2]) * 640.0,
-                                     (b[1] + b[3]) * 480.0};
-    };
-    std::array<double, 4> lo = corners(in[0]), hi = lo;
+    std::array<double, 4> lo = in[0], hi = lo;
     for (size_t f = 0; f < in.size(); ++f) {
-        auto c = corners(in[f]);
-        for (int k = 0; k < 4; ++k) lo[k] = std::min(lo[k], c[k]), hi[k] = std::max(hi[k], c[k]);
-        std::array<float, 4> out;
+        float out[4];
         for (int k = 0; k < 4; ++k) out[k] = std::strtof(rows[f + 1][k + 1].c_str(), nullptr);
-        auto oc = corners(out);
+        const auto oc = corners(out);
         for (int k = 0; k < 4; ++k) {
+            lo[k] = std::min(lo[k], in[f][k]), hi[k] = std::max(hi[k], in[f][k]);
             if (f == 0) {
-                EXPECT_NEAR(oc[k], c[k], 1e-3) << k;
+                EXPECT_NEAR(oc[k], in[0][k], 1e-3) << k;
             }
             EXPECT_GE(oc[k], lo[k] - 1e-3) << f << "," << k;
             EXPECT_LE(oc[k], hi[k] + 1e-3) << f << "," << k;
