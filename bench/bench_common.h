@@ -4,6 +4,7 @@
 #pragma once
 
 #include <qvn_kit/qvn_kit.h>
+#include <quvas/kernel/functional.h>
 #include <quvas/runtime/tensor.h>
 
 #include <opencv2/core.hpp>
@@ -13,12 +14,16 @@
 
 namespace qvn_bench {
 
+namespace rt = quvas::runtime;
+namespace fn = quvas::kernel::functional;
+using rt::TensorPtr;
+
 // Workloads are camera frames of this size.
 constexpr int kW = 1920;
 constexpr int kH = 1080;
 
-inline quvas::runtime::DeviceCPU& Device() {
-    static quvas::runtime::DeviceCPU device;
+inline rt::DeviceCPU& Device() {
+    static rt::DeviceCPU device;
     return device;
 }
 
@@ -30,10 +35,8 @@ inline cv::Mat RandomMat(int h, int w, int c) {
     return m;
 }
 
-inline quvas::runtime::TensorPtr Wrap(cv::Mat& m,
-                                      int32_t layout = quvas::runtime::layout::kHWC) {
-    quvas::runtime::TensorShape shape({m.rows, m.cols, m.channels()},
-                                      quvas::runtime::data_type::kUInt8, layout);
+inline TensorPtr Wrap(cv::Mat& m, int32_t layout = rt::layout::kHWC) {
+    rt::TensorShape shape({m.rows, m.cols, m.channels()}, rt::data_type::kUInt8, layout);
     return Device().CreateTensorExternal(shape, m.data);
 }
 

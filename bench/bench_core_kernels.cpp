@@ -10,7 +10,6 @@
 
 #include <cstring>
 #include <memory>
-#include <random>
 #include <vector>
 
 #include "bench_common.h"
@@ -18,10 +17,6 @@
 namespace {
 
 using namespace qvn_bench;
-
-namespace rt = quvas::runtime;
-namespace fn = quvas::kernel::functional;
-using rt::TensorPtr;
 
 TensorPtr Planes(cv::Mat& m, int h, int w) {  // m holds 3*h*w bytes
     rt::TensorShape shape({3, h, w}, rt::data_type::kUInt8, rt::layout::kCHW);

@@ -22,7 +22,6 @@
 
 #include <cstring>
 #include <memory>
-#include <random>
 #include <vector>
 
 #include "bench_common.h"
@@ -30,10 +29,6 @@
 namespace {
 
 using namespace qvn_bench;
-
-namespace rt = quvas::runtime;
-namespace fn = quvas::kernel::functional;
-using rt::TensorPtr;
 
 constexpr int kOut = 256;
 

@@ -29,7 +29,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -38,10 +37,6 @@
 namespace {
 
 using namespace qvn_bench;
-
-namespace rt = quvas::runtime;
-namespace fn = quvas::kernel::functional;
-using rt::TensorPtr;
 
 double Median(std::vector<double> v) {
     std::sort(v.begin(), v.end());
