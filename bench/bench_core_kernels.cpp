@@ -10,31 +10,13 @@
 
 #include <cstring>
 #include <memory>
-#include <random>
 #include <vector>
+
+#include "bench_common.h"
 
 namespace {
 
-namespace rt = quvas::runtime;
-namespace fn = quvas::kernel::functional;
-using rt::TensorPtr;
-
-rt::DeviceCPU& Device() {
-    static rt::DeviceCPU device;
-    return device;
-}
-
-cv::Mat RandomMat(int h, int w, int c) {
-    cv::Mat m(h, w, CV_8UC(c));
-    std::mt19937 rng(static_cast<unsigned>(h * 131 + w * 7 + c));
-    for (size_t i = 0; i < m.total() * m.elemSize(); ++i) m.data[i] = static_cast<uint8_t>(rng());
-    return m;
-}
-
-TensorPtr Wrap(cv::Mat& m, int32_t layout = rt::layout::kHWC) {
-    rt::TensorShape shape({m.rows, m.cols, m.channels()}, rt::data_type::kUInt8, layout);
-    return Device().CreateTensorExternal(shape, m.data);
-}
+using namespace qvn_bench;
 
 TensorPtr Planes(cv::Mat& m, int h, int w) {  // m holds 3*h*w bytes
     rt::TensorShape shape({3, h, w}, rt::data_type::kUInt8, rt::layout::kCHW);

@@ -22,23 +22,15 @@
 
 #include <cstring>
 #include <memory>
-#include <random>
 #include <vector>
+
+#include "bench_common.h"
 
 namespace {
 
-namespace rt = quvas::runtime;
-namespace fn = quvas::kernel::functional;
-using rt::TensorPtr;
+using namespace qvn_bench;
 
-constexpr int kW = 1920;
-constexpr int kH = 1080;
 constexpr int kOut = 256;
-
-rt::DeviceCPU& Device() {
-    static rt::DeviceCPU device;
-    return device;
-}
 
 struct OneThread {
     OneThread() {
@@ -48,28 +40,6 @@ struct OneThread {
 #endif
     }
 } one_thread;
-
-cv::Mat RandomMat(int h, int w, int c) {
-    cv::Mat m(h, w, CV_8UC(c));
-    std::mt19937 rng(static_cast<unsigned>(h * 131 + w * 7 + c));
-    for (size_t i = 0; i < m.total() * m.elemSize(); ++i) m.data[i] = static_cast<uint8_t>(rng());
-    return m;
-}
-
-TensorPtr Wrap(cv::Mat& m, int32_t layout = rt::layout::kHWC) {
-    rt::TensorShape shape({m.rows, m.cols, m.channels()}, rt::data_type::kUInt8, layout);
-    return Device().CreateTensorExternal(shape, m.data);
-}
-
-QVN_Image Image(cv::Mat& m) {
-    QVN_Image img{};
-    img.width = m.cols;
-    img.height = m.rows;
-    img.channels = static_cast<int32_t>(m.elemSize());
-    img.rect = {0.1f, 0.2f, 0.7f, 0.9f};
-    img.data = m.data;
-    return img;
-}
 
 void Bytes(benchmark::State& state, size_t bytes) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));

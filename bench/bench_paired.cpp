@@ -29,44 +29,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
+#include "bench_common.h"
+
 namespace {
 
-namespace rt = quvas::runtime;
-namespace fn = quvas::kernel::functional;
-using rt::TensorPtr;
-
-constexpr int kW = 1920;
-constexpr int kH = 1080;
-
-rt::DeviceCPU& Device() {
-    static rt::DeviceCPU device;
-    return device;
-}
-
-cv::Mat RandomMat(int h, int w, int c) {
-    cv::Mat m(h, w, CV_8UC(c));
-    std::mt19937 rng(static_cast<unsigned>(h * 131 + w * 7 + c));
-    for (size_t i = 0; i < m.total() * m.elemSize(); ++i) m.data[i] = static_cast<uint8_t>(rng());
-    return m;
-}
-
-TensorPtr Wrap(cv::Mat& m) {
-    rt::TensorShape shape({m.rows, m.cols, m.channels()}, rt::data_type::kUInt8, rt::layout::kHWC);
-    return Device().CreateTensorExternal(shape, m.data);
-}
-
-QVN_Image Image(cv::Mat& m) {
-    QVN_Image img{};
-    img.width = m.cols;
-    img.height = m.rows;
-    img.channels = static_cast<int32_t>(m.elemSize());
-    img.data = m.data;
-    return img;
-}
+using namespace qvn_bench;
 
 double Median(std::vector<double> v) {
     std::sort(v.begin(), v.end());

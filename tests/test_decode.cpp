@@ -316,29 +316,6 @@ TEST(SoftArgMax, ExponentialBitPatternAndNoClamping) {
     EXPECT_TRUE(std::isnan(v.x_out[0]) && std::isnan(v.confidence[0]));
 }
 
-TEST(SoftArgMax, PeakAndFlatPlanesAllVariants) {
-    const int W = 12, H = 8, C = 3;
-    const int peaks[C][2] = {{0, 0}, {11, 7}, {5, 2}};  // (column, row)
-    std::vector<float> d(W * H * C, 0.0f);
-    for (int c = 0; c < C; ++c) d[c * W * H + peaks[c][1] * W + peaks[c][0]] = 40.0f;
-    const std::vector<float> flat(W * H * C, 0.3f);
-    for (Variant v : {kScalar, kNoSqrt, kSseSqrt, kSseNoSqrt}) {
-        SoftArgMax s(W, H, C, 1.0f);
-        Decode(s, v, d.data(), C, H, W);
-        for (int c = 0; c < C; ++c) {
-            EXPECT_FLOAT_EQ(s.x_out[c], Coord(peaks[c][0], W)) << v << " c=" << c;
-            EXPECT_FLOAT_EQ(s.y_out[c], Coord(peaks[c][1], H)) << v << " c=" << c;
-            if (v == kScalar) EXPECT_EQ(s.confidence[c], 1.0f);
-            else EXPECT_LT(s.confidence[c], 1e-6f) << v;
-        }
-        Decode(s, v, flat.data(), C, H, W);
-        for (int c = 0; c < C; ++c) {
-            EXPECT_NEAR(s.x_out[c], 0.0f, 1e-6f) << v;
-            EXPECT_NEAR(s.y_out[c], 0.0f, 1e-6f) << v;
-        }
-    }
-}
-
 TEST(SoftArgMax, CloseToFloat64SoftArgMax) {
     // Smooth Gaussian heatmaps. The approximate exponential's relative error
     // lies in [-3.94%, +1.97%], so the weights are off by a factor within

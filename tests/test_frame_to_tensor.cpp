@@ -567,13 +567,6 @@ TEST_F(FrameToTensor, GrayMatchesReferenceWithoutTurning) {
                 TensorPtr out = Output({th, tw, 1}, 1);
                 quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
                     &f.img, out, crop.x, crop.y, crop.w, crop.h, pad);
-                // Every byte is written: a second tensor with the opposite fill
-                // comes out the same.
-                TensorPtr again = Output({th, tw, 1}, 1);
-                std::memset(again->data(), static_cast<uint8_t>(~kUntouched), again->byte_size());
-                quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
-                    &f.img, again, crop.x, crop.y, crop.w, crop.h, pad);
-                EXPECT_EQ(0, std::memcmp(out->data(), again->data(), out->byte_size()));
                 const Box box = FrameBox(f.img, crop.x, crop.y, crop.w, crop.h);
                 EXPECT_TRUE(Within(ExpectedGray(f, box, pad, th, tw, ResizeCore), out,
                               IsYUV(fmt) ? 0 : 1));
@@ -583,20 +576,6 @@ TEST_F(FrameToTensor, GrayMatchesReferenceWithoutTurning) {
         }
     }
     EXPECT_TRUE(log.Take().empty());
-}
-
-TEST_F(FrameToTensor, GrayIgnoresChroma) {
-    Frame a = MakeFrame(3, 1, kW, kH, 11);
-    Frame b = a;
-    b.img.data = b.bytes.data();
-    for (size_t i = kW * kH; i < b.bytes.size(); ++i) b.bytes[i] ^= 0xFF;
-    TensorPtr ga = Output({kTH, kTW, 1}, 1), gb = Output({kTH, kTW, 1}, 1);
-    quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
-        &a.img, ga, 2, 3, 30, 30, 0);
-    quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
-        &b.img, gb, 2, 3, 30, 30, 0);
-    EXPECT_FALSE(Untouched(ga));
-    EXPECT_EQ(0, std::memcmp(ga->data(), gb->data(), ga->byte_size()));
 }
 
 // A one-row frame has no chroma rows at all; gray never needs them.
@@ -754,7 +733,6 @@ TEST_F(FrameToTensor, YUVMatrixFollowsFormatAndChannelOrder) {
             std::memcpy(want, MatrixRow(to_bgr, fmt), 8 * sizeof(float));
             want[8] = 0.5f, want[9] = 0.5f;
             EXPECT_EQ(0, std::memcmp(want, cvt.matrix, sizeof(want)));
-            for (int i = 0; i < 10; ++i) EXPECT_EQ(cvt.matrix[i], want[i]) << "position " << i;
         }
     }
 }

@@ -402,14 +402,4 @@ TEST_F(FileList, FirstFailureStopsTheWalk) {
     EXPECT_EQ(lines, std::vector<std::string>{NameMessage(2, 0, "bad.txt")});
 }
 
-TEST_F(FileList, UnreadableFileFailsToOpen) {
-    if (geteuid() == 0) GTEST_SKIP() << "root opens unreadable files";
-    const std::string locked = Make("d.qvmods");
-    ASSERT_EQ(chmod(locked.c_str(), 0), 0);
-    std::vector<std::string> lines;
-    EXPECT_FALSE(Check({locked}, &lines));
-    EXPECT_EQ(lines, std::vector<std::string>{"Expect 1 files, while file0 " + locked +
-                                              " open failed."});
-}
-
 }  // namespace

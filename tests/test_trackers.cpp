@@ -308,31 +308,6 @@ TEST(KalmanTracker, FixedSizeStepEqualsDynamicFilterBitForBit) {
     }
 }
 
-TEST(KalmanTracker, PredictionsFromInitAndFromMotion) {
-    auto params = MakeParams(30, 0, 0, 0, 1, 1);
-    const Box b0{0.25f, 0.5f, 0.125f, 0.25f};
-    QVTBoxKalmanTracker t(kW, kH, params);
-    t.init(b0.x, b0.y, b0.w, b0.h);
-    ExpectBoxEq(Predict(t), b0);  // no velocity yet: the seed, exactly
-    ExpectBoxEq(Predict(t), b0);
-
-    for (float d : {8.0f, -8.0f}) {  // pixels per frame, right then left
-        t.init(b0.x, b0.y, b0.w, b0.h);
-        const Box b1{b0.x + d / kW, b0.y, b0.w, b0.h};
-        const Box b2{b0.x + 2 * d / kW, b0.y, b0.w, b0.h};
-        Track(t, b1);
-        Box prev = Track(t, b2);
-        for (int k = 0; k < 5; ++k) {  // predict after predict
-            const Box p = Predict(t);
-            EXPECT_GT((p.x - prev.x) * d, 0.0f) << "d " << d << " k " << k;
-            EXPECT_EQ(p.y, b0.y);  // the vertical corners never moved
-            EXPECT_EQ(p.h, b0.h);
-            EXPECT_NEAR(p.w, b0.w, 1e-6);  // both horizontal corners move alike
-            prev = p;
-        }
-    }
-}
-
 TEST(KalmanTracker, ParametersAreReadOnlyAtInit) {
     auto shared = MakeParams(30, 0, 0, 0, 0.1f, 2);
     QVTBoxKalmanTracker a(kW, kH, shared), b(kW, kH, MakeParams(30, 0, 0, 0, 0.1f, 2));
@@ -474,27 +449,6 @@ TEST(OneEuroFilter, FirstCallAndTimestampRules) {
     f.track(x2, 4.0);
     EXPECT_EQ(f.frequency, rate);
     EXPECT_EQ(f.last_time, 4.0);
-}
-
-TEST(OneEuroFilter, BetaZeroIsAFixedExponentialSmoother) {
-    // Timestamps k/64 are exact, so the rate is exactly 64 Hz throughout.
-    const double fc = 2.0, a = 1.0 / (1.0 + 64.0 / (2 * M_PI * fc));
-    Euro f(64.0, fc, 0.0, 1.0);
-    f.track(Col(0, 0, 0, 0), 0.0);
-    for (int k = 1; k <= 100; ++k) {  // unit step: 1 - (1 - a)^k
-        const Mat out = f.track(Col(1, 1, 1, 1), k / 64.0);
-        EXPECT_EQ(f.frequency, 64.0);
-        EXPECT_NEAR(out(0), 1.0 - std::pow(1.0 - a, k), 1e-13);
-    }
-    // Fast motion does not raise the cutoff when beta is 0.
-    std::mt19937 rng(1);
-    std::uniform_real_distribution<double> jump(-500, 500);
-    long double s = f.x_filter.hat_x_prev(2);
-    for (int k = 101; k < 300; ++k) {
-        const double v = jump(rng);
-        s += static_cast<long double>(a) * (v - s);
-        EXPECT_NEAR(f.track(Col(0, 0, v, 0), k / 64.0)(2), static_cast<double>(s), 1e-9);
-    }
 }
 
 // ---------------------------------------------------------------------------

@@ -1,4 +1,4 @@
-"""Finds the built module, the command-line tool and the reference helper.
+"""Finds the built module and the command-line tool.
 
 QVN_BUILD_DIR names the CMake build folder (default: build/release of this
 checkout); QVN_PYTHONPATH, when set, is where `import qvn_kit` looks first
@@ -19,11 +19,10 @@ BUILD = Path(os.environ.get("QVN_BUILD_DIR", ROOT / "build" / "release"))
 sys.path.insert(0, os.environ.get("QVN_PYTHONPATH", str(BUILD / "python")))
 
 TOOL = BUILD / "tools" / "qvn-kit"
-PYREF = BUILD / "python" / "qvn_pyref"
 
 
 def run(*args):
-    """Runs the tool or helper; a failure shows its stderr."""
+    """Runs the tool; a failure shows its stderr."""
     done = subprocess.run([str(a) for a in args], capture_output=True, text=True)
     assert done.returncode == 0, f"{args[0]} failed ({done.returncode}): {done.stderr}"
     return done.stdout
@@ -71,9 +70,3 @@ def tool():
         pytest.skip(f"command-line tool not built at {TOOL}")
     return TOOL
 
-
-@pytest.fixture(scope="session")
-def pyref():
-    if not PYREF.exists():
-        pytest.skip(f"reference helper not built at {PYREF}")
-    return PYREF
