@@ -232,12 +232,18 @@ inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, R
     _mm256_storeu_ps(buf.w10 + k, b.w10);
     _mm256_storeu_ps(buf.w01 + k, b.w01);
     _mm256_storeu_ps(buf.w11 + k, b.w11);
-    alignas(32) int32_t off[8];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(off), b.off);
+    // Offsets in the plain span are never negative: unsigned, they index
+    // without a sign extension.
+    // Two offsets a 64-bit move out of the vector.
+    const __m128i lo = _mm256_castsi256_si128(b.off), hi = _mm256_extracti128_si256(b.off, 1);
+    const uint64_t q[4] = {static_cast<uint64_t>(_mm_cvtsi128_si64(lo)), static_cast<uint64_t>(_mm_extract_epi64(lo, 1)),
+                           static_cast<uint64_t>(_mm_cvtsi128_si64(hi)), static_cast<uint64_t>(_mm_extract_epi64(hi, 1))};
     uint16_t* t = buf.taps + 2 * k;
+    const unsigned char* lower = src + stride;
     for (int i = 0; i < 8; ++i) {
-        std::memcpy(t + 2 * i, src + off[i], 2);
-        std::memcpy(t + 2 * i + 1, src + off[i] + stride, 2);
+        const uint32_t off = static_cast<uint32_t>(q[i / 2] >> (32 * (i % 2)));
+        std::memcpy(t + 2 * i, src + off, 2);
+        std::memcpy(t + 2 * i + 1, lower + off, 2);
     }
 }
 
@@ -533,8 +539,14 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             one_by_one(0, dstWidth);  // no monotone plan
             continue;
         }
-        const Span inside = intersect(axis_span(M[0], bx, -1.0f, inside_low, wlim, dstWidth),
-                                      axis_span(M[3], by, -1.0f, inside_low, hlim, dstWidth));
+        // Plain implies inside: a row that is plain throughout (a region well
+        // within the source) needs no second plan.
+        Span plain = intersect(axis_span(M[0], bx, 0.0f, plain_low, wlim, dstWidth),
+                               axis_span(M[3], by, 0.0f, plain_low, hlim, dstWidth));
+        const Span inside = plain.lo == 0 && plain.hi == dstWidth
+                                ? plain
+                                : intersect(axis_span(M[0], bx, -1.0f, inside_low, wlim, dstWidth),
+                                            axis_span(M[3], by, -1.0f, inside_low, hlim, dstWidth));
         if (inside.lo >= inside.hi) {
             if (N != 1)
                 for (int j = 0; j < dstWidth; ++j) store_border<N>(out + static_cast<ptrdiff_t>(j) * N, border);
@@ -544,8 +556,6 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             for (int j = 0; j < inside.lo; ++j) store_border<N>(out + static_cast<ptrdiff_t>(j) * N, border);
             for (int j = inside.hi; j < dstWidth; ++j) store_border<N>(out + static_cast<ptrdiff_t>(j) * N, border);
         }
-        Span plain = intersect(axis_span(M[0], bx, 0.0f, plain_low, wlim, dstWidth),
-                               axis_span(M[3], by, 0.0f, plain_low, hlim, dstWidth));
         plain = intersect(plain, inside);
         if (plain.hi - plain.lo < 8) {
             one_by_one(inside.lo, inside.hi);
