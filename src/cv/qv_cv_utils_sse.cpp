@@ -287,30 +287,24 @@ inline void plainn_store<3>(__m256i px, unsigned char* out) {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16), _mm256_extracti128_si256(q, 1));
 }
 
-// Two and four channels, also in two passes: the first stores each pixel's
-// sample offset and weights, the second reads the samples and blends.
-struct RowBuffersN {
-    explicit RowBuffersN(int width)
-        : store(new float[17 * static_cast<size_t>(width) + 8]),
-          top(store.get()),
-          bottom(top + 8 * static_cast<size_t>(width)),
-          off(reinterpret_cast<int32_t*>(bottom + 8 * static_cast<size_t>(width))),
-          width(width) {}
-    std::unique_ptr<float[]> store;
-    float *top, *bottom;
-    int32_t* off;
-    int width;
+// Two to four channels also run in two passes: the first stores each
+// block's sample offsets and weights, the second reads the samples and
+// blends.
+
+// Four channels keep a block's offsets and four weights as they come, side
+// by side, so the blend reaches all of them from one pointer; it broadcasts
+// the weights from memory, which costs load slots rather than shuffles.
+struct Floats8 {
+    __m256i off;
+    __m256 w00, w10, w01, w11;
 };
 
-// Four channels keep the four weights as they come, one array each (w00
-// w10 in `top`, w01 w11 in `bottom`); the blend broadcasts them from memory,
-// which costs load slots rather than shuffles.
-inline void collect8_cn(const Block8& b, RowBuffersN& buf, int k) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf.off + k), b.off);
-    _mm256_storeu_ps(buf.top + k, b.w00);
-    _mm256_storeu_ps(buf.top + buf.width + k, b.w10);
-    _mm256_storeu_ps(buf.bottom + k, b.w01);
-    _mm256_storeu_ps(buf.bottom + buf.width + k, b.w11);
+inline void collect8_c4(const Block8& b, Floats8* out) {
+    _mm256_store_si256(&out->off, b.off);
+    _mm256_store_ps(reinterpret_cast<float*>(&out->w00), b.w00);
+    _mm256_store_ps(reinterpret_cast<float*>(&out->w10), b.w10);
+    _mm256_store_ps(reinterpret_cast<float*>(&out->w01), b.w01);
+    _mm256_store_ps(reinterpret_cast<float*>(&out->w11), b.w11);
 }
 
 // (a x4 | b x4) from two floats in memory.
@@ -318,18 +312,21 @@ inline __m256 halves(const float* a, const float* b) {
     return _mm256_blend_ps(_mm256_broadcast_ss(a), _mm256_broadcast_ss(b), 0xF0);
 }
 
-template <int N>
-inline void blend8_cn(const unsigned char* src, int stride, const RowBuffersN& buf, int k, unsigned char* out) {
+// `lower` is the source one row down; offsets in the plain span are never
+// negative, so they index unsigned.
+inline void blend8_c4(const unsigned char* src, const unsigned char* lower, const Floats8& b, unsigned char* out) {
     const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the two halves
+    const uint32_t* off = reinterpret_cast<const uint32_t*>(&b.off);
+    const float* w00 = reinterpret_cast<const float*>(&b.w00);
+    const float* w10 = reinterpret_cast<const float*>(&b.w10);
+    const float* w01 = reinterpret_cast<const float*>(&b.w01);
+    const float* w11 = reinterpret_cast<const float*>(&b.w11);
     __m256 acc[8];
 #pragma GCC unroll 8
     for (int i = 0; i < 8; ++i) {
-        const unsigned char* p = src + buf.off[k + i];
-        const __m256 top = row_pair4(p), bottom = row_pair4(p + stride);
+        const __m256 top = row_pair4(src + off[i]), bottom = row_pair4(lower + off[i]);
         // (s00 * w00 | s10 * w10) + (s01 * w01 | s11 * w11) + 16384, per channel lane.
-        const int at = k + i;
-        acc[i] = _mm256_fmadd_ps(top, halves(buf.top + at, buf.top + buf.width + at),
-                                 _mm256_fmadd_ps(bottom, halves(buf.bottom + at, buf.bottom + buf.width + at), half));
+        acc[i] = _mm256_fmadd_ps(top, halves(w00 + i, w10 + i), _mm256_fmadd_ps(bottom, halves(w01 + i, w11 + i), half));
     }
     __m256i r[4];
     for (int q = 0; q < 4; ++q) {
@@ -339,57 +336,62 @@ inline void blend8_cn(const unsigned char* src, int stride, const RowBuffersN& b
     }
     // packus: (p0 p2 p4 p6 | p1 p3 p5 p7) per 32-bit group -> pixel order.
     const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(r[0], r[1]), _mm256_packus_epi32(r[2], r[3]));
-    plainn_store<N>(_mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)), out);
+    plainn_store<4>(_mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)), out);
 }
 
 // Two channels: two pixels share a vector. A pixel's row of samples is four
 // bytes (s00 c0 c1, s10 c0 c1), its weights (w00 w00 w10 w10); the channel
 // sums are the two halves of each pixel's four lanes added.
-inline void collect8_c2(const Block8& b, RowBuffersN& buf, int k) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf.off + k), b.off);
+// A block's offsets and weights side by side, reached from one pointer.
+struct Pairs8 {
+    __m256i off;
+    __m256 top[4], bottom[4];  // pixels 0 1 | 2 3 | 4 5 | 6 7, four floats each
+};
+
+inline void collect8_c2(const Block8& b, Pairs8* out) {
+    _mm256_store_si256(&out->off, b.off);
     const __m256i first = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3), second = _mm256_setr_epi32(4, 4, 5, 5, 6, 6, 7, 7);
     const __m256 t_lo = _mm256_unpacklo_ps(b.w00, b.w10), t_hi = _mm256_unpackhi_ps(b.w00, b.w10);
     const __m256 u_lo = _mm256_unpacklo_ps(b.w01, b.w11), u_hi = _mm256_unpackhi_ps(b.w01, b.w11);
-    // Pixels 0 1 | 2 3 | 4 5 | 6 7, four floats each.
-    float* t = buf.top + 4 * k;
-    float* u = buf.bottom + 4 * k;
-    _mm256_storeu_ps(t, _mm256_permutevar8x32_ps(t_lo, first));
-    _mm256_storeu_ps(t + 8, _mm256_permutevar8x32_ps(t_hi, first));
-    _mm256_storeu_ps(t + 16, _mm256_permutevar8x32_ps(t_lo, second));
-    _mm256_storeu_ps(t + 24, _mm256_permutevar8x32_ps(t_hi, second));
-    _mm256_storeu_ps(u, _mm256_permutevar8x32_ps(u_lo, first));
-    _mm256_storeu_ps(u + 8, _mm256_permutevar8x32_ps(u_hi, first));
-    _mm256_storeu_ps(u + 16, _mm256_permutevar8x32_ps(u_lo, second));
-    _mm256_storeu_ps(u + 24, _mm256_permutevar8x32_ps(u_hi, second));
+    float* t = reinterpret_cast<float*>(out->top);
+    float* u = reinterpret_cast<float*>(out->bottom);
+    _mm256_store_ps(t, _mm256_permutevar8x32_ps(t_lo, first));
+    _mm256_store_ps(t + 8, _mm256_permutevar8x32_ps(t_hi, first));
+    _mm256_store_ps(t + 16, _mm256_permutevar8x32_ps(t_lo, second));
+    _mm256_store_ps(t + 24, _mm256_permutevar8x32_ps(t_hi, second));
+    _mm256_store_ps(u, _mm256_permutevar8x32_ps(u_lo, first));
+    _mm256_store_ps(u + 8, _mm256_permutevar8x32_ps(u_hi, first));
+    _mm256_store_ps(u + 16, _mm256_permutevar8x32_ps(u_lo, second));
+    _mm256_store_ps(u + 24, _mm256_permutevar8x32_ps(u_hi, second));
 }
 
 inline __m256 two_rows_c2(const unsigned char* a, const unsigned char* b) {
-    int32_t x, y;
-    std::memcpy(&x, a, 4);
+    int32_t y;
     std::memcpy(&y, b, 4);
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_unpacklo_epi32(_mm_cvtsi32_si128(x), _mm_cvtsi32_si128(y))));
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_insert_epi32(_mm_loadu_si32(a), y, 1)));
 }
 
-inline void blend8_c2(const unsigned char* src, int stride, const RowBuffersN& buf, int k, unsigned char* out) {
+// `lower` is the source one row down; offsets in the plain span are never
+// negative, so they index unsigned.
+inline void blend8_c2(const unsigned char* src, const unsigned char* lower, const Pairs8& w, unsigned char* out) {
     const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the two lanes of a channel
+    const uint32_t* off = reinterpret_cast<const uint32_t*>(&w.off);
     __m256 pair[4];
 #pragma GCC unroll 4
     for (int q = 0; q < 4; ++q) {
-        const unsigned char* p0 = src + buf.off[k + 2 * q];
-        const unsigned char* p1 = src + buf.off[k + 2 * q + 1];
-        const __m256 top = two_rows_c2(p0, p1), bottom = two_rows_c2(p0 + stride, p1 + stride);
-        const __m256 acc = _mm256_fmadd_ps(top, _mm256_loadu_ps(buf.top + 4 * k + 8 * q),
-                                           _mm256_fmadd_ps(bottom, _mm256_loadu_ps(buf.bottom + 4 * k + 8 * q), half));
+        const uint32_t o0 = off[2 * q], o1 = off[2 * q + 1];
+        const __m256 top = two_rows_c2(src + o0, src + o1), bottom = two_rows_c2(lower + o0, lower + o1);
+        const __m256 acc = _mm256_fmadd_ps(top, w.top[q], _mm256_fmadd_ps(bottom, w.bottom[q], half));
         // Lanes 0, 1 of each half: (c0, c1) of pixel 2q (low) and 2q + 1 (high).
         pair[q] = _mm256_add_ps(acc, _mm256_permute_ps(acc, 0x4e));
     }
     // (p0 p2 | p1 p3) and (p4 p6 | p5 p7), two lanes a pixel.
     const __m256i a = finish(_mm256_shuffle_ps(pair[0], pair[1], 0x44));
     const __m256i b = finish(_mm256_shuffle_ps(pair[2], pair[3], 0x44));
-    const __m256i w = _mm256_packus_epi16(_mm256_packus_epi32(a, b), _mm256_setzero_si256());
+    const __m256i words = _mm256_packus_epi16(_mm256_packus_epi32(a, b), _mm256_setzero_si256());
     // Words (p0 p2 p4 p6 | p1 p3 p5 p7) -> p0 .. p7.
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
-                     _mm_unpacklo_epi16(_mm256_castsi256_si128(w), _mm256_extracti128_si256(w, 1)));
+                     _mm_unpacklo_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1)));
 }
 
 // ---- three channels in 16-bit integer lanes --------------------------------
@@ -510,18 +512,21 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
     const auto plain_low = [](float v) { return v >= 0.0f; };
     const bool finite_slopes = std::isfinite(M[0]) && std::isfinite(M[3]);
     std::unique_ptr<RowBuffers> row_buffers;
-    std::unique_ptr<RowBuffersN> row_buffers_n;
+    std::unique_ptr<Pairs8[]> pairs;
     std::unique_ptr<Packed8[]> packed;
+    std::unique_ptr<Floats8[]> floats;
     // The lower row of a three-channel sample pair, read 2 bytes early.
     const unsigned char* const lower = src + srcStride - 2;
     RowPointers c1_buffers{};
     if (N == 1) {
         row_buffers.reset(new RowBuffers(dstWidth));
         c1_buffers = {row_buffers->w00, row_buffers->w10, row_buffers->w01, row_buffers->w11, row_buffers->taps};
+    } else if (N == 2) {
+        pairs.reset(new Pairs8[dstWidth / 8 + 1]);
     } else if (N == 3) {
         packed.reset(new Packed8[dstWidth / 8 + 1]);
     } else {
-        row_buffers_n.reset(new RowBuffersN(dstWidth));
+        floats.reset(new Floats8[dstWidth / 8 + 1]);
     }
 
     for (int y = 0; y < dstHeight; ++y) {
@@ -566,17 +571,19 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
         const __m256 bxv = _mm256_set1_ps(bx), byv = _mm256_set1_ps(by);
         const __m256 steps = _mm256_setr_ps(0, 1, 2, 3, 4, 5, 6, 7);
         Packed8* next_pack = packed.get();
+        Floats8* next_floats = floats.get();
+        Pairs8* next_pairs = pairs.get();
         auto run = [&](int j, auto float_offsets) {
             const Block8 b = block8(_mm256_add_ps(_mm256_set1_ps(static_cast<float>(j)), steps), m0, m3, bxv, byv,
                                     stride_v, N, decltype(float_offsets)::value);
             if constexpr (N == 1) {
                 collect8_c1(src, srcStride, b, c1_buffers, j - plain.lo);
             } else if constexpr (N == 2) {
-                collect8_c2(b, *row_buffers_n, j - plain.lo);
+                collect8_c2(b, next_pairs++);
             } else if constexpr (N == 3) {
                 pack8(b, next_pack++);
             } else {
-                collect8_cn(b, *row_buffers_n, j - plain.lo);
+                collect8_c4(b, next_floats++);
             }
         };
         // Blocks of eight from the span's start; the last one ends at the
@@ -586,15 +593,17 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             for (; j + 8 <= plain.hi; j += 8) run(j, float_offsets);
             if (j < plain.hi) run(plain.hi - 8, float_offsets);
             next_pack = packed.get();
+            next_floats = floats.get();
+            next_pairs = pairs.get();
             auto blend = [&](int col) {
                 if constexpr (N == 1) {
                     blend8_c1(c1_buffers, col - plain.lo, out + col);
                 } else if constexpr (N == 2) {
-                    blend8_c2(src, srcStride, *row_buffers_n, col - plain.lo, out + 2 * static_cast<ptrdiff_t>(col));
+                    blend8_c2(src, src + srcStride, *next_pairs++, out + 2 * static_cast<ptrdiff_t>(col));
                 } else if constexpr (N == 3) {
                     blend8_c3(src, lower, *next_pack++, out + static_cast<ptrdiff_t>(col) * 3);
                 } else {
-                    blend8_cn<N>(src, srcStride, *row_buffers_n, col - plain.lo, out + static_cast<ptrdiff_t>(col) * N);
+                    blend8_c4(src, src + srcStride, *next_floats++, out + static_cast<ptrdiff_t>(col) * 4);
                 }
             };
             for (j = plain.lo; j + 8 <= plain.hi; j += 8) blend(j);
