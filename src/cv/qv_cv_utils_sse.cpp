@@ -262,22 +262,8 @@ inline void blend8_c1(RowPointers buf, int k, unsigned char* out) {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(q, q));
 }
 
-// Four channels: one pixel's row pair of samples (left | right), each
-// spread over four 32-bit lanes.
-inline __m256 row_pair4(const unsigned char* p) {
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
-}
-
-template <int N>
-inline void plainn_store(__m256i px, unsigned char* out);
-
-template <>
-inline void plainn_store<4>(__m256i px, unsigned char* out) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), px);
-}
-
-template <>
-inline void plainn_store<3>(__m256i px, unsigned char* out) {
+// Eight three-channel pixels from four bytes a pixel.
+inline void store8_c3(__m256i px, unsigned char* out) {
     // Drop every fourth byte; exactly 24 bytes stored.
     const __m256i packed = _mm256_shuffle_epi8(
         px, _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,
@@ -291,52 +277,63 @@ inline void plainn_store<3>(__m256i px, unsigned char* out) {
 // block's sample offsets and weights, the second reads the samples and
 // blends.
 
-// Four channels keep a block's offsets and four weights as they come, side
-// by side, so the blend reaches all of them from one pointer; it broadcasts
-// the weights from memory, which costs load slots rather than shuffles.
+// Four channels keep each pixel's weights as (left, right) pairs, one
+// 8-byte pair a row, with the block's offsets, all reached from one pointer:
+// the blend broadcasts a pair straight from memory.
 struct Floats8 {
     __m256i off;
-    __m256 w00, w10, w01, w11;
+    __m256 top_a, top_b, bot_a, bot_b;  // pairs of pixels 0 1 | 4 5 (a) and 2 3 | 6 7 (b)
 };
 
 inline void collect8_c4(const Block8& b, Floats8* out) {
     _mm256_store_si256(&out->off, b.off);
-    _mm256_store_ps(reinterpret_cast<float*>(&out->w00), b.w00);
-    _mm256_store_ps(reinterpret_cast<float*>(&out->w10), b.w10);
-    _mm256_store_ps(reinterpret_cast<float*>(&out->w01), b.w01);
-    _mm256_store_ps(reinterpret_cast<float*>(&out->w11), b.w11);
+    _mm256_store_ps(reinterpret_cast<float*>(&out->top_a), _mm256_unpacklo_ps(b.w00, b.w10));
+    _mm256_store_ps(reinterpret_cast<float*>(&out->top_b), _mm256_unpackhi_ps(b.w00, b.w10));
+    _mm256_store_ps(reinterpret_cast<float*>(&out->bot_a), _mm256_unpacklo_ps(b.w01, b.w11));
+    _mm256_store_ps(reinterpret_cast<float*>(&out->bot_b), _mm256_unpackhi_ps(b.w01, b.w11));
 }
 
-// (a x4 | b x4) from two floats in memory.
-inline __m256 halves(const float* a, const float* b) {
-    return _mm256_blend_ps(_mm256_broadcast_ss(a), _mm256_broadcast_ss(b), 0xF0);
+// A row pair of four-channel samples, left and right interleaved per
+// channel: (L0 R0 L1 R1 | L2 R2 L3 R3), from one broadcast and one in-lane
+// shuffle.
+inline __m256 row_pair4(const unsigned char* p) {
+    int64_t v;
+    std::memcpy(&v, p, 8);
+    const __m256i spread = _mm256_setr_epi8(0, -1, -1, -1, 4, -1, -1, -1, 1, -1, -1, -1, 5, -1, -1, -1,
+                                            2, -1, -1, -1, 6, -1, -1, -1, 3, -1, -1, -1, 7, -1, -1, -1);
+    return _mm256_cvtepi32_ps(_mm256_shuffle_epi8(_mm256_set1_epi64x(v), spread));
+}
+
+// A (left, right) weight pair repeated over the four channels.
+inline __m256 weight_pair(const __m256* v, int slot) {
+    return _mm256_castpd_ps(_mm256_broadcast_sd(reinterpret_cast<const double*>(v) + slot));
 }
 
 // `lower` is the source one row down; offsets in the plain span are never
 // negative, so they index unsigned.
 inline void blend8_c4(const unsigned char* src, const unsigned char* lower, const Floats8& b, unsigned char* out) {
-    const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the two halves
+    const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the left and right lanes
     const uint32_t* off = reinterpret_cast<const uint32_t*>(&b.off);
-    const float* w00 = reinterpret_cast<const float*>(&b.w00);
-    const float* w10 = reinterpret_cast<const float*>(&b.w10);
-    const float* w01 = reinterpret_cast<const float*>(&b.w01);
-    const float* w11 = reinterpret_cast<const float*>(&b.w11);
     __m256 acc[8];
 #pragma GCC unroll 8
     for (int i = 0; i < 8; ++i) {
+        // Where pixel i's pairs lie: pixels 0 1 4 5 in the a vectors, 2 3 6 7 in the b ones.
+        const bool in_b = (i & 2) != 0;
+        const int slot = (i & 1) + ((i & 4) >> 1);
         const __m256 top = row_pair4(src + off[i]), bottom = row_pair4(lower + off[i]);
-        // (s00 * w00 | s10 * w10) + (s01 * w01 | s11 * w11) + 16384, per channel lane.
-        acc[i] = _mm256_fmadd_ps(top, halves(w00 + i, w10 + i), _mm256_fmadd_ps(bottom, halves(w01 + i, w11 + i), half));
+        acc[i] = _mm256_fmadd_ps(top, weight_pair(in_b ? &b.top_b : &b.top_a, slot),
+                                 _mm256_fmadd_ps(bottom, weight_pair(in_b ? &b.bot_b : &b.bot_a, slot), half));
     }
     __m256i r[4];
     for (int q = 0; q < 4; ++q) {
-        const __m256 a = acc[2 * q], c = acc[2 * q + 1];
-        // Halves summed: pixel 2q in the low half, 2q + 1 in the high one.
-        r[q] = finish(_mm256_add_ps(_mm256_permute2f128_ps(a, c, 0x20), _mm256_permute2f128_ps(a, c, 0x31)));
+        // Left and right lanes summed: (p c0 c1, p' c0 c1 | p c2 c3, p' c2 c3) for p = 2q, p' = 2q + 1.
+        r[q] = finish(_mm256_hadd_ps(acc[2 * q], acc[2 * q + 1]));
     }
-    // packus: (p0 p2 p4 p6 | p1 p3 p5 p7) per 32-bit group -> pixel order.
+    // Bytes: (p0 .. p7 channels 0 1 | p0 .. p7 channels 2 3), two bytes a pixel.
     const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(r[0], r[1]), _mm256_packus_epi32(r[2], r[3]));
-    plainn_store<4>(_mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)), out);
+    const __m128i c01 = _mm256_castsi256_si128(bytes), c23 = _mm256_extracti128_si256(bytes, 1);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi16(c01, c23));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16), _mm_unpackhi_epi16(c01, c23));
 }
 
 // Two channels: two pixels share a vector. A pixel's row of samples is four
@@ -480,7 +477,7 @@ inline void blend8_c3(const unsigned char* src, const unsigned char* lower, cons
     }
     // (p0 p1 p2 p3 | p4 p5 p6 p7), four bytes a pixel.
     const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(r[0], r[1]), _mm256_packus_epi32(r[2], r[3]));
-    plainn_store<3>(bytes, out);
+    store8_c3(bytes, out);
 }
 
 // ---- the driver shared by the four kernels -----------------------------------
