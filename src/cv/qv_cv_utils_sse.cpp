@@ -277,15 +277,15 @@ inline void store8_c3(__m256i px, unsigned char* out) {
 // block's sample offsets and weights, the second reads the samples and
 // blends.
 
-// Four channels keep each pixel's weights as (left, right) pairs, one
-// 8-byte pair a row, with the block's offsets, all reached from one pointer:
-// the blend broadcasts a pair straight from memory.
+// Three and four channels keep each pixel's weights as (left, right) pairs,
+// one 8-byte pair a row, with the block's offsets, all reached from one
+// pointer: the blend broadcasts a pair straight from memory.
 struct Floats8 {
     __m256i off;
     __m256 top_a, top_b, bot_a, bot_b;  // pairs of pixels 0 1 | 4 5 (a) and 2 3 | 6 7 (b)
 };
 
-inline void collect8_c4(const Block8& b, Floats8* out) {
+inline void collect8_pairs(const Block8& b, Floats8* out) {
     _mm256_store_si256(&out->off, b.off);
     _mm256_store_ps(reinterpret_cast<float*>(&out->top_a), _mm256_unpacklo_ps(b.w00, b.w10));
     _mm256_store_ps(reinterpret_cast<float*>(&out->top_b), _mm256_unpackhi_ps(b.w00, b.w10));
@@ -293,14 +293,18 @@ inline void collect8_c4(const Block8& b, Floats8* out) {
     _mm256_store_ps(reinterpret_cast<float*>(&out->bot_b), _mm256_unpackhi_ps(b.w01, b.w11));
 }
 
-// A row pair of four-channel samples, left and right interleaved per
-// channel: (L0 R0 L1 R1 | L2 R2 L3 R3), from one broadcast and one in-lane
-// shuffle.
-inline __m256 row_pair4(const unsigned char* p) {
+// A row pair of three- or four-channel samples, left and right interleaved
+// per channel: (L0 R0 L1 R1 | L2 R2 L3 R3), from one broadcast and one
+// in-lane shuffle; a fourth channel of three-channel pixels reads zero. The
+// three-channel pair starts at byte `first` of the 8 bytes read.
+template <int N, int first>
+inline __m256 row_pair(const unsigned char* p) {
     int64_t v;
     std::memcpy(&v, p, 8);
-    const __m256i spread = _mm256_setr_epi8(0, -1, -1, -1, 4, -1, -1, -1, 1, -1, -1, -1, 5, -1, -1, -1,
-                                            2, -1, -1, -1, 6, -1, -1, -1, 3, -1, -1, -1, 7, -1, -1, -1);
+    constexpr int l3 = N == 4 ? first + 3 : -1, r3 = N == 4 ? first + 7 : -1;
+    const __m256i spread = _mm256_setr_epi8(first, -1, -1, -1, first + N, -1, -1, -1, first + 1, -1, -1, -1,
+                                            first + N + 1, -1, -1, -1, first + 2, -1, -1, -1, first + N + 2, -1, -1,
+                                            -1, l3, -1, -1, -1, r3, -1, -1, -1);
     return _mm256_cvtepi32_ps(_mm256_shuffle_epi8(_mm256_set1_epi64x(v), spread));
 }
 
@@ -309,9 +313,12 @@ inline __m256 weight_pair(const __m256* v, int slot) {
     return _mm256_castpd_ps(_mm256_broadcast_sd(reinterpret_cast<const double*>(v) + slot));
 }
 
-// `lower` is the source one row down; offsets in the plain span are never
-// negative, so they index unsigned.
-inline void blend8_c4(const unsigned char* src, const unsigned char* lower, const Floats8& b, unsigned char* out) {
+// `lower` is the source one row down (2 bytes early for three channels,
+// whose upper pair is read 2 bytes late: both reads stay within the
+// sample's two rows, as a row holds at least two pixels). Offsets in the
+// plain span are never negative, so they index unsigned.
+template <int N>
+inline void blend8_f(const unsigned char* src, const unsigned char* lower, const Floats8& b, unsigned char* out) {
     const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the left and right lanes
     const uint32_t* off = reinterpret_cast<const uint32_t*>(&b.off);
     __m256 acc[8];
@@ -320,7 +327,7 @@ inline void blend8_c4(const unsigned char* src, const unsigned char* lower, cons
         // Where pixel i's pairs lie: pixels 0 1 4 5 in the a vectors, 2 3 6 7 in the b ones.
         const bool in_b = (i & 2) != 0;
         const int slot = (i & 1) + ((i & 4) >> 1);
-        const __m256 top = row_pair4(src + off[i]), bottom = row_pair4(lower + off[i]);
+        const __m256 top = row_pair<N, 0>(src + off[i]), bottom = row_pair<N, 2 * (4 - N)>(lower + off[i]);
         acc[i] = _mm256_fmadd_ps(top, weight_pair(in_b ? &b.top_b : &b.top_a, slot),
                                  _mm256_fmadd_ps(bottom, weight_pair(in_b ? &b.bot_b : &b.bot_a, slot), half));
     }
@@ -332,8 +339,13 @@ inline void blend8_c4(const unsigned char* src, const unsigned char* lower, cons
     // Bytes: (p0 .. p7 channels 0 1 | p0 .. p7 channels 2 3), two bytes a pixel.
     const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(r[0], r[1]), _mm256_packus_epi32(r[2], r[3]));
     const __m128i c01 = _mm256_castsi256_si128(bytes), c23 = _mm256_extracti128_si256(bytes, 1);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi16(c01, c23));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16), _mm_unpackhi_epi16(c01, c23));
+    const __m128i p0123 = _mm_unpacklo_epi16(c01, c23), p4567 = _mm_unpackhi_epi16(c01, c23);
+    if constexpr (N == 4) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), p0123);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16), p4567);
+    } else {
+        store8_c3(_mm256_inserti128_si256(_mm256_castsi128_si256(p0123), p4567, 1), out);
+    }
 }
 
 // Two channels: two pixels share a vector. A pixel's row of samples is four
@@ -391,95 +403,6 @@ inline void blend8_c2(const unsigned char* src, const unsigned char* lower, cons
                      _mm_unpacklo_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1)));
 }
 
-// ---- three channels in 16-bit integer lanes --------------------------------
-//
-// madd_epi16 multiplies 16 pairs of 16-bit words and adds each pair: the
-// left and right samples of a row times their two weights. A weight
-// (0..65536) does not fit a word, so each is split as w = 256 * h + l with h
-// in 0..256 and l in 0..255, and a channel's sum is 256 * (sum of s * h) +
-// (sum of s * l), every part exact in 32 bits. Unlike the float blend, the
-// samples need no conversion and the three-byte pixels no per-row shuffle
-// into lanes of their own; this measured faster for three channels only.
-
-// Per block of eight pixels: the sample offsets and the four weights as
-// (left, right) word pairs, high and low parts, one 32-bit lane a pixel.
-struct Packed8 {
-    __m256i off, top_hi, top_lo, bot_hi, bot_lo;
-};
-
-// Words (a >> 8, b >> 8) and (a & 255, b & 255) in each 32-bit lane; a and b
-// are at most 65536, so b << 8 stays below 2^25.
-inline __m256i hi_pair(__m256i a, __m256i b) {
-    return _mm256_blend_epi16(_mm256_srli_epi32(a, 8), _mm256_slli_epi32(b, 8), 0xAA);
-}
-inline __m256i lo_pair(__m256i a, __m256i b) {
-    return _mm256_and_si256(_mm256_blend_epi16(a, _mm256_slli_epi32(b, 16), 0xAA), _mm256_set1_epi16(0xFF));
-}
-
-inline void pack8(const Block8& b, Packed8* out) {
-    const __m256i w00 = _mm256_cvttps_epi32(b.w00), w10 = _mm256_cvttps_epi32(b.w10);
-    const __m256i w01 = _mm256_cvttps_epi32(b.w01), w11 = _mm256_cvttps_epi32(b.w11);
-    _mm256_store_si256(&out->off, b.off);
-    _mm256_store_si256(&out->top_hi, hi_pair(w00, w10));
-    _mm256_store_si256(&out->top_lo, lo_pair(w00, w10));
-    _mm256_store_si256(&out->bot_hi, hi_pair(w01, w11));
-    _mm256_store_si256(&out->bot_lo, lo_pair(w01, w11));
-}
-
-// (sum + 32768) >> 16 per 32-bit lane: `top` and `bot` hold 16-bit (left,
-// right) sample pairs of the two rows, the weights their matching halves.
-inline __m256i blend_words(__m256i top, __m256i bot, __m256i th, __m256i tl, __m256i bh, __m256i bl) {
-    const __m256i hi = _mm256_add_epi32(_mm256_madd_epi16(top, th), _mm256_madd_epi16(bot, bh));
-    const __m256i lo = _mm256_add_epi32(_mm256_madd_epi16(top, tl), _mm256_madd_epi16(bot, bl));
-    const __m256i sum = _mm256_add_epi32(_mm256_slli_epi32(hi, 8), _mm256_add_epi32(lo, _mm256_set1_epi32(32768)));
-    return _mm256_srli_epi32(sum, 16);
-}
-
-inline int64_t load64(const unsigned char* p) {
-    int64_t v;
-    std::memcpy(&v, p, 8);
-    return v;
-}
-
-// Pixel a's upper and lower row pairs in the low half, pixel b's in the
-// high one, 8 bytes each.
-inline __m256i rows_of_two(const unsigned char* upper, const unsigned char* lower, int a, int b) {
-    const __m128i pa = _mm_insert_epi64(_mm_cvtsi64_si128(load64(upper + a)), load64(lower + a), 1);
-    const __m128i pb = _mm_insert_epi64(_mm_cvtsi64_si128(load64(upper + b)), load64(lower + b), 1);
-    return _mm256_inserti128_si256(_mm256_castsi128_si256(pa), pb, 1);
-}
-
-// Three channels, two pixels a vector: pixel i in the low half, i + 4 in the
-// high one. `lower` points one row down and 2 bytes early, and the upper row
-// is read 2 bytes past the pair: both reads stay within the sample's two
-// rows (a row holds at least two pixels), so nothing outside the source is
-// read. The pairs are spread into 16-bit (left, right) words per channel, a
-// zero fourth channel, and each pixel's weight words repeated over them.
-inline void blend8_c3(const unsigned char* src, const unsigned char* lower, const Packed8& w, unsigned char* out) {
-    const int32_t* off = reinterpret_cast<const int32_t*>(&w.off);
-    const __m256i th = _mm256_load_si256(&w.top_hi), tl = _mm256_load_si256(&w.top_lo);
-    const __m256i bh = _mm256_load_si256(&w.bot_hi), bl = _mm256_load_si256(&w.bot_lo);
-    auto pairs = [](int first) {
-        auto at = [first](int c, int right) { return c < 3 ? first + c + right * 3 : -1; };
-        return _mm256_setr_epi8(at(0, 0), -1, at(0, 1), -1, at(1, 0), -1, at(1, 1), -1, at(2, 0), -1, at(2, 1), -1,
-                                at(3, 0), -1, at(3, 1), -1, at(0, 0), -1, at(0, 1), -1, at(1, 0), -1, at(1, 1), -1,
-                                at(2, 0), -1, at(2, 1), -1, at(3, 0), -1, at(3, 1), -1);
-    };
-    const __m256i top_words = pairs(0), bot_words = pairs(10);  // lower pair from byte 8 + 2
-    __m256i r[4];
-#pragma GCC unroll 4
-    for (int i = 0; i < 4; ++i) {
-        const __m256i v = rows_of_two(src, lower, off[i], off[i + 4]);
-        const int sel = i * 0x55;
-        r[i] = blend_words(_mm256_shuffle_epi8(v, top_words), _mm256_shuffle_epi8(v, bot_words),
-                           _mm256_shuffle_epi32(th, sel), _mm256_shuffle_epi32(tl, sel), _mm256_shuffle_epi32(bh, sel),
-                           _mm256_shuffle_epi32(bl, sel));
-    }
-    // (p0 p1 p2 p3 | p4 p5 p6 p7), four bytes a pixel.
-    const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(r[0], r[1]), _mm256_packus_epi32(r[2], r[3]));
-    store8_c3(bytes, out);
-}
-
 // ---- the driver shared by the four kernels -----------------------------------
 
 template <int N>
@@ -510,18 +433,13 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
     const bool finite_slopes = std::isfinite(M[0]) && std::isfinite(M[3]);
     std::unique_ptr<RowBuffers> row_buffers;
     std::unique_ptr<Pairs8[]> pairs;
-    std::unique_ptr<Packed8[]> packed;
     std::unique_ptr<Floats8[]> floats;
-    // The lower row of a three-channel sample pair, read 2 bytes early.
-    const unsigned char* const lower = src + srcStride - 2;
     RowPointers c1_buffers{};
     if (N == 1) {
         row_buffers.reset(new RowBuffers(dstWidth));
         c1_buffers = {row_buffers->w00, row_buffers->w10, row_buffers->w01, row_buffers->w11, row_buffers->taps};
     } else if (N == 2) {
         pairs.reset(new Pairs8[dstWidth / 8 + 1]);
-    } else if (N == 3) {
-        packed.reset(new Packed8[dstWidth / 8 + 1]);
     } else {
         floats.reset(new Floats8[dstWidth / 8 + 1]);
     }
@@ -567,7 +485,6 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
         one_by_one(plain.hi, inside.hi);
         const __m256 bxv = _mm256_set1_ps(bx), byv = _mm256_set1_ps(by);
         const __m256 steps = _mm256_setr_ps(0, 1, 2, 3, 4, 5, 6, 7);
-        Packed8* next_pack = packed.get();
         Floats8* next_floats = floats.get();
         Pairs8* next_pairs = pairs.get();
         auto run = [&](int j, auto float_offsets) {
@@ -577,10 +494,8 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
                 collect8_c1(src, srcStride, b, c1_buffers, j - plain.lo);
             } else if constexpr (N == 2) {
                 collect8_c2(b, next_pairs++);
-            } else if constexpr (N == 3) {
-                pack8(b, next_pack++);
             } else {
-                collect8_c4(b, next_floats++);
+                collect8_pairs(b, next_floats++);
             }
         };
         // Blocks of eight from the span's start; the last one ends at the
@@ -589,7 +504,6 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             int j = plain.lo;
             for (; j + 8 <= plain.hi; j += 8) run(j, float_offsets);
             if (j < plain.hi) run(plain.hi - 8, float_offsets);
-            next_pack = packed.get();
             next_floats = floats.get();
             next_pairs = pairs.get();
             auto blend = [&](int col) {
@@ -597,10 +511,9 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
                     blend8_c1(c1_buffers, col - plain.lo, out + col);
                 } else if constexpr (N == 2) {
                     blend8_c2(src, src + srcStride, *next_pairs++, out + 2 * static_cast<ptrdiff_t>(col));
-                } else if constexpr (N == 3) {
-                    blend8_c3(src, lower, *next_pack++, out + static_cast<ptrdiff_t>(col) * 3);
                 } else {
-                    blend8_c4(src, src + srcStride, *next_floats++, out + static_cast<ptrdiff_t>(col) * 4);
+                    blend8_f<N>(src, src + srcStride - (4 - N) * 2, *next_floats++,
+                                out + static_cast<ptrdiff_t>(col) * N);
                 }
             };
             for (j = plain.lo; j + 8 <= plain.hi; j += 8) blend(j);
