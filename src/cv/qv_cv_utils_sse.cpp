@@ -405,6 +405,9 @@ inline void blend8_c2(const unsigned char* src, const unsigned char* lower, cons
 
 // ---- the driver shared by the four kernels -----------------------------------
 
+// Columns done per pass pair.
+constexpr int kPiece = 256;
+
 template <int N>
 void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeight, int dstWidth,
                         int dstStride, unsigned char* dst, const unsigned char* src, const float* M,
@@ -487,37 +490,45 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
         const __m256 steps = _mm256_setr_ps(0, 1, 2, 3, 4, 5, 6, 7);
         Floats8* next_floats = floats.get();
         Pairs8* next_pairs = pairs.get();
+        int base = 0;  // first column of the piece being done; buffers are indexed from it
         auto run = [&](int j, auto float_offsets) {
             const Block8 b = block8(_mm256_add_ps(_mm256_set1_ps(static_cast<float>(j)), steps), m0, m3, bxv, byv,
                                     stride_v, N, decltype(float_offsets)::value);
             if constexpr (N == 1) {
-                collect8_c1(src, srcStride, b, c1_buffers, j - plain.lo);
+                collect8_c1(src, srcStride, b, c1_buffers, j - base);
             } else if constexpr (N == 2) {
                 collect8_c2(b, next_pairs++);
             } else {
                 collect8_pairs(b, next_floats++);
             }
         };
-        // Blocks of eight from the span's start; the last one ends at the
-        // span's end, recomputing a few columns.
+        auto blend = [&](int col) {
+            if constexpr (N == 1) {
+                blend8_c1(c1_buffers, col - base, out + col);
+            } else if constexpr (N == 2) {
+                blend8_c2(src, src + srcStride, *next_pairs++, out + 2 * static_cast<ptrdiff_t>(col));
+            } else {
+                blend8_f<N>(src, src + srcStride - (4 - N) * 2, *next_floats++, out + static_cast<ptrdiff_t>(col) * N);
+            }
+        };
+        // The span in pieces of up to kPiece columns, so that the buffers
+        // stay in the first-level cache between the two passes; blocks of
+        // eight from a piece's start, the last one ending at the span's end
+        // (recomputing a few columns).
         auto span = [&](auto float_offsets) {
-            int j = plain.lo;
-            for (; j + 8 <= plain.hi; j += 8) run(j, float_offsets);
-            if (j < plain.hi) run(plain.hi - 8, float_offsets);
-            next_floats = floats.get();
-            next_pairs = pairs.get();
-            auto blend = [&](int col) {
-                if constexpr (N == 1) {
-                    blend8_c1(c1_buffers, col - plain.lo, out + col);
-                } else if constexpr (N == 2) {
-                    blend8_c2(src, src + srcStride, *next_pairs++, out + 2 * static_cast<ptrdiff_t>(col));
-                } else {
-                    blend8_f<N>(src, src + srcStride - (4 - N) * 2, *next_floats++,
-                                out + static_cast<ptrdiff_t>(col) * N);
-                }
-            };
-            for (j = plain.lo; j + 8 <= plain.hi; j += 8) blend(j);
-            if (j < plain.hi) blend(plain.hi - 8);
+            for (int from = plain.lo; from < plain.hi; from += kPiece) {
+                const int to = std::min(plain.hi, from + kPiece);
+                base = std::max(plain.lo, std::min(from, to - 8));
+                next_floats = floats.get();
+                next_pairs = pairs.get();
+                int j = from;
+                for (; j + 8 <= to; j += 8) run(j, float_offsets);
+                if (j < to) run(to - 8, float_offsets);
+                next_floats = floats.get();
+                next_pairs = pairs.get();
+                for (j = from; j + 8 <= to; j += 8) blend(j);
+                if (j < to) blend(to - 8);
+            }
         };
         if (float_stride) {
             span(std::true_type{});
