@@ -348,30 +348,30 @@ inline void blend8_f(const unsigned char* src, const unsigned char* lower, const
     }
 }
 
-// Two channels: two pixels share a vector. A pixel's row of samples is four
-// bytes (s00 c0 c1, s10 c0 c1), its weights (w00 w00 w10 w10); the channel
-// sums are the two halves of each pixel's four lanes added.
-// A block's offsets and weights side by side, reached from one pointer.
+// Two channels: pixels i and i + 4 share a vector, one a half. A pixel's
+// row of samples is four bytes (s00 c0 c1, s10 c0 c1), its weights (w00 w00
+// w10 w10), built with in-lane shuffles only; the channel sums are the two
+// halves of each pixel's four lanes added. A block's offsets and weights lie
+// side by side, reached from one pointer.
 struct Pairs8 {
     __m256i off;
-    __m256 top[4], bottom[4];  // pixels 0 1 | 2 3 | 4 5 | 6 7, four floats each
+    __m256 top[4], bottom[4];  // pixel pairs (0 4) (1 5) (2 6) (3 7)
 };
 
 inline void collect8_c2(const Block8& b, Pairs8* out) {
     _mm256_store_si256(&out->off, b.off);
-    const __m256i first = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3), second = _mm256_setr_epi32(4, 4, 5, 5, 6, 6, 7, 7);
-    const __m256 t_lo = _mm256_unpacklo_ps(b.w00, b.w10), t_hi = _mm256_unpackhi_ps(b.w00, b.w10);
-    const __m256 u_lo = _mm256_unpacklo_ps(b.w01, b.w11), u_hi = _mm256_unpackhi_ps(b.w01, b.w11);
+    const __m256 t_a = _mm256_unpacklo_ps(b.w00, b.w10), t_b = _mm256_unpackhi_ps(b.w00, b.w10);
+    const __m256 u_a = _mm256_unpacklo_ps(b.w01, b.w11), u_b = _mm256_unpackhi_ps(b.w01, b.w11);
     float* t = reinterpret_cast<float*>(out->top);
     float* u = reinterpret_cast<float*>(out->bottom);
-    _mm256_store_ps(t, _mm256_permutevar8x32_ps(t_lo, first));
-    _mm256_store_ps(t + 8, _mm256_permutevar8x32_ps(t_hi, first));
-    _mm256_store_ps(t + 16, _mm256_permutevar8x32_ps(t_lo, second));
-    _mm256_store_ps(t + 24, _mm256_permutevar8x32_ps(t_hi, second));
-    _mm256_store_ps(u, _mm256_permutevar8x32_ps(u_lo, first));
-    _mm256_store_ps(u + 8, _mm256_permutevar8x32_ps(u_hi, first));
-    _mm256_store_ps(u + 16, _mm256_permutevar8x32_ps(u_lo, second));
-    _mm256_store_ps(u + 24, _mm256_permutevar8x32_ps(u_hi, second));
+    _mm256_store_ps(t, _mm256_unpacklo_ps(t_a, t_a));
+    _mm256_store_ps(t + 8, _mm256_unpackhi_ps(t_a, t_a));
+    _mm256_store_ps(t + 16, _mm256_unpacklo_ps(t_b, t_b));
+    _mm256_store_ps(t + 24, _mm256_unpackhi_ps(t_b, t_b));
+    _mm256_store_ps(u, _mm256_unpacklo_ps(u_a, u_a));
+    _mm256_store_ps(u + 8, _mm256_unpackhi_ps(u_a, u_a));
+    _mm256_store_ps(u + 16, _mm256_unpacklo_ps(u_b, u_b));
+    _mm256_store_ps(u + 24, _mm256_unpackhi_ps(u_b, u_b));
 }
 
 inline __m256 two_rows_c2(const unsigned char* a, const unsigned char* b) {
@@ -388,19 +388,19 @@ inline void blend8_c2(const unsigned char* src, const unsigned char* lower, cons
     __m256 pair[4];
 #pragma GCC unroll 4
     for (int q = 0; q < 4; ++q) {
-        const uint32_t o0 = off[2 * q], o1 = off[2 * q + 1];
+        const uint32_t o0 = off[q], o1 = off[q + 4];
         const __m256 top = two_rows_c2(src + o0, src + o1), bottom = two_rows_c2(lower + o0, lower + o1);
         const __m256 acc = _mm256_fmadd_ps(top, w.top[q], _mm256_fmadd_ps(bottom, w.bottom[q], half));
-        // Lanes 0, 1 of each half: (c0, c1) of pixel 2q (low) and 2q + 1 (high).
+        // Lanes 0, 1 of each half: (c0, c1) of pixel q (low) and q + 4 (high).
         pair[q] = _mm256_add_ps(acc, _mm256_permute_ps(acc, 0x4e));
     }
-    // (p0 p2 | p1 p3) and (p4 p6 | p5 p7), two lanes a pixel.
+    // (p0 p1 | p4 p5) and (p2 p3 | p6 p7), two lanes a pixel; then words in
+    // pixel order (p0 .. p3 | p4 .. p7) and bytes.
     const __m256i a = finish(_mm256_shuffle_ps(pair[0], pair[1], 0x44));
     const __m256i b = finish(_mm256_shuffle_ps(pair[2], pair[3], 0x44));
-    const __m256i words = _mm256_packus_epi16(_mm256_packus_epi32(a, b), _mm256_setzero_si256());
-    // Words (p0 p2 p4 p6 | p1 p3 p5 p7) -> p0 .. p7.
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
-                     _mm_unpacklo_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1)));
+    const __m256i words = _mm256_packus_epi32(a, b);
+    const __m256i bytes = _mm256_permute4x64_epi64(_mm256_packus_epi16(words, words), 0x08);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(bytes));
 }
 
 // ---- the driver shared by the four kernels -----------------------------------
