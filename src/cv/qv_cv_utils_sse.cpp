@@ -281,12 +281,12 @@ inline void store8_c3(__m256i px, unsigned char* out) {
 // one 8-byte pair a row, with the block's offsets, all reached from one
 // pointer: the blend broadcasts a pair straight from memory.
 struct Floats8 {
-    __m256i off;
+    alignas(32) uint32_t off[8];
     __m256 top_a, top_b, bot_a, bot_b;  // pairs of pixels 0 1 | 4 5 (a) and 2 3 | 6 7 (b)
 };
 
 inline void collect8_pairs(const Block8& b, Floats8* out) {
-    _mm256_store_si256(&out->off, b.off);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(out->off), b.off);
     _mm256_store_ps(reinterpret_cast<float*>(&out->top_a), _mm256_unpacklo_ps(b.w00, b.w10));
     _mm256_store_ps(reinterpret_cast<float*>(&out->top_b), _mm256_unpackhi_ps(b.w00, b.w10));
     _mm256_store_ps(reinterpret_cast<float*>(&out->bot_a), _mm256_unpacklo_ps(b.w01, b.w11));
@@ -320,7 +320,7 @@ inline __m256 weight_pair(const __m256* v, int slot) {
 template <int N>
 inline void blend8_f(const unsigned char* src, const unsigned char* lower, const Floats8& b, unsigned char* out) {
     const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the left and right lanes
-    const uint32_t* off = reinterpret_cast<const uint32_t*>(&b.off);
+    const uint32_t* off = b.off;
     __m256 acc[8];
 #pragma GCC unroll 8
     for (int i = 0; i < 8; ++i) {
@@ -354,12 +354,12 @@ inline void blend8_f(const unsigned char* src, const unsigned char* lower, const
 // halves of each pixel's four lanes added. A block's offsets and weights lie
 // side by side, reached from one pointer.
 struct Pairs8 {
-    __m256i off;
+    alignas(32) uint32_t off[8];
     __m256 top[4], bottom[4];  // pixel pairs (0 4) (1 5) (2 6) (3 7)
 };
 
 inline void collect8_c2(const Block8& b, Pairs8* out) {
-    _mm256_store_si256(&out->off, b.off);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(out->off), b.off);
     const __m256 t_a = _mm256_unpacklo_ps(b.w00, b.w10), t_b = _mm256_unpackhi_ps(b.w00, b.w10);
     const __m256 u_a = _mm256_unpacklo_ps(b.w01, b.w11), u_b = _mm256_unpackhi_ps(b.w01, b.w11);
     float* t = reinterpret_cast<float*>(out->top);
@@ -384,7 +384,7 @@ inline __m256 two_rows_c2(const unsigned char* a, const unsigned char* b) {
 // negative, so they index unsigned.
 inline void blend8_c2(const unsigned char* src, const unsigned char* lower, const Pairs8& w, unsigned char* out) {
     const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the two lanes of a channel
-    const uint32_t* off = reinterpret_cast<const uint32_t*>(&w.off);
+    const uint32_t* off = w.off;
     __m256 pair[4];
 #pragma GCC unroll 4
     for (int q = 0; q < 4; ++q) {
