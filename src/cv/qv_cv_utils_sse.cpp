@@ -232,9 +232,8 @@ inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, R
     _mm256_storeu_ps(buf.w10 + k, b.w10);
     _mm256_storeu_ps(buf.w01 + k, b.w01);
     _mm256_storeu_ps(buf.w11 + k, b.w11);
-    // Offsets in the plain span are never negative: unsigned, they index
-    // without a sign extension.
-    // Two offsets a 64-bit move out of the vector.
+    // Two offsets a 64-bit move out of the vector. Offsets in the plain span
+    // are never negative: unsigned, they index without a sign extension.
     const __m128i lo = _mm256_castsi256_si128(b.off), hi = _mm256_extracti128_si256(b.off, 1);
     const uint64_t q[4] = {static_cast<uint64_t>(_mm_cvtsi128_si64(lo)), static_cast<uint64_t>(_mm_extract_epi64(lo, 1)),
                            static_cast<uint64_t>(_mm_cvtsi128_si64(hi)), static_cast<uint64_t>(_mm_extract_epi64(hi, 1))};
@@ -333,7 +332,8 @@ inline void blend8_f(const unsigned char* src, const unsigned char* lower, const
     }
     __m256i r[4];
     for (int q = 0; q < 4; ++q) {
-        // Left and right lanes summed: (p c0 c1, p' c0 c1 | p c2 c3, p' c2 c3) for p = 2q, p' = 2q + 1.
+        // Left and right lanes summed, exactly (integers whose sum stays
+        // below 2^24): (p c0 c1, p' c0 c1 | p c2 c3, p' c2 c3), p = 2q, p' = 2q + 1.
         r[q] = finish(_mm256_hadd_ps(acc[2 * q], acc[2 * q + 1]));
     }
     // Bytes: (p0 .. p7 channels 0 1 | p0 .. p7 channels 2 3), two bytes a pixel.
