@@ -238,6 +238,24 @@ TEST_P(FixedWarp, ReadsAndWritesNothingOutsideTheBuffers) {
     }
 }
 
+TEST_P(FixedWarp, RowsLongerThanOnePieceMatchPlainDefinition) {
+    // The kernels work through long rows in pieces of 256 columns: widths on
+    // both sides of one and two pieces, some leaving a last piece shorter
+    // than a block of eight. Every column samples well inside the source.
+    const int N = GetParam();
+    std::mt19937 rng(99 + N);
+    const int sw = 300, sh = 40, dh = 4;
+    const Bytes src = RandomBytes(rng, static_cast<size_t>(sw) * N * sh);
+    const float M[6] = {0.55f, 0.02f, 0.3f, -0.01f, 0.9f, 5.2f};
+    for (int dw : {255, 256, 257, 259, 263, 264, 270, 511, 515, 520}) {
+        const Bytes before = RandomBytes(rng, static_cast<size_t>(dw) * N * dh);
+        Bytes got = before, want = before;
+        kFixedWarp[N](sh, sw, sw * N, N, dh, dw, dw * N, got.data(), src.data(), M, 0x44332211u);
+        RefFixedWarp(N, sh, sw, sw * N, dh, dw, dw * N, want.data(), src.data(), M, 0x44332211u);
+        ASSERT_EQ(got, want) << "C" << N << " width " << dw;
+    }
+}
+
 TEST_P(FixedWarp, BothSamplersCloseToOpenCVOnSmoothImages) {
     // OpenCV quantises positions to 1/32 pixel; on a smooth image that moves
     // a sample by at most one or two levels, and the float sampler's

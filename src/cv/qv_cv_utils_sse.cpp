@@ -232,12 +232,17 @@ inline void collect8_c1(const unsigned char* src, int stride, const Block8& b, R
     _mm256_storeu_ps(buf.w10 + k, b.w10);
     _mm256_storeu_ps(buf.w01 + k, b.w01);
     _mm256_storeu_ps(buf.w11 + k, b.w11);
-    alignas(32) int32_t off[8];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(off), b.off);
+    // Two offsets a 64-bit move out of the vector. Offsets in the plain span
+    // are never negative: unsigned, they index without a sign extension.
+    const __m128i lo = _mm256_castsi256_si128(b.off), hi = _mm256_extracti128_si256(b.off, 1);
+    const uint64_t q[4] = {static_cast<uint64_t>(_mm_cvtsi128_si64(lo)), static_cast<uint64_t>(_mm_extract_epi64(lo, 1)),
+                           static_cast<uint64_t>(_mm_cvtsi128_si64(hi)), static_cast<uint64_t>(_mm_extract_epi64(hi, 1))};
     uint16_t* t = buf.taps + 2 * k;
+    const unsigned char* lower = src + stride;
     for (int i = 0; i < 8; ++i) {
-        std::memcpy(t + 2 * i, src + off[i], 2);
-        std::memcpy(t + 2 * i + 1, src + off[i] + stride, 2);
+        const uint32_t off = static_cast<uint32_t>(q[i / 2] >> (32 * (i % 2)));
+        std::memcpy(t + 2 * i, src + off, 2);
+        std::memcpy(t + 2 * i + 1, lower + off, 2);
     }
 }
 
@@ -256,35 +261,8 @@ inline void blend8_c1(RowPointers buf, int k, unsigned char* out) {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(q, q));
 }
 
-// Three and four channels. One pixel's row pair of samples (left | right),
-// each spread over four 32-bit lanes, zero past N. The three-channel lower
-// row is read two bytes early so no read passes the sample's last byte.
-template <int N>
-inline __m256 row_pair(const unsigned char* p);
-
-template <>
-inline __m256 row_pair<4>(const unsigned char* p) {
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
-}
-
-template <int Back>
-inline __m256 row_pair3(const unsigned char* p) {
-    const __m128i v = _mm_shuffle_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p - Back)),
-                                       _mm_setr_epi8(Back, Back + 1, Back + 2, -1, Back + 3, Back + 4, Back + 5, -1,
-                                                     -1, -1, -1, -1, -1, -1, -1, -1));
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(v));
-}
-
-template <int N>
-inline void plainn_store(__m256i px, unsigned char* out);
-
-template <>
-inline void plainn_store<4>(__m256i px, unsigned char* out) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), px);
-}
-
-template <>
-inline void plainn_store<3>(__m256i px, unsigned char* out) {
+// Eight three-channel pixels from four bytes a pixel.
+inline void store8_c3(__m256i px, unsigned char* out) {
     // Drop every fourth byte; exactly 24 bytes stored.
     const __m256i packed = _mm256_shuffle_epi8(
         px, _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,
@@ -294,119 +272,141 @@ inline void plainn_store<3>(__m256i px, unsigned char* out) {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16), _mm256_extracti128_si256(q, 1));
 }
 
-// Two to four channels, also in two passes: the first stores each pixel's
-// sample offset and weights, the second reads the samples and blends.
-struct RowBuffersN {
-    explicit RowBuffersN(int width)
-        : store(new float[17 * static_cast<size_t>(width) + 8]),
-          top(store.get()),
-          bottom(top + 8 * static_cast<size_t>(width)),
-          off(reinterpret_cast<int32_t*>(bottom + 8 * static_cast<size_t>(width))),
-          width(width) {}
-    std::unique_ptr<float[]> store;
-    float *top, *bottom;
-    int32_t* off;
-    int width;
+// Two to four channels also run in two passes: the first stores each
+// block's sample offsets and weights, the second reads the samples and
+// blends.
+
+// Three and four channels keep each pixel's weights as (left, right) pairs,
+// one 8-byte pair a row, with the block's offsets, all reached from one
+// pointer: the blend broadcasts a pair straight from memory.
+struct Floats8 {
+    alignas(32) uint32_t off[8];
+    __m256 top_a, top_b, bot_a, bot_b;  // pairs of pixels 0 1 | 4 5 (a) and 2 3 | 6 7 (b)
 };
 
-// Three and four channels keep the four weights as they come, one array
-// each (w00 w10 in `top`, w01 w11 in `bottom`); the blend broadcasts them
-// from memory, which costs load slots rather than shuffles.
-inline void collect8_cn(const Block8& b, RowBuffersN& buf, int k) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf.off + k), b.off);
-    _mm256_storeu_ps(buf.top + k, b.w00);
-    _mm256_storeu_ps(buf.top + buf.width + k, b.w10);
-    _mm256_storeu_ps(buf.bottom + k, b.w01);
-    _mm256_storeu_ps(buf.bottom + buf.width + k, b.w11);
+inline void collect8_pairs(const Block8& b, Floats8* out) {
+    _mm256_store_si256(reinterpret_cast<__m256i*>(out->off), b.off);
+    _mm256_store_ps(reinterpret_cast<float*>(&out->top_a), _mm256_unpacklo_ps(b.w00, b.w10));
+    _mm256_store_ps(reinterpret_cast<float*>(&out->top_b), _mm256_unpackhi_ps(b.w00, b.w10));
+    _mm256_store_ps(reinterpret_cast<float*>(&out->bot_a), _mm256_unpacklo_ps(b.w01, b.w11));
+    _mm256_store_ps(reinterpret_cast<float*>(&out->bot_b), _mm256_unpackhi_ps(b.w01, b.w11));
 }
 
-// (a x4 | b x4) from two floats in memory.
-inline __m256 halves(const float* a, const float* b) {
-    return _mm256_blend_ps(_mm256_broadcast_ss(a), _mm256_broadcast_ss(b), 0xF0);
+// A row pair of three- or four-channel samples, left and right interleaved
+// per channel: (L0 R0 L1 R1 | L2 R2 L3 R3), from one broadcast and one
+// in-lane shuffle; a fourth channel of three-channel pixels reads zero. The
+// three-channel pair starts at byte `first` of the 8 bytes read.
+template <int N, int first>
+inline __m256 row_pair(const unsigned char* p) {
+    int64_t v;
+    std::memcpy(&v, p, 8);
+    constexpr int l3 = N == 4 ? first + 3 : -1, r3 = N == 4 ? first + 7 : -1;
+    const __m256i spread = _mm256_setr_epi8(first, -1, -1, -1, first + N, -1, -1, -1, first + 1, -1, -1, -1,
+                                            first + N + 1, -1, -1, -1, first + 2, -1, -1, -1, first + N + 2, -1, -1,
+                                            -1, l3, -1, -1, -1, r3, -1, -1, -1);
+    return _mm256_cvtepi32_ps(_mm256_shuffle_epi8(_mm256_set1_epi64x(v), spread));
 }
 
+// A (left, right) weight pair repeated over the four channels.
+inline __m256 weight_pair(const __m256* v, int slot) {
+    return _mm256_castpd_ps(_mm256_broadcast_sd(reinterpret_cast<const double*>(v) + slot));
+}
+
+// `lower` is the source one row down (2 bytes early for three channels,
+// whose upper pair is read 2 bytes late: both reads stay within the
+// sample's two rows, as a row holds at least two pixels). Offsets in the
+// plain span are never negative, so they index unsigned.
 template <int N>
-inline void blend8_cn(const unsigned char* src, int stride, const RowBuffersN& buf, int k, unsigned char* out) {
-    const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the two halves
+inline void blend8_f(const unsigned char* src, const unsigned char* lower, const Floats8& b, unsigned char* out) {
+    const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the left and right lanes
+    const uint32_t* off = b.off;
     __m256 acc[8];
 #pragma GCC unroll 8
     for (int i = 0; i < 8; ++i) {
-        const unsigned char* p = src + buf.off[k + i];
-        __m256 top, bottom;
-        if constexpr (N == 3) {
-            top = row_pair3<0>(p);
-            bottom = row_pair3<2>(p + stride);
-        } else {
-            top = row_pair<N>(p);
-            bottom = row_pair<N>(p + stride);
-        }
-        // (s00 * w00 | s10 * w10) + (s01 * w01 | s11 * w11) + 16384, per channel lane.
-        const int at = k + i;
-        acc[i] = _mm256_fmadd_ps(top, halves(buf.top + at, buf.top + buf.width + at),
-                                 _mm256_fmadd_ps(bottom, halves(buf.bottom + at, buf.bottom + buf.width + at), half));
+        // Where pixel i's pairs lie: pixels 0 1 4 5 in the a vectors, 2 3 6 7 in the b ones.
+        const bool in_b = (i & 2) != 0;
+        const int slot = (i & 1) + ((i & 4) >> 1);
+        const __m256 top = row_pair<N, 0>(src + off[i]), bottom = row_pair<N, 2 * (4 - N)>(lower + off[i]);
+        acc[i] = _mm256_fmadd_ps(top, weight_pair(in_b ? &b.top_b : &b.top_a, slot),
+                                 _mm256_fmadd_ps(bottom, weight_pair(in_b ? &b.bot_b : &b.bot_a, slot), half));
     }
     __m256i r[4];
     for (int q = 0; q < 4; ++q) {
-        const __m256 a = acc[2 * q], c = acc[2 * q + 1];
-        // Halves summed: pixel 2q in the low half, 2q + 1 in the high one.
-        r[q] = finish(_mm256_add_ps(_mm256_permute2f128_ps(a, c, 0x20), _mm256_permute2f128_ps(a, c, 0x31)));
+        // Left and right lanes summed, exactly (integers whose sum stays
+        // below 2^24): (p c0 c1, p' c0 c1 | p c2 c3, p' c2 c3), p = 2q, p' = 2q + 1.
+        r[q] = finish(_mm256_hadd_ps(acc[2 * q], acc[2 * q + 1]));
     }
-    // packus: (p0 p2 p4 p6 | p1 p3 p5 p7) per 32-bit group -> pixel order.
+    // Bytes: (p0 .. p7 channels 0 1 | p0 .. p7 channels 2 3), two bytes a pixel.
     const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(r[0], r[1]), _mm256_packus_epi32(r[2], r[3]));
-    plainn_store<N>(_mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)), out);
+    const __m128i c01 = _mm256_castsi256_si128(bytes), c23 = _mm256_extracti128_si256(bytes, 1);
+    const __m128i p0123 = _mm_unpacklo_epi16(c01, c23), p4567 = _mm_unpackhi_epi16(c01, c23);
+    if constexpr (N == 4) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), p0123);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16), p4567);
+    } else {
+        store8_c3(_mm256_inserti128_si256(_mm256_castsi128_si256(p0123), p4567, 1), out);
+    }
 }
 
-// Two channels: two pixels share a vector. A pixel's row of samples is four
-// bytes (s00 c0 c1, s10 c0 c1), its weights (w00 w00 w10 w10); the channel
-// sums are the two halves of each pixel's four lanes added.
-inline void collect8_c2(const Block8& b, RowBuffersN& buf, int k) {
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf.off + k), b.off);
-    const __m256i first = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3), second = _mm256_setr_epi32(4, 4, 5, 5, 6, 6, 7, 7);
-    const __m256 t_lo = _mm256_unpacklo_ps(b.w00, b.w10), t_hi = _mm256_unpackhi_ps(b.w00, b.w10);
-    const __m256 u_lo = _mm256_unpacklo_ps(b.w01, b.w11), u_hi = _mm256_unpackhi_ps(b.w01, b.w11);
-    // Pixels 0 1 | 2 3 | 4 5 | 6 7, four floats each.
-    float* t = buf.top + 4 * k;
-    float* u = buf.bottom + 4 * k;
-    _mm256_storeu_ps(t, _mm256_permutevar8x32_ps(t_lo, first));
-    _mm256_storeu_ps(t + 8, _mm256_permutevar8x32_ps(t_hi, first));
-    _mm256_storeu_ps(t + 16, _mm256_permutevar8x32_ps(t_lo, second));
-    _mm256_storeu_ps(t + 24, _mm256_permutevar8x32_ps(t_hi, second));
-    _mm256_storeu_ps(u, _mm256_permutevar8x32_ps(u_lo, first));
-    _mm256_storeu_ps(u + 8, _mm256_permutevar8x32_ps(u_hi, first));
-    _mm256_storeu_ps(u + 16, _mm256_permutevar8x32_ps(u_lo, second));
-    _mm256_storeu_ps(u + 24, _mm256_permutevar8x32_ps(u_hi, second));
+// Two channels: pixels i and i + 4 share a vector, one a half. A pixel's
+// row of samples is four bytes (s00 c0 c1, s10 c0 c1), its weights (w00 w00
+// w10 w10), built with in-lane shuffles only; the channel sums are the two
+// halves of each pixel's four lanes added. A block's offsets and weights lie
+// side by side, reached from one pointer.
+struct Pairs8 {
+    alignas(32) uint32_t off[8];
+    __m256 top[4], bottom[4];  // pixel pairs (0 4) (1 5) (2 6) (3 7)
+};
+
+inline void collect8_c2(const Block8& b, Pairs8* out) {
+    _mm256_store_si256(reinterpret_cast<__m256i*>(out->off), b.off);
+    const __m256 t_a = _mm256_unpacklo_ps(b.w00, b.w10), t_b = _mm256_unpackhi_ps(b.w00, b.w10);
+    const __m256 u_a = _mm256_unpacklo_ps(b.w01, b.w11), u_b = _mm256_unpackhi_ps(b.w01, b.w11);
+    float* t = reinterpret_cast<float*>(out->top);
+    float* u = reinterpret_cast<float*>(out->bottom);
+    _mm256_store_ps(t, _mm256_unpacklo_ps(t_a, t_a));
+    _mm256_store_ps(t + 8, _mm256_unpackhi_ps(t_a, t_a));
+    _mm256_store_ps(t + 16, _mm256_unpacklo_ps(t_b, t_b));
+    _mm256_store_ps(t + 24, _mm256_unpackhi_ps(t_b, t_b));
+    _mm256_store_ps(u, _mm256_unpacklo_ps(u_a, u_a));
+    _mm256_store_ps(u + 8, _mm256_unpackhi_ps(u_a, u_a));
+    _mm256_store_ps(u + 16, _mm256_unpacklo_ps(u_b, u_b));
+    _mm256_store_ps(u + 24, _mm256_unpackhi_ps(u_b, u_b));
 }
 
 inline __m256 two_rows_c2(const unsigned char* a, const unsigned char* b) {
-    int32_t x, y;
-    std::memcpy(&x, a, 4);
+    int32_t y;
     std::memcpy(&y, b, 4);
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_unpacklo_epi32(_mm_cvtsi32_si128(x), _mm_cvtsi32_si128(y))));
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_insert_epi32(_mm_loadu_si32(a), y, 1)));
 }
 
-inline void blend8_c2(const unsigned char* src, int stride, const RowBuffersN& buf, int k, unsigned char* out) {
+// `lower` is the source one row down; offsets in the plain span are never
+// negative, so they index unsigned.
+inline void blend8_c2(const unsigned char* src, const unsigned char* lower, const Pairs8& w, unsigned char* out) {
     const __m256 half = _mm256_set1_ps(16384.0f);  // 32768 split over the two lanes of a channel
+    const uint32_t* off = w.off;
     __m256 pair[4];
 #pragma GCC unroll 4
     for (int q = 0; q < 4; ++q) {
-        const unsigned char* p0 = src + buf.off[k + 2 * q];
-        const unsigned char* p1 = src + buf.off[k + 2 * q + 1];
-        const __m256 top = two_rows_c2(p0, p1), bottom = two_rows_c2(p0 + stride, p1 + stride);
-        const __m256 acc = _mm256_fmadd_ps(top, _mm256_loadu_ps(buf.top + 4 * k + 8 * q),
-                                           _mm256_fmadd_ps(bottom, _mm256_loadu_ps(buf.bottom + 4 * k + 8 * q), half));
-        // Lanes 0, 1 of each half: (c0, c1) of pixel 2q (low) and 2q + 1 (high).
+        const uint32_t o0 = off[q], o1 = off[q + 4];
+        const __m256 top = two_rows_c2(src + o0, src + o1), bottom = two_rows_c2(lower + o0, lower + o1);
+        const __m256 acc = _mm256_fmadd_ps(top, w.top[q], _mm256_fmadd_ps(bottom, w.bottom[q], half));
+        // Lanes 0, 1 of each half: (c0, c1) of pixel q (low) and q + 4 (high).
         pair[q] = _mm256_add_ps(acc, _mm256_permute_ps(acc, 0x4e));
     }
-    // (p0 p2 | p1 p3) and (p4 p6 | p5 p7), two lanes a pixel.
+    // (p0 p1 | p4 p5) and (p2 p3 | p6 p7), two lanes a pixel; then words in
+    // pixel order (p0 .. p3 | p4 .. p7) and bytes.
     const __m256i a = finish(_mm256_shuffle_ps(pair[0], pair[1], 0x44));
     const __m256i b = finish(_mm256_shuffle_ps(pair[2], pair[3], 0x44));
-    const __m256i w = _mm256_packus_epi16(_mm256_packus_epi32(a, b), _mm256_setzero_si256());
-    // Words (p0 p2 p4 p6 | p1 p3 p5 p7) -> p0 .. p7.
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
-                     _mm_unpacklo_epi16(_mm256_castsi256_si128(w), _mm256_extracti128_si256(w, 1)));
+    const __m256i words = _mm256_packus_epi32(a, b);
+    const __m256i bytes = _mm256_permute4x64_epi64(_mm256_packus_epi16(words, words), 0x08);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(bytes));
 }
 
 // ---- the driver shared by the four kernels -----------------------------------
+
+// Columns done per pass pair.
+constexpr int kPiece = 256;
 
 template <int N>
 void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeight, int dstWidth,
@@ -435,13 +435,16 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
     const auto plain_low = [](float v) { return v >= 0.0f; };
     const bool finite_slopes = std::isfinite(M[0]) && std::isfinite(M[3]);
     std::unique_ptr<RowBuffers> row_buffers;
-    std::unique_ptr<RowBuffersN> row_buffers_n;
+    std::unique_ptr<Pairs8[]> pairs;
+    std::unique_ptr<Floats8[]> floats;
     RowPointers c1_buffers{};
     if (N == 1) {
         row_buffers.reset(new RowBuffers(dstWidth));
         c1_buffers = {row_buffers->w00, row_buffers->w10, row_buffers->w01, row_buffers->w11, row_buffers->taps};
+    } else if (N == 2) {
+        pairs.reset(new Pairs8[dstWidth / 8 + 1]);
     } else {
-        row_buffers_n.reset(new RowBuffersN(dstWidth));
+        floats.reset(new Floats8[dstWidth / 8 + 1]);
     }
 
     for (int y = 0; y < dstHeight; ++y) {
@@ -459,8 +462,14 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             one_by_one(0, dstWidth);  // no monotone plan
             continue;
         }
-        const Span inside = intersect(axis_span(M[0], bx, -1.0f, inside_low, wlim, dstWidth),
-                                      axis_span(M[3], by, -1.0f, inside_low, hlim, dstWidth));
+        // Plain implies inside: a row that is plain throughout (a region well
+        // within the source) needs no second plan.
+        Span plain = intersect(axis_span(M[0], bx, 0.0f, plain_low, wlim, dstWidth),
+                               axis_span(M[3], by, 0.0f, plain_low, hlim, dstWidth));
+        const Span inside = plain.lo == 0 && plain.hi == dstWidth
+                                ? plain
+                                : intersect(axis_span(M[0], bx, -1.0f, inside_low, wlim, dstWidth),
+                                            axis_span(M[3], by, -1.0f, inside_low, hlim, dstWidth));
         if (inside.lo >= inside.hi) {
             if (N != 1)
                 for (int j = 0; j < dstWidth; ++j) store_border<N>(out + static_cast<ptrdiff_t>(j) * N, border);
@@ -470,8 +479,6 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
             for (int j = 0; j < inside.lo; ++j) store_border<N>(out + static_cast<ptrdiff_t>(j) * N, border);
             for (int j = inside.hi; j < dstWidth; ++j) store_border<N>(out + static_cast<ptrdiff_t>(j) * N, border);
         }
-        Span plain = intersect(axis_span(M[0], bx, 0.0f, plain_low, wlim, dstWidth),
-                               axis_span(M[3], by, 0.0f, plain_low, hlim, dstWidth));
         plain = intersect(plain, inside);
         if (plain.hi - plain.lo < 8) {
             one_by_one(inside.lo, inside.hi);
@@ -481,34 +488,47 @@ void warp_affine_kernel(int srcHeight, int srcWidth, int srcStride, int dstHeigh
         one_by_one(plain.hi, inside.hi);
         const __m256 bxv = _mm256_set1_ps(bx), byv = _mm256_set1_ps(by);
         const __m256 steps = _mm256_setr_ps(0, 1, 2, 3, 4, 5, 6, 7);
+        Floats8* next_floats = floats.get();
+        Pairs8* next_pairs = pairs.get();
+        int base = 0;  // first column of the piece being done; buffers are indexed from it
         auto run = [&](int j, auto float_offsets) {
             const Block8 b = block8(_mm256_add_ps(_mm256_set1_ps(static_cast<float>(j)), steps), m0, m3, bxv, byv,
                                     stride_v, N, decltype(float_offsets)::value);
             if constexpr (N == 1) {
-                collect8_c1(src, srcStride, b, c1_buffers, j - plain.lo);
+                collect8_c1(src, srcStride, b, c1_buffers, j - base);
             } else if constexpr (N == 2) {
-                collect8_c2(b, *row_buffers_n, j - plain.lo);
+                collect8_c2(b, next_pairs++);
             } else {
-                collect8_cn(b, *row_buffers_n, j - plain.lo);
+                collect8_pairs(b, next_floats++);
             }
         };
-        // Blocks of eight from the span's start; the last one ends at the
-        // span's end, recomputing a few columns.
+        auto blend = [&](int col) {
+            if constexpr (N == 1) {
+                blend8_c1(c1_buffers, col - base, out + col);
+            } else if constexpr (N == 2) {
+                blend8_c2(src, src + srcStride, *next_pairs++, out + 2 * static_cast<ptrdiff_t>(col));
+            } else {
+                blend8_f<N>(src, src + srcStride - (4 - N) * 2, *next_floats++, out + static_cast<ptrdiff_t>(col) * N);
+            }
+        };
+        // The span in pieces of up to kPiece columns, so that the buffers
+        // stay in the first-level cache between the two passes; blocks of
+        // eight from a piece's start, the last one ending at the span's end
+        // (recomputing a few columns).
         auto span = [&](auto float_offsets) {
-            int j = plain.lo;
-            for (; j + 8 <= plain.hi; j += 8) run(j, float_offsets);
-            if (j < plain.hi) run(plain.hi - 8, float_offsets);
-            auto blend = [&](int col) {
-                if constexpr (N == 1) {
-                    blend8_c1(c1_buffers, col - plain.lo, out + col);
-                } else if constexpr (N == 2) {
-                    blend8_c2(src, srcStride, *row_buffers_n, col - plain.lo, out + 2 * static_cast<ptrdiff_t>(col));
-                } else {
-                    blend8_cn<N>(src, srcStride, *row_buffers_n, col - plain.lo, out + static_cast<ptrdiff_t>(col) * N);
-                }
-            };
-            for (j = plain.lo; j + 8 <= plain.hi; j += 8) blend(j);
-            if (j < plain.hi) blend(plain.hi - 8);
+            for (int from = plain.lo; from < plain.hi; from += kPiece) {
+                const int to = std::min(plain.hi, from + kPiece);
+                base = std::max(plain.lo, std::min(from, to - 8));
+                next_floats = floats.get();
+                next_pairs = pairs.get();
+                int j = from;
+                for (; j + 8 <= to; j += 8) run(j, float_offsets);
+                if (j < to) run(to - 8, float_offsets);
+                next_floats = floats.get();
+                next_pairs = pairs.get();
+                for (j = from; j + 8 <= to; j += 8) blend(j);
+                if (j < to) blend(to - 8);
+            }
         };
         if (float_stride) {
             span(std::true_type{});
