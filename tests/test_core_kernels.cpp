@@ -19,12 +19,14 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "test_support.h"
 
 namespace {
 
 namespace rt = quvas::runtime;
 namespace fn = quvas::kernel::functional;
 using quvas::kernel::YUVCvtMatrix;
+using qvntest::AllBytes;
 using rt::TensorPtr;
 using rt::TensorShape;
 
@@ -37,9 +39,7 @@ rt::DeviceCPU& Device() {
 // a refused call must leave alone.
 TensorPtr WithLayout(int d0, int d1, int d2, int32_t layout, int32_t type = rt::data_type::kUInt8,
                      uint8_t fill = 0xAB) {
-    TensorPtr t = Device().CreateTensor(TensorShape({d0, d1, d2}, type, layout), nullptr);
-    std::memset(t->data(), fill, t->byte_size());
-    return t;
+    return qvntest::FilledTensor(Device(), {d0, d1, d2}, layout, fill, type);
 }
 TensorPtr Hwc(int h, int w, int c, uint8_t fill = 0) { return WithLayout(h, w, c, rt::layout::kHWC, rt::data_type::kUInt8, fill); }
 TensorPtr Chw(int c, int h, int w, uint8_t fill = 0) { return WithLayout(c, h, w, rt::layout::kCHW, rt::data_type::kUInt8, fill); }
@@ -76,13 +76,6 @@ int MaxDiff(const cv::Mat& a, const cv::Mat& b) {
 bool Identical(const cv::Mat& a, const cv::Mat& b) {
     return a.size() == b.size() && a.type() == b.type() &&
            std::memcmp(a.data, b.data, a.total() * a.elemSize()) == 0;
-}
-
-bool AllBytes(const TensorPtr& t, uint8_t value) {
-    for (size_t i = 0; i < t->byte_size(); ++i) {
-        if (t->data()[i] != value) return false;
-    }
-    return true;
 }
 
 // ---------------------------------------------------------------------------
@@ -390,16 +383,22 @@ struct Refusal {
 void ExpectRefused(const Refusal& r) {
     LogCapture capture;
     r.call();
-    const std::vector<std::string> lines = capture.Take();
-    ASSERT_EQ(lines.size(), 1u) << r.message;
-    EXPECT_EQ(lines[0], r.message);
+    EXPECT_EQ(capture.Take(), std::vector<std::string>{r.message});
     if (r.watched) {
         EXPECT_TRUE(AllBytes(r.watched, 0xAB)) << r.message;
     }
 }
 
+// The refusal line: "<kernel>: src <shape> and dst <shape> do not fit: <why>",
+// a shape being "{dims} (type T, layout L)".
+std::string Misfit(const std::string& kernel, const std::string& src, const std::string& dst,
+                   const std::string& why) {
+    return kernel + ": src " + src + " and dst " + dst + " do not fit: " + why;
+}
+std::string H(const std::string& dims) { return dims + " (type 7, layout 1)"; }
+std::string C(const std::string& dims) { return dims + " (type 7, layout 0)"; }
+
 TEST(Refusals, GeometryKernels) {
-    const std::string hwc = " (type 7, layout 1)";
     TensorPtr s3 = WithLayout(4, 6, 3, rt::layout::kHWC);
     TensorPtr d_wrong = WithLayout(4, 5, 3, rt::layout::kHWC);
     TensorPtr d_turn = WithLayout(6, 4, 3, rt::layout::kHWC);
@@ -409,83 +408,65 @@ TEST(Refusals, GeometryKernels) {
     TensorPtr f32 = WithLayout(4, 6, 3, rt::layout::kHWC, rt::data_type::kFloat32);
     TensorPtr no_storage = Device().CreateTensorExternal(
         TensorShape({4, 6, 3}, rt::data_type::kUInt8, rt::layout::kHWC), nullptr);
+    const std::string s = H("{4, 6, 3}"), hw = "dst must be {H, W, C} of src";
+    const std::string image = "dst must be a u8 HWC image", crop = "F_Crop_U8_HWC_Memcpy";
+    const std::string region = "dst must be {h, w, C} of the region";
 
     const std::vector<Refusal> cases = {
         {[&] { fn::F_HFlip_HWC_Fallback(s3, d_wrong); }, d_wrong,
-         "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 5, 3}" + hwc +
-             " do not fit: dst must be {H, W, C} of src"},
+         Misfit("F_HFlip_HWC_Fallback", s, H("{4, 5, 3}"), hw)},
         {[&] { fn::F_Rotate_Clockwise90_HWC_Fallback(s3, d_same); }, d_same,
-         "F_Rotate_Clockwise90_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " do not fit: dst must be {W, H, C} of src"},
+         Misfit("F_Rotate_Clockwise90_HWC_Fallback", s, s, "dst must be {W, H, C} of src")},
         {[&] { fn::F_Rotate_Clockwise180_HWC_Fallback(s3, d_turn); }, d_turn,
-         "F_Rotate_Clockwise180_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {6, 4, 3}" + hwc +
-             " do not fit: dst must be {H, W, C} of src"},
+         Misfit("F_Rotate_Clockwise180_HWC_Fallback", s, H("{6, 4, 3}"), hw)},
         {[&] { fn::F_Rotate_Clockwise180_HWC_Fallback(nullptr, d_same); }, d_same,
-         "F_Rotate_Clockwise180_HWC_Fallback: src null and dst {4, 6, 3}" + hwc +
-             " do not fit: src must be a u8 HWC image"},
+         Misfit("F_Rotate_Clockwise180_HWC_Fallback", "null", s, "src must be a u8 HWC image")},
         {[&] { fn::F_Rotate_Clockwise90_HWC_Fallback(s3, nullptr); }, nullptr,
-         "F_Rotate_Clockwise90_HWC_Fallback: src {4, 6, 3}" + hwc +
-             " and dst null do not fit: dst must be a u8 HWC image"},
+         Misfit("F_Rotate_Clockwise90_HWC_Fallback", s, "null", image)},
         {[&] { fn::F_HFlip_HWC_Fallback(s3, f32); }, f32,
-         "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3} (type 1, layout 1)" +
-             " do not fit: dst must be a u8 HWC image"},
+         Misfit("F_HFlip_HWC_Fallback", s, "{4, 6, 3} (type 1, layout 1)", image)},
         {[&] { fn::F_VFlip_HWC_Fallback(s3, no_storage); }, nullptr,
-         "F_VFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " without storage do not fit: dst must be a u8 HWC image"},
+         Misfit("F_VFlip_HWC_Fallback", s, s + " without storage", image)},
         {[&] { fn::F_HFlip_HWC_Fallback(d_same, d_same); }, d_same,
-         "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " do not fit: src and dst share storage"},
+         Misfit("F_HFlip_HWC_Fallback", s, s, "src and dst share storage")},
         {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 4, 0, d_ch); }, d_ch,
-         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 4}" + hwc +
-             " do not fit: src and dst must have the same channels"},
-        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 5, 0, d_same); }, d_same,
-         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " do not fit: dst must be {h, w, C} of the region"},
+         Misfit(crop, s, H("{4, 6, 4}"), "src and dst must have the same channels")},
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 5, 0, d_same); }, d_same, Misfit(crop, s, s, region)},
         {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 0, 4, 0, d_same); }, d_same,  // an empty region
-         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " do not fit: dst must be {h, w, C} of the region"},
+         Misfit(crop, s, s, region)},
         {[&] { fn::F_Crop_U8_HWC_Memcpy(nullptr, 0, 0, 6, 4, 0, d_same); }, d_same,
-         "F_Crop_U8_HWC_Memcpy: src null and dst {4, 6, 3}" + hwc +
-             " do not fit: src must be a u8 HWC image"},
-        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 4, 0, chw); }, chw,
-         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {3, 4, 6} (type 7, layout 0)" +
-             " do not fit: dst must be a u8 HWC image"},
+         Misfit(crop, "null", s, "src must be a u8 HWC image")},
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 4, 0, chw); }, chw, Misfit(crop, s, C("{3, 4, 6}"), image)},
     };
     for (const Refusal& r : cases) ExpectRefused(r);
     EXPECT_TRUE(AllBytes(s3, 0xAB));
 }
 
 TEST(Refusals, ResizeKernels) {
-    const std::string hwc = " (type 7, layout 1)";
     TensorPtr c2 = WithLayout(8, 8, 2, rt::layout::kHWC);
     TensorPtr c4 = WithLayout(8, 8, 4, rt::layout::kHWC);
     TensorPtr d1 = WithLayout(3, 5, 1, rt::layout::kHWC);
     TensorPtr d4 = WithLayout(3, 5, 4, rt::layout::kHWC);
     TensorPtr plane2 = WithLayout(3, 5, 2, rt::layout::kPlane);
+    const std::string r1 = "F_Resize_Bilinear_HWC_U8_C1_Fallback";
+    const std::string r2 = "F_Resize_Bilinear_HWC_U8_C2_Fallback";
+    const std::string r4 = "F_Resize_Bilinear_HWC_U8_C4_Fallback";
     const std::vector<Refusal> cases = {
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(c2, d1); }, d1,
-         "F_Resize_Bilinear_HWC_U8_C1_Fallback: src {8, 8, 2}" + hwc + " and dst {3, 5, 1}" + hwc +
-             " do not fit: src must be a u8 HWC image of 1 channel"},
+         Misfit(r1, H("{8, 8, 2}"), H("{3, 5, 1}"), "src must be a u8 HWC image of 1 channel")},
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C2_Fallback(c2, plane2); }, plane2,
-         "F_Resize_Bilinear_HWC_U8_C2_Fallback: src {8, 8, 2}" + hwc +
-             " and dst {3, 5, 2} (type 7, layout 23) do not fit: dst must be a u8 HWC image of 2 "
-             "channels"},
+         Misfit(r2, H("{8, 8, 2}"), "{3, 5, 2} (type 7, layout 23)", "dst must be a u8 HWC image of 2 channels")},
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(c4, d1); }, d1,
-         "F_Resize_Bilinear_HWC_U8_C4_Fallback: src {8, 8, 4}" + hwc + " and dst {3, 5, 1}" + hwc +
-             " do not fit: dst must be a u8 HWC image of 4 channels"},
+         Misfit(r4, H("{8, 8, 4}"), H("{3, 5, 1}"), "dst must be a u8 HWC image of 4 channels")},
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(nullptr, d4); }, d4,
-         "F_Resize_Bilinear_HWC_U8_C4_Fallback: src null and dst {3, 5, 4}" + hwc +
-             " do not fit: src must be a u8 HWC image of 4 channels"},
+         Misfit(r4, "null", H("{3, 5, 4}"), "src must be a u8 HWC image of 4 channels")},
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(c4, c4); }, c4,
-         "F_Resize_Bilinear_HWC_U8_C4_Fallback: src {8, 8, 4}" + hwc + " and dst {8, 8, 4}" + hwc +
-             " do not fit: src and dst share storage"},
+         Misfit(r4, H("{8, 8, 4}"), H("{8, 8, 4}"), "src and dst share storage")},
     };
     for (const Refusal& r : cases) ExpectRefused(r);
 }
 
 TEST(Refusals, ColourKernels) {
-    const std::string hwc = " (type 7, layout 1)";
-    const std::string chw = " (type 7, layout 0)";
     TensorPtr bgra = WithLayout(4, 6, 4, rt::layout::kHWC);
     TensorPtr bgr = WithLayout(4, 6, 3, rt::layout::kHWC);
     TensorPtr planes = WithLayout(3, 4, 6, rt::layout::kCHW);
@@ -498,42 +479,37 @@ TEST(Refusals, ColourKernels) {
     auto bt601 = Matrix({1, 0, 1.402f, -0.3441363f, -0.7141363f, 1.772f, 0, 0, 0.5f, 0.5f});
     auto too_big = Matrix({1, 0, 4.0f, 0, 0, 0, 0, 0, 0.5f, 0.5f});
     auto nan = Matrix({1, 0, std::nanf(""), 0, 0, 0, 0, 0, 0.5f, 0.5f});
-    const std::string yuv = "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y {4, 6, 1}" + hwc +
-                            ", uv {2, 3, 2}" + hwc + " and dst ";
+    // The two-plane converter names three tensors.
+    const auto yuv = [](const std::string& y_dims, const std::string& uv_dims, const std::string& dst,
+                        const std::string& why) {
+        return "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y " + H(y_dims) + ", uv " +
+               H(uv_dims) + " and dst " + C(dst) + " do not fit: " + why;
+    };
+    const std::string four = "src must be a u8 HWC image of 4 channels";
+    const std::string weights = "colour matrix weights must lie in (-4, 4) and offsets in [-4, 4]";
+    const std::string gray_name = "F_ColorCvt_BGRA8888_To_Gray8_Fallback";
     const std::vector<Refusal> cases = {
         {[&] { fn::F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgr, planes); }, planes,
-         "F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 3}" + hwc +
-             " and dst {3, 4, 6}" + chw + " do not fit: src must be a u8 HWC image of 4 channels"},
-        {[&] { fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgra, planes_small); },
-         planes_small,
-         "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 4}" + hwc +
-             " and dst {3, 4, 5}" + chw + " do not fit: dst must be a u8 CHW image {3, H, W} of src"},
+         Misfit("F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback", H("{4, 6, 3}"), C("{3, 4, 6}"), four)},
+        {[&] { fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgra, planes_small); }, planes_small,
+         Misfit("F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback", H("{4, 6, 4}"), C("{3, 4, 5}"),
+                "dst must be a u8 CHW image {3, H, W} of src")},
         {[&] { fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(bgra, gray_small); }, gray_small,
-         "F_ColorCvt_BGRA8888_To_Gray8_Fallback: src {4, 6, 4}" + hwc + " and dst {3, 6, 1}" + hwc +
-             " do not fit: dst must be a u8 HWC image {H, W, 1} of src"},
+         Misfit(gray_name, H("{4, 6, 4}"), H("{3, 6, 1}"), "dst must be a u8 HWC image {H, W, 1} of src")},
         {[&] { fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(nullptr, gray); }, gray,
-         "F_ColorCvt_BGRA8888_To_Gray8_Fallback: src null and dst {4, 6, 1}" + hwc +
-             " do not fit: src must be a u8 HWC image of 4 channels"},
+         Misfit(gray_name, "null", H("{4, 6, 1}"), four)},
         {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, bt601, planes_small); },
-         planes_small, yuv + "{3, 4, 5}" + chw + " do not fit: dst must be a u8 CHW image {3, H, W} of y"},
+         planes_small, yuv("{4, 6, 1}", "{2, 3, 2}", "{3, 4, 5}", "dst must be a u8 CHW image {3, H, W} of y")},
         {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, nullptr, planes); },
-         planes, yuv + "{3, 4, 6}" + chw + " do not fit: the colour matrix is missing"},
+         planes, yuv("{4, 6, 1}", "{2, 3, 2}", "{3, 4, 6}", "the colour matrix is missing")},
         {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, too_big, planes); },
-         planes,
-         yuv + "{3, 4, 6}" + chw +
-             " do not fit: colour matrix weights must lie in (-4, 4) and offsets in [-4, 4]"},
-        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, nan, planes); }, planes,
-         yuv + "{3, 4, 6}" + chw +
-             " do not fit: colour matrix weights must lie in (-4, 4) and offsets in [-4, 4]"},
-        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv_small, bt601, planes); },
-         planes,
-         "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y {4, 6, 1}" + hwc + ", uv {2, 2, 2}" +
-             hwc + " and dst {3, 4, 6}" + chw +
-             " do not fit: uv must be a u8 {H/2, W/2, 2} plane of chroma pairs"},
+         planes, yuv("{4, 6, 1}", "{2, 3, 2}", "{3, 4, 6}", weights)},
+        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, nan, planes); },
+         planes, yuv("{4, 6, 1}", "{2, 3, 2}", "{3, 4, 6}", weights)},
+        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv_small, bt601, planes); }, planes,
+         yuv("{4, 6, 1}", "{2, 2, 2}", "{3, 4, 6}", "uv must be a u8 {H/2, W/2, 2} plane of chroma pairs")},
         {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(uv, uv, bt601, planes); },
-         planes,
-         "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y {2, 3, 2}" + hwc + ", uv {2, 3, 2}" +
-             hwc + " and dst {3, 4, 6}" + chw + " do not fit: y must be a u8 {H, W, 1} plane"},
+         planes, yuv("{2, 3, 2}", "{2, 3, 2}", "{3, 4, 6}", "y must be a u8 {H, W, 1} plane")},
     };
     for (const Refusal& r : cases) ExpectRefused(r);
 }

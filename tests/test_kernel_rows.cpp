@@ -7,9 +7,6 @@
 // heights and widths.
 #include <gtest/gtest.h>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -18,48 +15,20 @@
 
 #include "kernels/planar.h"
 #include "kernels/row.h"
+#include "test_support.h"
 
 namespace {
 
 namespace k = quvas::kernels;
 
-// A writable region of `size` bytes with an inaccessible page on each side.
-// at_end puts the region's last byte just before the back guard, otherwise
-// its first byte just after the front guard.
-class Guarded {
-public:
-    Guarded(size_t size, bool at_end) : size_(size) {
-        page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        span_ = (size + page_ - 1) / page_ * page_ + 2 * page_;
-        void* m = mmap(nullptr, span_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        EXPECT_NE(m, MAP_FAILED);
-        base_ = static_cast<uint8_t*>(m);
-        mprotect(base_, page_, PROT_NONE);
-        mprotect(base_ + span_ - page_, page_, PROT_NONE);
-        data_ = at_end ? base_ + span_ - page_ - size : base_ + page_;
-    }
-    ~Guarded() { munmap(base_, span_); }
-    Guarded(const Guarded&) = delete;
-    Guarded& operator=(const Guarded&) = delete;
-    uint8_t* data() { return data_; }
-    template <typename T>
-    T* as() { return reinterpret_cast<T*>(data_); }
-    std::vector<uint8_t> bytes() const { return std::vector<uint8_t>(data_, data_ + size_); }
-
-private:
-    size_t size_, page_, span_;
-    uint8_t* base_;
-    uint8_t* data_;
-};
+using qvntest::Guarded;
 
 std::mt19937& Rng() {
     static std::mt19937 rng(12);
     return rng;
 }
 
-void FillRandom(uint8_t* p, size_t n) {
-    for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(Rng()());
-}
+void FillRandom(uint8_t* p, size_t n) { qvntest::FillRandom(p, n, Rng()); }
 
 constexpr int kMaxWidth = 130;
 
@@ -84,19 +53,17 @@ void CheckStrip(StripFn avx2, StripFn twin, int n, int rows) {
             FillRandom(src.data(), src_bytes);
             for (int sign : {1, -1}) {
                 const uint8_t* s = sign > 0 ? src.data() : src.data() + ss * (rows - 1);
-                Guarded a(dst_bytes, at_end), b(dst_bytes, !at_end);
-                std::memset(a.data(), 0xA5, dst_bytes);
-                std::memset(b.data(), 0xA5, dst_bytes);
-                avx2(s, sign * ss, a.data(), ds, width);
-                twin(s, sign * ss, b.data(), ds, width);
-                ASSERT_EQ(a.bytes(), b.bytes()) << "pixel " << n << " width " << width << " sign " << sign;
-                // Destination rows written bottom up.
-                Guarded c(dst_bytes, at_end), e(dst_bytes, !at_end);
-                std::memset(c.data(), 0x5A, dst_bytes);
-                std::memset(e.data(), 0x5A, dst_bytes);
-                avx2(s, sign * ss, c.data() + ds * (width - 1), -ds, width);
-                twin(s, sign * ss, e.data() + ds * (width - 1), -ds, width);
-                ASSERT_EQ(c.bytes(), e.bytes()) << "pixel " << n << " width " << width << " backwards";
+                // Destination rows written top down, then bottom up.
+                for (bool up : {false, true}) {
+                    Guarded a(dst_bytes, at_end), b(dst_bytes, !at_end);
+                    std::memset(a.data(), up ? 0x5A : 0xA5, dst_bytes);
+                    std::memset(b.data(), up ? 0x5A : 0xA5, dst_bytes);
+                    const ptrdiff_t first = up ? ds * (width - 1) : 0;
+                    avx2(s, sign * ss, a.data() + first, up ? -ds : ds, width);
+                    twin(s, sign * ss, b.data() + first, up ? -ds : ds, width);
+                    ASSERT_EQ(a.bytes(), b.bytes())
+                        << "pixel " << n << " width " << width << " sign " << sign << (up ? " backwards" : "");
+                }
             }
         }
     }
