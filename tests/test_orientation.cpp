@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "test_support.h"
 
 namespace {
 
@@ -411,15 +412,8 @@ std::vector<uint8_t> Reference(const std::vector<uint8_t>& src, int w, int h, in
 }
 
 QVN_Image Image(uint8_t* data, int w, int h, int n, QVN_Rect2D rect = {0.1f, 0.2f, 0.7f, 0.9f}) {
-    QVN_Image img{};
-    img.ori_fmt = 1;
-    img.pix_fmt = QVN_PIX_FMT_U8_CN;
+    QVN_Image img = qvntest::MakeImage(QVN_PIX_FMT_U8_CN, w, h, n, data, 1, rect);
     img.mode_fmt = 3;
-    img.width = w;
-    img.height = h;
-    img.channels = n;
-    img.rect = rect;
-    img.data = data;
     return img;
 }
 
@@ -507,7 +501,7 @@ TEST(ImageOrientation, MatchesThePixelDefinitionForAnyPixelSize) {
             const size_t bytes = static_cast<size_t>(w) * h * n;
             // One byte of offset: the kernels must not need aligned rows.
             std::vector<uint8_t> src_buf(bytes + 1), dst_buf(bytes + 1);
-            for (auto& v : src_buf) v = static_cast<uint8_t>(rng());
+            qvntest::FillRandom(src_buf.data(), src_buf.size(), rng);
             const std::vector<uint8_t> src_px(src_buf.begin() + 1, src_buf.end());
             const QVN_Image src = Image(src_buf.data() + 1, w, h, n);
             auto run = [&](const char* what, auto&& call, const std::vector<uint8_t>& want) {
