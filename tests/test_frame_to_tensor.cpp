@@ -106,11 +106,12 @@ using Unary = void (*)(const TensorPtr&, const TensorPtr&);
 // exported explicitly to take the core's place.
 #define QVN_INTERPOSE __attribute__((visibility("default")))
 
-#define QVN_FORWARD_UNARY(fn, mangled)                                 \
-    QVN_INTERPOSE void fn(const TensorPtr& src, const TensorPtr& dst) {              \
-        static const Unary real = RealKernel<Unary>(mangled);          \
-        Note(#fn, src, dst);                                           \
-        real(src, dst);                                                \
+// A one-in, one-out kernel; `len` is the length of its name, as mangled.
+#define QVN_FORWARD_UNARY(len, fn)                                                 \
+    QVN_INTERPOSE void fn(const TensorPtr& src, const TensorPtr& dst) {            \
+        static const Unary real = RealKernel<Unary>(QVN_MANGLED(len, fn));         \
+        Note(#fn, src, dst);                                                       \
+        real(src, dst);                                                            \
     }
 
 namespace quvas {
@@ -146,26 +147,17 @@ QVN_INTERPOSE void F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(
 
 #define QVN_MANGLED(len, name) \
     "_ZN5quvas6kernel10functional" #len #name "ERKSt10shared_ptrINS_7runtime6TensorEES7_"
-QVN_FORWARD_UNARY(F_Resize_Bilinear_HWC_U8_C1_Fallback,
-                  QVN_MANGLED(36, F_Resize_Bilinear_HWC_U8_C1_Fallback))
-QVN_FORWARD_UNARY(F_Resize_Bilinear_HWC_U8_C2_Fallback,
-                  QVN_MANGLED(36, F_Resize_Bilinear_HWC_U8_C2_Fallback))
-QVN_FORWARD_UNARY(F_Resize_Bilinear_HWC_U8_C4_Fallback,
-                  QVN_MANGLED(36, F_Resize_Bilinear_HWC_U8_C4_Fallback))
-QVN_FORWARD_UNARY(F_Rotate_Clockwise90_HWC_Fallback,
-                  QVN_MANGLED(33, F_Rotate_Clockwise90_HWC_Fallback))
-QVN_FORWARD_UNARY(F_Rotate_Clockwise180_HWC_Fallback,
-                  QVN_MANGLED(34, F_Rotate_Clockwise180_HWC_Fallback))
-QVN_FORWARD_UNARY(F_Rotate_Clockwise270_HWC_Fallback,
-                  QVN_MANGLED(34, F_Rotate_Clockwise270_HWC_Fallback))
-QVN_FORWARD_UNARY(F_HFlip_HWC_Fallback, QVN_MANGLED(20, F_HFlip_HWC_Fallback))
-QVN_FORWARD_UNARY(F_VFlip_HWC_Fallback, QVN_MANGLED(20, F_VFlip_HWC_Fallback))
-QVN_FORWARD_UNARY(F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback,
-                  QVN_MANGLED(51, F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback))
-QVN_FORWARD_UNARY(F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback,
-                  QVN_MANGLED(51, F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback))
-QVN_FORWARD_UNARY(F_ColorCvt_BGRA8888_To_Gray8_Fallback,
-                  QVN_MANGLED(37, F_ColorCvt_BGRA8888_To_Gray8_Fallback))
+QVN_FORWARD_UNARY(36, F_Resize_Bilinear_HWC_U8_C1_Fallback)
+QVN_FORWARD_UNARY(36, F_Resize_Bilinear_HWC_U8_C2_Fallback)
+QVN_FORWARD_UNARY(36, F_Resize_Bilinear_HWC_U8_C4_Fallback)
+QVN_FORWARD_UNARY(33, F_Rotate_Clockwise90_HWC_Fallback)
+QVN_FORWARD_UNARY(34, F_Rotate_Clockwise180_HWC_Fallback)
+QVN_FORWARD_UNARY(34, F_Rotate_Clockwise270_HWC_Fallback)
+QVN_FORWARD_UNARY(20, F_HFlip_HWC_Fallback)
+QVN_FORWARD_UNARY(20, F_VFlip_HWC_Fallback)
+QVN_FORWARD_UNARY(51, F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback)
+QVN_FORWARD_UNARY(51, F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback)
+QVN_FORWARD_UNARY(37, F_ColorCvt_BGRA8888_To_Gray8_Fallback)
 
 }  // namespace functional
 }  // namespace kernel
