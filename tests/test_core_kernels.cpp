@@ -273,19 +273,19 @@ std::shared_ptr<YUVCvtMatrix> Matrix(std::initializer_list<float> values) {
     return m;
 }
 
-// BT.709, BT.601 full range, BT.601 in sixty-fourths, the same with the
-// chroma bytes swapped, and the first two with red and blue exchanged.
+// BT.709, BT.601 full range, BT.601 in sixty-fourths and the same with the
+// chroma bytes swapped, for either channel order (the kit's matrices); and
+// odd values that exercise negative weights, a luma gain and offsets.
 std::vector<std::shared_ptr<YUVCvtMatrix>> Matrices() {
-    return {
-        Matrix({1, 0, 1.5748f, -0.46812427f, -0.18732427f, 1.8556f, 0, 0, 0.5f, 0.5f}),
-        Matrix({1, 0, 1.402f, -0.7141363f, -0.3441363f, 1.772f, 0, 0, 0.5f, 0.5f}),
-        Matrix({1, 0, 1.40625f, -0.34375f, -0.71875f, 2.078125f, 0, 0, 0.5f, 0.5f}),
-        Matrix({1, 1.40625f, 0, -0.71875f, -0.34375f, 0, 2.078125f, 0, 0.5f, 0.5f}),
-        Matrix({1, 1.8556f, 0, -0.46812427f, -0.18732427f, 0, 1.5748f, 0, 0.5f, 0.5f}),
-        Matrix({1, 1.772f, 0, -0.7141363f, -0.3441363f, 0, 1.402f, 0, 0.5f, 0.5f}),
-        // Odd values that exercise negative weights, a luma gain and offsets.
-        Matrix({0.8f, -1.25f, 0.5f, 2.5f, -3.9f, 0.125f, -0.75f, 123.f, 0.25f, 0.75f}),
-    };
+    std::vector<std::shared_ptr<YUVCvtMatrix>> all;
+    for (const auto& block : qvntest::kYuvMatrix) {
+        for (const auto& row : block) {
+            all.push_back(std::make_shared<YUVCvtMatrix>());
+            std::memcpy(all.back()->m, row, sizeof(row));
+        }
+    }
+    all.push_back(Matrix({0.8f, -1.25f, 0.5f, 2.5f, -3.9f, 0.125f, -0.75f, 123.f, 0.25f, 0.75f}));
+    return all;
 }
 
 // The documented fixed-point definition, 13 fractional bits.
@@ -299,11 +299,6 @@ uint8_t YuvFixedReference(const YUVCvtMatrix& m, int plane, int y, int c0, int c
     return static_cast<uint8_t>(std::clamp<long>(v, 0, 255));
 }
 
-// The real-valued definition: on a 0..1 scale, scaled back, rounded.
-double YuvReal(const YUVCvtMatrix& m, int plane, int y, int c0, int c1) {
-    const double a = m.m[1 + 2 * plane], b = m.m[2 + 2 * plane];
-    return 255.0 * (m.m[0] * (y / 255.0) + a * (c0 / 255.0 - m.m[8]) + b * (c1 / 255.0 - m.m[9]));
-}
 
 struct YuvSize {
     int w, h, uv_w, uv_h;
@@ -332,7 +327,7 @@ TEST(YuvPlanes, EqualsTheFixedPointDefinitionAndIsWithinOneOfRealValues) {
                         const int luma = y.ptr(r)[x];
                         const uint8_t got = d->data()[(static_cast<size_t>(p) * s.h + r) * s.w + x];
                         if (got != YuvFixedReference(*matrix, p, luma, c[0], c[1])) ++mismatches;
-                        const double real = std::clamp(YuvReal(*matrix, p, luma, c[0], c[1]), 0.0, 255.0);
+                        const double real = std::clamp(qvntest::YuvReal(matrix->m, p, luma, c[0], c[1]), 0.0, 255.0);
                         worst_real = std::max(worst_real, std::abs(int(std::lround(real)) - got));
                     }
                 }

@@ -63,6 +63,27 @@ inline bool AllBytes(const quvas::runtime::TensorPtr& t, uint8_t value) {
     return true;
 }
 
+// Colour matrices of the two-plane formats 2, 3, 8, 9 (rows) for R,G,B
+// output, then for B,G,R (second block): the luma weight, the two chroma
+// weights of each output plane in turn, and the two chroma offsets.
+constexpr float kYuvMatrix[2][4][10] = {
+    {{1, 0, 1.5748f, -0.46812427f, -0.18732427f, 1.8556f, 0, 0, 0.5f, 0.5f},
+     {1, 0, 1.402f, -0.7141363f, -0.3441363f, 1.772f, 0, 0, 0.5f, 0.5f},
+     {1, 0, 1.40625f, -0.34375f, -0.71875f, 2.078125f, 0, 0, 0.5f, 0.5f},
+     {1, 1.40625f, 0, -0.71875f, -0.34375f, 0, 2.078125f, 0, 0.5f, 0.5f}},
+    {{1, 1.8556f, 0, -0.46812427f, -0.18732427f, 0, 1.5748f, 0, 0.5f, 0.5f},
+     {1, 1.772f, 0, -0.7141363f, -0.3441363f, 0, 1.402f, 0, 0.5f, 0.5f},
+     {1, 2.078125f, 0, -0.34375f, -0.71875f, 0, 1.40625f, 0, 0.5f, 0.5f},
+     {1, 0, 2.078125f, -0.71875f, -0.34375f, 1.40625f, 0, 0, 0.5f, 0.5f}},
+};
+
+// The real-valued colour definition of output plane `plane` on a 0..1 scale,
+// scaled back to bytes but not rounded.
+inline double YuvReal(const float* m, int plane, int y, int c0, int c1) {
+    const double a = m[1 + 2 * plane], b = m[2 + 2 * plane];
+    return 255.0 * (m[0] * (y / 255.0) + a * (c0 / 255.0 - m[8]) + b * (c1 / 255.0 - m[9]));
+}
+
 // A writable region of `size` bytes with an inaccessible page on each side.
 // at_end puts the region's last byte just before the back guard, otherwise
 // its first byte just after the front guard.
