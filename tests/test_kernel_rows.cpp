@@ -335,15 +335,13 @@ TEST(KernelRows, YuvRowMatchesItsTwin) {
 // The twins themselves against the written definitions, on values worked
 // out by hand.
 TEST(KernelRows, TwinsFollowTheirDefinitions) {
-    // (1868 B + 9617 G + 4899 R + 8192) >> 14
+    // (1868 B + 9617 G + 4899 R + 8192) >> 14: white (16384 * 255 + 8192) >> 14
+    // = 255; red (4899 * 255 + 8192) >> 14 = 76.7 -> 76; blue 29.57 -> 29;
+    // green 150.18 -> 150; (18680 + 192340 + 146970 + 8192) >> 14 = 22.35 -> 22.
     const uint8_t bgra[] = {255, 255, 255, 0, 0, 0, 255, 9, 255, 0, 0, 7, 0, 255, 0, 1, 10, 20, 30, 40};
     uint8_t gray[5];
     k::BgraToGrayRow_C(bgra, gray, 5);
-    EXPECT_EQ(gray[0], 255);  // 16384 * 255 + 8192 >> 14
-    EXPECT_EQ(gray[1], 76);   // (4899 * 255 + 8192) >> 14 = 76.7 -> 76
-    EXPECT_EQ(gray[2], 29);   // (1868 * 255 + 8192) >> 14 = 29.57 -> 29
-    EXPECT_EQ(gray[3], 150);  // (9617 * 255 + 8192) >> 14 = 150.18 -> 150
-    EXPECT_EQ(gray[4], 22);   // (18680 + 192340 + 146970 + 8192) >> 14 = 22.35 -> 22
+    EXPECT_EQ(std::vector<uint8_t>(gray, gray + 5), std::vector<uint8_t>({255, 76, 29, 150, 22}));
 
     // Horizontal: 100 * (2048 - 512) + 200 * 512 at the left tap 1.
     const uint8_t row[] = {0, 100, 200, 50};
@@ -351,9 +349,8 @@ TEST(KernelRows, TwinsFollowTheirDefinitions) {
     const int32_t pair[] = {(2048 - 512) | 512 << 16, 2048 << 16, 2048};
     int32_t out[3];
     k::ScaleColsBilinear1_C(row, 4, index, pair, 3, out);
-    EXPECT_EQ(out[0], 100 * 1536 + 200 * 512);
-    EXPECT_EQ(out[1], 50 * 2048);  // the last pixel as the second tap at full weight
-    EXPECT_EQ(out[2], 0);
+    // The last pixel as the second tap at full weight, then the first alone.
+    EXPECT_EQ(std::vector<int32_t>(out, out + 3), std::vector<int32_t>({100 * 1536 + 200 * 512, 50 * 2048, 0}));
 
     // Vertical: halfway between 255 and 0 is 127.5, rounded up; a quarter of
     // the way from 0 to 255 is 63.75 -> 64; 1/2048 of 255 is 0.12 -> 0.
@@ -363,9 +360,7 @@ TEST(KernelRows, TwinsFollowTheirDefinitions) {
     k::BlendRowsBilinear_C(top, bottom, 1024, 1, blended);
     k::BlendRowsBilinear_C(top + 1, bottom + 1, 512, 1, blended + 1);
     k::BlendRowsBilinear_C(top + 2, bottom + 2, 1, 1, blended + 2);
-    EXPECT_EQ(blended[0], 128);
-    EXPECT_EQ(blended[1], 64);
-    EXPECT_EQ(blended[2], 0);
+    EXPECT_EQ(std::vector<uint8_t>(blended, blended + 3), std::vector<uint8_t>({128, 64, 0}));
 }
 
 // ---------------------------------------------------------------------------

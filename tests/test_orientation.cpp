@@ -276,9 +276,7 @@ TEST(ResultTransforms, FaceMirrorExchangesEveryPairWithItsScore) {
 TEST(ResultTransforms, RectangleFlipVKeepsTheOldBottomAsTop) {
     QVN_Rect2D r{0.1f, 0.2f, 0.3f, 0.6f};
     EXPECT_EQ(QVN_Rect2D_Result_FlipV(&r), 0);
-    EXPECT_EQ(r.x0, 0.1f);
-    EXPECT_EQ(r.y0, 0.6f);
-    EXPECT_EQ(r.x1, 0.3f);
+    EXPECT_EQ(std::vector<float>({r.x0, r.y0, r.x1}), std::vector<float>({0.1f, 0.6f, 0.3f}));
     EXPECT_FLOAT_EQ(r.y1, 0.8f);
     QVN_Rect2D_Result_FlipV(&r);  // not an involution
     EXPECT_FLOAT_EQ(r.y0, 0.8f);
