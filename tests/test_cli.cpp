@@ -267,8 +267,7 @@ TEST_F(Cli, OrientMatchesKnownTurnsAndTheLibrary) {
         {"--rotate 90", "daebfc"}, {"--rotate 270", "cfbead"}, {"--rotate 180", "fedcba"},
         {"--mirror", "cbafed"},    {"--flipv", "defabc"}};
     for (const auto& c : cases) {
-        RunResult r = Run(Cmd("orient", "abc.png", "t.png") + " " + c.first);
-        ASSERT_EQ(r.code, 0) << c.first << r.err;
+        ASSERT_TRUE(Ok(Cmd("orient", "abc.png", "t.png") + " " + c.first));
         Img t = ReadPngFile(P("t.png"));
         EXPECT_EQ(std::string(t.px.begin(), t.px.end()), c.second) << c.first;
     }
@@ -295,8 +294,7 @@ TEST_F(Cli, OrientReadsJpeg) {
     Img src{16, 8, 3, {}};
     for (int i = 0; i < 16 * 8 * 3; ++i) src.px.push_back(static_cast<uint8_t>(20 + 30 * (i / 48)));
     WriteJpegFile(P("p.jpg"), src);
-    RunResult r = Run(Cmd("orient", "p.jpg", "f.png") + " --flipv");
-    ASSERT_EQ(r.code, 0) << r.err;
+    ASSERT_TRUE(Ok(Cmd("orient", "p.jpg", "f.png") + " --flipv"));
     // Outputs get the mode of a plain create, not the private temporary's.
     struct stat st {};
     ASSERT_EQ(::stat(P("f.png").c_str(), &st), 0);
@@ -316,9 +314,8 @@ TEST_F(Cli, WarpMatchesTheLibraryScalarAndVector) {
     float m[6] = {0.9f, 0.15f, 1.25f, -0.1f, 1.1f, 0.5f};
     const std::string mtext = "0.9,0.15,1.25,-0.1,1.1,0.5";
     for (bool vec : {false, true}) {
-        RunResult r = Run(Cmd("warp", "in.png", "w.png") + " --matrix " + mtext +
-                          " --size 17x11 --border 9" + (vec ? " --vector" : ""));
-        ASSERT_EQ(r.code, 0) << r.err;
+        ASSERT_TRUE(Ok(Cmd("warp", "in.png", "w.png") + " --matrix " + mtext + " --size 17x11 --border 9" +
+                       (vec ? " --vector" : "")));
         Img got = ReadPngFile(P("w.png"));
         ASSERT_EQ(got.w, 17);
         ASSERT_EQ(got.h, 11);
@@ -355,8 +352,7 @@ TEST_F(Cli, MaskMatchesTheLibraryAndTheByteRules) {
     v[34] = 0.5f;   // tail: truncated, 127
     WriteNpyF32(P("m.npy"), {5, 7}, v);
     for (bool sig : {false, true}) {
-        RunResult r = Run(Cmd("mask", "m.npy", "m.png") + (sig ? " --sigmoid" : ""));
-        ASSERT_EQ(r.code, 0) << r.err;
+        ASSERT_TRUE(Ok(Cmd("mask", "m.npy", "m.png") + (sig ? " --sigmoid" : "")));
         Img got = ReadPngFile(P("m.png"));
         ASSERT_EQ(got.w, 7);
         ASSERT_EQ(got.h, 5);
@@ -419,10 +415,8 @@ TEST_F(Cli, TrackKalmanMatchesTheLibraryAndFillsGaps) {
     WriteText(P("in.csv"),
               "frame,x,y,w,h\n0,0.10,0.20,0.30,0.40\n1,0.12,0.21,0.30,0.40\n"
               "2,0.15,0.22,0.31,0.41\n5,0.22,0.25,0.30,0.40\n6,0.25,0.26,0.30,0.40\n");
-    RunResult r = Run(Cmd("track", "in.csv", "out.csv") +
-                      " --kalman --frame 320x240 --frequency 25 --process-noise 0.5 "
-                      "--measurement-noise 2 --plot " + P("plot.svg"));
-    ASSERT_EQ(r.code, 0) << r.err;
+    ASSERT_TRUE(Ok(Cmd("track", "in.csv", "out.csv") + " --kalman --frame 320x240 --frequency 25 "
+                   "--process-noise 0.5 --measurement-noise 2 --plot " + P("plot.svg")));
     auto rows = CsvCells(Slurp(P("out.csv")));
     ASSERT_EQ(rows.size(), 8u);  // header + frames 0..6
     auto params = std::make_shared<quvas::kit::QVTBoxTrackerParams>();
@@ -478,9 +472,8 @@ TEST_F(Cli, TrackOneEuroStartsAtTheMeasurementAndStaysInsideTheInputs) {
         in.push_back(corners(b));
     }
     WriteText(P("in.csv"), csv);
-    RunResult r = Run(Cmd("track", "in.csv", "out.csv") +
-                      " --one-euro --min-cutoff 1 --beta 0.5 --frame 640x480");
-    ASSERT_EQ(r.code, 0) << r.err;
+    ASSERT_TRUE(Ok(Cmd("track", "in.csv", "out.csv") +
+                   " --one-euro --min-cutoff 1 --beta 0.5 --frame 640x480"));
     const auto rows = CsvCells(Slurp(P("out.csv")));
     ASSERT_EQ(rows.size(), 21u);
     std::array<double, 4> lo = in[0], hi = lo;
@@ -663,8 +656,7 @@ TEST_F(Cli, BadInputFailsWithOneLineAndLeavesNoFile) {
 }
 
 TEST_F(Cli, DemoWritesEveryStep) {
-    RunResult r = Run("demo " + P("demo"));
-    ASSERT_EQ(r.code, 0) << r.err;
+    ASSERT_TRUE(Ok("demo " + P("demo")));
     // Widths and heights that follow from the step (0: any non-empty picture).
     const std::tuple<const char*, int, int> pictures[] = {
         {"01_chart_upright.png", 320, 0},      {"02_frame_nv21_rotate90r.png", 240, 320},
@@ -790,14 +782,12 @@ TEST_F(Cli, HostileInputFailsCleanly) {
     // The plot of a track ending at the largest frame number has no
     // overflow (the sanitizer build checks) and spans the two frames.
     WriteText(P("end.csv"), "9223372036854775806,.1,.1,.2,.2\n9223372036854775807,.3,.1,.2,.2\n");
-    RunResult r = Run(Cmd("track", "end.csv", "t.csv") + " --kalman --plot " + P("t.svg"));
-    ASSERT_EQ(r.code, 0) << r.err;
+    ASSERT_TRUE(Ok(Cmd("track", "end.csv", "t.csv") + " --kalman --plot " + P("t.svg")));
     std::string svg = Slurp(P("t.svg"));
     EXPECT_NE(svg.find("frames 9223372036854775806-9223372036854775807"), std::string::npos);
     // Large finite coordinates are written in full, not cut.
     WriteText(P("far.csv"), "0,1e30,.1,.2,.2\n");
-    r = Run(Cmd("track", "far.csv", "f.csv") + " --kalman --plot " + P("f.svg"));
-    ASSERT_EQ(r.code, 0) << r.err;
+    ASSERT_TRUE(Ok(Cmd("track", "far.csv", "f.csv") + " --kalman --plot " + P("f.svg")));
     // The box centre is drawn at 30 + 360 x in the left panel.
     std::string far = Slurp(P("f.svg"));
     size_t m = far.find("<path d=\"M");
@@ -870,12 +860,7 @@ TEST_F(Cli, OutputsKeepWhatTheyAre) {
 
     ASSERT_EQ(::mkfifo(P("pipe").c_str(), 0600), 0);
     std::string got;
-    std::thread reader([&] {
-        std::ifstream f(P("pipe"), std::ios::binary);
-        std::stringstream ss;
-        ss << f.rdbuf();
-        got = ss.str();
-    });
+    std::thread reader([&] { got = Slurp(P("pipe")); });
     RunResult r = Run(Cmd("track", "in.csv", "pipe") + " --kalman");
     // Unblock the reader should the tool never have opened the pipe.
     int fd = ::open(P("pipe").c_str(), O_WRONLY | O_NONBLOCK);
