@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "cv_support.h"
 #include "log_capture.hpp"
 #include "test_support.h"
 
@@ -66,13 +67,6 @@ bool AllSentinel(const TensorPtr& t) { return qvntest::AllBytes(t, kSentinel); }
 
 cv::Mat AsMat(const TensorPtr& t, int rows, int cols, int channels, size_t offset = 0) {
     return cv::Mat(rows, cols, CV_8UC(channels), t->data() + offset);
-}
-
-int MaxAbsDiff(const cv::Mat& a, const cv::Mat& b) {
-    double m = 0;
-    cv::minMaxLoc(cv::abs(a.reshape(1) - b.reshape(1)) + cv::abs(b.reshape(1) - a.reshape(1)),
-                  nullptr, &m);
-    return static_cast<int>(m);
 }
 
 // ---------------------------------------------------------------------------
@@ -148,7 +142,7 @@ TEST_F(ImageProcessTest, Yuv420MatchesFormulaAndOpenCV) {
         std::vector<cv::Mat> planes;
         cv::split(rgb, planes);
         for (int k = 0; k < 3; ++k)
-            EXPECT_LE(MaxAbsDiff(planes[k], AsMat(out, h, w, 1, k * h * w)), 2) << h << "x" << w;
+            EXPECT_LE(qvntest::MaxDiff(planes[k], AsMat(out, h, w, 1, k * h * w)), 2) << h << "x" << w;
     }
 }
 
@@ -201,7 +195,7 @@ TEST_F(ImageProcessTest, TurnsAndMirrorMatchOpenCV) {
                 } else {
                     cv::rotate(src, ref, k.cv_code);
                 }
-                EXPECT_EQ(MaxAbsDiff(ref, AsMat(out, oh, ow, 1, static_cast<size_t>(p) * oh * ow)), 0)
+                EXPECT_EQ(qvntest::MaxDiff(ref, AsMat(out, oh, ow, 1, static_cast<size_t>(p) * oh * ow)), 0)
                     << "code " << k.code << " plane " << p << " of " << c << "x" << h << "x" << w;
             }
         }
@@ -275,7 +269,7 @@ TEST_F(ImageProcessTest, ResizeMatchesOpenCVAndDocumentedArithmetic) {
                 << channels << " ch " << h << "x" << w << " -> " << oh << "x" << ow;
             cv::Mat cv_out;
             cv::resize(AsMat(in, h, w, channels), cv_out, cv::Size(ow, oh), 0, 0, cv::INTER_LINEAR);
-            EXPECT_LE(MaxAbsDiff(cv_out, AsMat(out, oh, ow, channels)), 2)
+            EXPECT_LE(qvntest::MaxDiff(cv_out, AsMat(out, oh, ow, channels)), 2)
                 << channels << " ch " << h << "x" << w << " -> " << oh << "x" << ow;
         }
     }

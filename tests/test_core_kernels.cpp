@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "cv_support.h"
 #include "log_capture.hpp"
 #include "test_support.h"
 
@@ -27,6 +28,7 @@ namespace rt = quvas::runtime;
 namespace fn = quvas::kernel::functional;
 using quvas::kernel::YUVCvtMatrix;
 using qvntest::AllBytes;
+using qvntest::MaxDiff;
 using rt::TensorPtr;
 using rt::TensorShape;
 
@@ -63,16 +65,6 @@ cv::Mat RandomMat(int h, int w, int c, std::mt19937& rng) {
     return m;
 }
 
-// Largest byte difference of two Mats of the same size and type.
-int MaxDiff(const cv::Mat& a, const cv::Mat& b) {
-    EXPECT_EQ(a.size(), b.size());
-    EXPECT_EQ(a.type(), b.type());
-    int worst = 0;
-    const size_t n = a.total() * a.elemSize();
-    for (size_t i = 0; i < n; ++i) worst = std::max(worst, std::abs(a.data[i] - b.data[i]));
-    return worst;
-}
-
 bool Identical(const cv::Mat& a, const cv::Mat& b) {
     return a.size() == b.size() && a.type() == b.type() &&
            std::memcmp(a.data, b.data, a.total() * a.elemSize()) == 0;
@@ -82,22 +74,7 @@ bool Identical(const cv::Mat& a, const cv::Mat& b) {
 // Crop
 // ---------------------------------------------------------------------------
 
-// Pixel (c, r) of the region is src(x + c, y + r) when that lies inside src,
-// pad otherwise.
-cv::Mat CropReference(const cv::Mat& src, int x, int y, int w, int h, uint8_t pad) {
-    const int ch = src.channels();
-    cv::Mat out(h, w, src.type());
-    std::memset(out.data, pad, out.total() * out.elemSize());
-    for (int r = 0; r < h; ++r) {
-        for (int c = 0; c < w; ++c) {
-            const int sx = x + c, sy = y + r;
-            if (sx < 0 || sy < 0 || sx >= src.cols || sy >= src.rows) continue;
-            std::memcpy(out.ptr(r) + c * ch, src.ptr(sy) + sx * ch, ch);
-        }
-    }
-    return out;
-}
-
+// The window cut by OpenCV ROI copies, the pad filling what lies outside.
 TEST(Crop, OutsideIsPaddedOnEverySide) {
     std::mt19937 rng(12);
     struct Region {
@@ -114,7 +91,7 @@ TEST(Crop, OutsideIsPaddedOnEverySide) {
         for (const Region& r : regions) {
             TensorPtr d = Hwc(r.h, r.w, ch, 0xEE);
             fn::F_Crop_U8_HWC_Memcpy(s, r.x, r.y, r.w, r.h, 99, d);
-            EXPECT_TRUE(Identical(AsMat(d), CropReference(src, r.x, r.y, r.w, r.h, 99)))
+            EXPECT_TRUE(Identical(AsMat(d), qvntest::CropPad(src, r.x, r.y, r.w, r.h, 99)))
                 << "channels " << ch << " region " << r.x << "," << r.y << " " << r.w << "x" << r.h;
         }
     }

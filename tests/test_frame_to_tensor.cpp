@@ -36,6 +36,7 @@
 #include <string>
 #include <vector>
 
+#include "cv_support.h"
 #include "log_capture.hpp"
 #include "test_support.h"
 
@@ -252,16 +253,6 @@ Box FrameBox(const QVN_Image& img, int cx, int cy, int cw, int ch) {
     return box;
 }
 
-// The w x h window at (x, y); what lies outside the image is `pad`.
-cv::Mat CropPad(const cv::Mat& src, int x, int y, int w, int h, uint8_t pad) {
-    cv::Mat out(h, w, src.type(), cv::Scalar::all(pad));
-    const cv::Rect inside = cv::Rect(x, y, w, h) & cv::Rect(0, 0, src.cols, src.rows);
-    if (inside.area() > 0) {
-        src(inside).copyTo(out(cv::Rect(inside.x - x, inside.y - y, inside.width, inside.height)));
-    }
-    return out;
-}
-
 using Resizer = cv::Mat (*)(const cv::Mat&, int h, int w);
 
 cv::Mat ResizeOpenCV(const cv::Mat& src, int h, int w) {
@@ -320,8 +311,8 @@ std::vector<uint8_t> ExpectedPlanar(const Frame& f, bool to_bgr, const Box& box,
         cv::Mat uv(img.height / 2, img.width / 2, CV_8UC2,
                    img.data + static_cast<size_t>(img.width) * img.height);
         if (box.active) {
-            y = CropPad(y, box.x, box.y, box.w, box.h, pad);
-            uv = CropPad(uv, box.x / 2, box.y / 2, box.w / 2, box.h / 2, pad);
+            y = qvntest::CropPad(y, box.x, box.y, box.w, box.h, pad);
+            uv = qvntest::CropPad(uv, box.x / 2, box.y / 2, box.w / 2, box.h / 2, pad);
         }
         y = Upright(resize(y, rh, rw), img.ori_fmt);
         uv = Upright(resize(uv, rh / 2, rw / 2), img.ori_fmt);
@@ -342,7 +333,7 @@ std::vector<uint8_t> ExpectedPlanar(const Frame& f, bool to_bgr, const Box& box,
         return out;
     }
     cv::Mat in(img.height, img.width, CV_8UC4, img.data);
-    if (box.active) in = CropPad(in, box.x, box.y, box.w, box.h, pad);
+    if (box.active) in = qvntest::CropPad(in, box.x, box.y, box.w, box.h, pad);
     in = Upright(resize(in, rh, rw), img.ori_fmt);
     // Byte positions of R, G, B in the frame's pixels.
     const int pos_bgra[3] = {2, 1, 0}, pos_rgba[3] = {0, 1, 2};
@@ -369,11 +360,11 @@ std::vector<uint8_t> ExpectedGray(const Frame& f, const Box& box, uint8_t pad, i
     cv::Mat g;
     if (IsYUV(img.pix_fmt)) {
         cv::Mat y(img.height, img.width, CV_8UC1, img.data);
-        if (box.active) y = CropPad(y, box.x, box.y, box.w, box.h, pad);
+        if (box.active) y = qvntest::CropPad(y, box.x, box.y, box.w, box.h, pad);
         g = resize(y, th, tw);
     } else {
         cv::Mat in(img.height, img.width, CV_8UC4, img.data);
-        if (box.active) in = CropPad(in, box.x, box.y, box.w, box.h, pad);
+        if (box.active) in = qvntest::CropPad(in, box.x, box.y, box.w, box.h, pad);
         cv::cvtColor(resize(in, quarter ? tw : th, quarter ? th : tw), g, cv::COLOR_BGRA2GRAY);
     }
     return std::vector<uint8_t>(g.datastart, g.dataend);
