@@ -82,10 +82,7 @@ TEST(Softmax, EqualInputsCountsAndOverflow) {
 }
 
 void ExpectRect(QVN_Rect2D r, float x0, float y0, float x1, float y1) {
-    EXPECT_EQ(r.x0, x0);
-    EXPECT_EQ(r.y0, y0);
-    EXPECT_EQ(r.x1, x1);
-    EXPECT_EQ(r.y1, y1);
+    EXPECT_EQ(std::vector<float>({r.x0, r.y0, r.x1, r.y1}), std::vector<float>({x0, y0, x1, y1}));
 }
 
 TEST(BoxHelpers, ExtendAndAdjust) {
