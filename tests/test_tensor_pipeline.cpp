@@ -351,21 +351,16 @@ TEST_F(TensorPipeline, PlanarYUVGoesPlaneByPlaneThroughViews) {
         std::vector<int32_t> in_dims, out_dims;
         PlaneExpect in_planes[3], out_planes[3];
     };
+    // {in dims}, {out dims}, then the three views over each: {dims, offset}.
     const Case cases[] = {
-        {{4, 6},
-         {2, 4},
-         {{{4, 6, 1}, 0}, {{2, 3, 1}, 24}, {{2, 3, 1}, 30}},
+        {{4, 6}, {2, 4}, {{{4, 6, 1}, 0}, {{2, 3, 1}, 24}, {{2, 3, 1}, 30}},
          {{{2, 4, 1}, 0}, {{1, 2, 1}, 8}, {{1, 2, 1}, 10}}},
         // Odd sizes: the chroma planes are the halved dims, and the second
         // one starts a quarter of the luma size after the first.
-        {{5, 7},
-         {6, 10},
-         {{{5, 7, 1}, 0}, {{2, 3, 1}, 35}, {{2, 3, 1}, 43}},
+        {{5, 7}, {6, 10}, {{{5, 7, 1}, 0}, {{2, 3, 1}, 35}, {{2, 3, 1}, 43}},
          {{{6, 10, 1}, 0}, {{3, 5, 1}, 60}, {{3, 5, 1}, 75}}},
         // Extra dims are ignored: only the first two are read.
-        {{8, 4, 1},
-         {4, 2, 3},
-         {{{8, 4, 1}, 0}, {{4, 2, 1}, 32}, {{4, 2, 1}, 40}},
+        {{8, 4, 1}, {4, 2, 3}, {{{8, 4, 1}, 0}, {{4, 2, 1}, 32}, {{4, 2, 1}, 40}},
          {{{4, 2, 1}, 0}, {{2, 1, 1}, 8}, {{2, 1, 1}, 10}}},
     };
     for (const Case& k : cases) {
