@@ -5,8 +5,6 @@
 #include <quvas/runtime/tensor.h>
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -21,10 +19,13 @@
 #include <string>
 #include <vector>
 
+#include "cv_support.h"
 #include "log_capture.hpp"
+#include "test_support.h"
 
 namespace {
 
+using qvntest::Guarded;
 using quvas::kernel::ImageProcessFallback;
 using quvas::runtime::Context;
 using quvas::runtime::DeviceCPU;
@@ -36,45 +37,16 @@ namespace dtype = quvas::runtime::data_type;
 
 constexpr uint8_t kSentinel = 0xA5;
 
-// Caller memory whose last byte sits just before an inaccessible page, so
-// that any read or write past the end faults.
-class PageEndBuffer {
-public:
-    explicit PageEndBuffer(size_t bytes) : bytes_(bytes) {
-        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        span_ = (bytes + page - 1) / page * page + page;
-        base_ = static_cast<uint8_t*>(
-            mmap(nullptr, span_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        if (base_ == MAP_FAILED) std::abort();
-        mprotect(base_ + span_ - page, page, PROT_NONE);
-        data_ = base_ + span_ - page - bytes;
-    }
-    ~PageEndBuffer() { munmap(base_, span_); }
-    PageEndBuffer(const PageEndBuffer&) = delete;
-    PageEndBuffer& operator=(const PageEndBuffer&) = delete;
-    uint8_t* data() const { return data_; }
-    size_t size() const { return bytes_; }
-
-private:
-    size_t bytes_, span_;
-    uint8_t* base_;
-    uint8_t* data_;
-};
-
 class ImageProcessTest : public ::testing::Test {
 protected:
     TensorPtr Make(std::vector<int32_t> dims, int32_t lay, bool random = true) {
-        TensorPtr t = dev_.CreateTensor(TensorShape(std::move(dims), dtype::kUInt8, lay), nullptr);
-        if (random) {
-            for (size_t i = 0; i < t->byte_size(); ++i) t->data()[i] = static_cast<uint8_t>(rng_());
-        } else {
-            std::memset(t->data(), kSentinel, t->byte_size());
-        }
+        TensorPtr t = qvntest::FilledTensor(dev_, std::move(dims), lay, kSentinel);
+        if (random) qvntest::FillRandom(t->data(), t->byte_size(), rng_);
         return t;
     }
     // A random input living at the very end of a guarded page.
-    TensorPtr MakeAtPageEnd(PageEndBuffer& buf, std::vector<int32_t> dims, int32_t lay) {
-        for (size_t i = 0; i < buf.size(); ++i) buf.data()[i] = static_cast<uint8_t>(rng_());
+    TensorPtr MakeAtPageEnd(Guarded& buf, std::vector<int32_t> dims, int32_t lay) {
+        qvntest::FillRandom(buf.data(), buf.size(), rng_);
         return dev_.CreateTensorExternal(TensorShape(std::move(dims), dtype::kUInt8, lay),
                                          buf.data());
     }
@@ -91,21 +63,10 @@ protected:
     std::mt19937 rng_{20240611u};
 };
 
-bool AllSentinel(const TensorPtr& t) {
-    for (size_t i = 0; i < t->byte_size(); ++i)
-        if (t->data()[i] != kSentinel) return false;
-    return true;
-}
+bool AllSentinel(const TensorPtr& t) { return qvntest::AllBytes(t, kSentinel); }
 
 cv::Mat AsMat(const TensorPtr& t, int rows, int cols, int channels, size_t offset = 0) {
     return cv::Mat(rows, cols, CV_8UC(channels), t->data() + offset);
-}
-
-int MaxAbsDiff(const cv::Mat& a, const cv::Mat& b) {
-    double m = 0;
-    cv::minMaxLoc(cv::abs(a.reshape(1) - b.reshape(1)) + cv::abs(b.reshape(1) - a.reshape(1)),
-                  nullptr, &m);
-    return static_cast<int>(m);
 }
 
 // ---------------------------------------------------------------------------
@@ -122,7 +83,7 @@ TEST_F(ImageProcessTest, PackedToPlanarMatchesByteSelection) {
     for (const Case& k : cases) {
         for (const auto& s : sizes) {
             const int h = s[0], w = s[1];
-            PageEndBuffer buf(static_cast<size_t>(h) * w * k.channels);
+            Guarded buf(static_cast<size_t>(h) * w * k.channels, true);
             TensorPtr in = MakeAtPageEnd(buf, {h, w, k.channels}, layout::kHWC);
             TensorPtr out = Make({3, h, w}, layout::kCHW, false);
             Run(in, out, k.code);
@@ -156,7 +117,7 @@ TEST_F(ImageProcessTest, Yuv420MatchesFormulaAndOpenCV) {
     const int sizes[][2] = {{2, 2}, {4, 6}, {5, 7}, {3, 2}, {17, 33}, {64, 48}, {35, 99}};
     for (const auto& s : sizes) {
         const int h = s[0], w = s[1], ch = h / 2, cw = w / 2;
-        PageEndBuffer buf(static_cast<size_t>(h) * w + 2 * static_cast<size_t>(ch) * cw);
+        Guarded buf(static_cast<size_t>(h) * w + 2 * static_cast<size_t>(ch) * cw, true);
         TensorPtr in = MakeAtPageEnd(buf, {h, w, 1}, layout::kYUV420Planar);
         TensorPtr out = Make({3, h, w}, layout::kCHW, false);
         Run(in, out, op::kYUV420PlanarToRGB);
@@ -181,7 +142,7 @@ TEST_F(ImageProcessTest, Yuv420MatchesFormulaAndOpenCV) {
         std::vector<cv::Mat> planes;
         cv::split(rgb, planes);
         for (int k = 0; k < 3; ++k)
-            EXPECT_LE(MaxAbsDiff(planes[k], AsMat(out, h, w, 1, k * h * w)), 2) << h << "x" << w;
+            EXPECT_LE(qvntest::MaxDiff(planes[k], AsMat(out, h, w, 1, k * h * w)), 2) << h << "x" << w;
     }
 }
 
@@ -201,11 +162,10 @@ TEST_F(ImageProcessTest, Yuv420ExactValues) {
         in->data()[5] = k.v;
         TensorPtr out = Make({3, 2, 2}, layout::kCHW, false);
         Run(in, out, op::kYUV420PlanarToRGB);
-        for (int p = 0; p < 4; ++p) {
-            EXPECT_EQ(out->data()[p], k.r) << int(k.y) << "," << int(k.u) << "," << int(k.v);
-            EXPECT_EQ(out->data()[4 + p], k.g) << int(k.y) << "," << int(k.u) << "," << int(k.v);
-            EXPECT_EQ(out->data()[8 + p], k.b) << int(k.y) << "," << int(k.u) << "," << int(k.v);
-        }
+        std::vector<uint8_t> want;  // each plane one value
+        for (uint8_t v : {k.r, k.g, k.b}) want.insert(want.end(), 4, v);
+        EXPECT_EQ(std::vector<uint8_t>(out->data(), out->data() + 12), want)
+            << int(k.y) << "," << int(k.u) << "," << int(k.v);
     }
 }
 
@@ -235,7 +195,7 @@ TEST_F(ImageProcessTest, TurnsAndMirrorMatchOpenCV) {
                 } else {
                     cv::rotate(src, ref, k.cv_code);
                 }
-                EXPECT_EQ(MaxAbsDiff(ref, AsMat(out, oh, ow, 1, static_cast<size_t>(p) * oh * ow)), 0)
+                EXPECT_EQ(qvntest::MaxDiff(ref, AsMat(out, oh, ow, 1, static_cast<size_t>(p) * oh * ow)), 0)
                     << "code " << k.code << " plane " << p << " of " << c << "x" << h << "x" << w;
             }
         }
@@ -299,7 +259,7 @@ TEST_F(ImageProcessTest, ResizeMatchesOpenCVAndDocumentedArithmetic) {
     for (int channels : {1, 3, 4}) {
         for (const auto& s : sizes) {
             const int h = s[0], w = s[1], oh = s[2], ow = s[3];
-            PageEndBuffer buf(static_cast<size_t>(h) * w * channels);
+            Guarded buf(static_cast<size_t>(h) * w * channels, true);
             TensorPtr in = MakeAtPageEnd(buf, {h, w, channels}, PlaneLayout(channels));
             TensorPtr out = Make({oh, ow, channels}, PlaneLayout(channels), false);
             Run(in, out, ResizeCode(channels));
@@ -309,7 +269,7 @@ TEST_F(ImageProcessTest, ResizeMatchesOpenCVAndDocumentedArithmetic) {
                 << channels << " ch " << h << "x" << w << " -> " << oh << "x" << ow;
             cv::Mat cv_out;
             cv::resize(AsMat(in, h, w, channels), cv_out, cv::Size(ow, oh), 0, 0, cv::INTER_LINEAR);
-            EXPECT_LE(MaxAbsDiff(cv_out, AsMat(out, oh, ow, channels)), 2)
+            EXPECT_LE(qvntest::MaxDiff(cv_out, AsMat(out, oh, ow, channels)), 2)
                 << channels << " ch " << h << "x" << w << " -> " << oh << "x" << ow;
         }
     }
@@ -420,9 +380,7 @@ TEST_F(ImageProcessTest, RefusalsLogAndLeaveOutputUntouched) {
         } else {
             Run(k.in, k.out, k.code);
         }
-        const std::vector<std::string> lines = capture.Take();
-        ASSERT_EQ(lines.size(), 1u) << k.message;
-        EXPECT_EQ(lines[0], who + k.message);
+        EXPECT_EQ(capture.Take(), std::vector<std::string>{who + k.message});
         if (k.out && k.out->data()) {
             EXPECT_TRUE(AllSentinel(k.out)) << k.message;
         }
@@ -442,12 +400,10 @@ TEST_F(ImageProcessTest, BadCropBoxesAreRefused) {
     for (const Case& k : cases) {
         LogCapture capture;
         Run(in, out, k.a, k.b, k.c, k.d, op::kCropResizeHWC3);
-        const std::vector<std::string> lines = capture.Take();
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0],
-                  std::string("ImageProcessFallback::ConvertPixel: code 87 needs a finite box with "
-                              "x0 < x1 and y0 < y1, got ") +
-                      k.text + " for in {4, 6, 3} type 7 layout 1, out {2, 3, 3} type 7 layout 1");
+        EXPECT_EQ(capture.Take(), std::vector<std::string>{
+                                      "ImageProcessFallback::ConvertPixel: code 87 needs a finite box "
+                                      "with x0 < x1 and y0 < y1, got " + std::string(k.text) +
+                                      " for in {4, 6, 3} type 7 layout 1, out {2, 3, 3} type 7 layout 1"});
         EXPECT_TRUE(AllSentinel(out));
     }
 }

@@ -18,13 +18,17 @@
 #include <string>
 #include <vector>
 
+#include "cv_support.h"
 #include "log_capture.hpp"
+#include "test_support.h"
 
 namespace {
 
 namespace rt = quvas::runtime;
 namespace fn = quvas::kernel::functional;
 using quvas::kernel::YUVCvtMatrix;
+using qvntest::AllBytes;
+using qvntest::MaxDiff;
 using rt::TensorPtr;
 using rt::TensorShape;
 
@@ -37,9 +41,7 @@ rt::DeviceCPU& Device() {
 // a refused call must leave alone.
 TensorPtr WithLayout(int d0, int d1, int d2, int32_t layout, int32_t type = rt::data_type::kUInt8,
                      uint8_t fill = 0xAB) {
-    TensorPtr t = Device().CreateTensor(TensorShape({d0, d1, d2}, type, layout), nullptr);
-    std::memset(t->data(), fill, t->byte_size());
-    return t;
+    return qvntest::FilledTensor(Device(), {d0, d1, d2}, layout, fill, type);
 }
 TensorPtr Hwc(int h, int w, int c, uint8_t fill = 0) { return WithLayout(h, w, c, rt::layout::kHWC, rt::data_type::kUInt8, fill); }
 TensorPtr Chw(int c, int h, int w, uint8_t fill = 0) { return WithLayout(c, h, w, rt::layout::kCHW, rt::data_type::kUInt8, fill); }
@@ -63,48 +65,16 @@ cv::Mat RandomMat(int h, int w, int c, std::mt19937& rng) {
     return m;
 }
 
-// Largest byte difference of two Mats of the same size and type.
-int MaxDiff(const cv::Mat& a, const cv::Mat& b) {
-    EXPECT_EQ(a.size(), b.size());
-    EXPECT_EQ(a.type(), b.type());
-    int worst = 0;
-    const size_t n = a.total() * a.elemSize();
-    for (size_t i = 0; i < n; ++i) worst = std::max(worst, std::abs(a.data[i] - b.data[i]));
-    return worst;
-}
-
 bool Identical(const cv::Mat& a, const cv::Mat& b) {
     return a.size() == b.size() && a.type() == b.type() &&
            std::memcmp(a.data, b.data, a.total() * a.elemSize()) == 0;
-}
-
-bool AllBytes(const TensorPtr& t, uint8_t value) {
-    for (size_t i = 0; i < t->byte_size(); ++i) {
-        if (t->data()[i] != value) return false;
-    }
-    return true;
 }
 
 // ---------------------------------------------------------------------------
 // Crop
 // ---------------------------------------------------------------------------
 
-// Pixel (c, r) of the region is src(x + c, y + r) when that lies inside src,
-// pad otherwise.
-cv::Mat CropReference(const cv::Mat& src, int x, int y, int w, int h, uint8_t pad) {
-    const int ch = src.channels();
-    cv::Mat out(h, w, src.type());
-    std::memset(out.data, pad, out.total() * out.elemSize());
-    for (int r = 0; r < h; ++r) {
-        for (int c = 0; c < w; ++c) {
-            const int sx = x + c, sy = y + r;
-            if (sx < 0 || sy < 0 || sx >= src.cols || sy >= src.rows) continue;
-            std::memcpy(out.ptr(r) + c * ch, src.ptr(sy) + sx * ch, ch);
-        }
-    }
-    return out;
-}
-
+// The window cut by OpenCV ROI copies, the pad filling what lies outside.
 TEST(Crop, OutsideIsPaddedOnEverySide) {
     std::mt19937 rng(12);
     struct Region {
@@ -121,7 +91,7 @@ TEST(Crop, OutsideIsPaddedOnEverySide) {
         for (const Region& r : regions) {
             TensorPtr d = Hwc(r.h, r.w, ch, 0xEE);
             fn::F_Crop_U8_HWC_Memcpy(s, r.x, r.y, r.w, r.h, 99, d);
-            EXPECT_TRUE(Identical(AsMat(d), CropReference(src, r.x, r.y, r.w, r.h, 99)))
+            EXPECT_TRUE(Identical(AsMat(d), qvntest::CropPad(src, r.x, r.y, r.w, r.h, 99)))
                 << "channels " << ch << " region " << r.x << "," << r.y << " " << r.w << "x" << r.h;
         }
     }
@@ -280,19 +250,19 @@ std::shared_ptr<YUVCvtMatrix> Matrix(std::initializer_list<float> values) {
     return m;
 }
 
-// BT.709, BT.601 full range, BT.601 in sixty-fourths, the same with the
-// chroma bytes swapped, and the first two with red and blue exchanged.
+// BT.709, BT.601 full range, BT.601 in sixty-fourths and the same with the
+// chroma bytes swapped, for either channel order (the kit's matrices); and
+// odd values that exercise negative weights, a luma gain and offsets.
 std::vector<std::shared_ptr<YUVCvtMatrix>> Matrices() {
-    return {
-        Matrix({1, 0, 1.5748f, -0.46812427f, -0.18732427f, 1.8556f, 0, 0, 0.5f, 0.5f}),
-        Matrix({1, 0, 1.402f, -0.7141363f, -0.3441363f, 1.772f, 0, 0, 0.5f, 0.5f}),
-        Matrix({1, 0, 1.40625f, -0.34375f, -0.71875f, 2.078125f, 0, 0, 0.5f, 0.5f}),
-        Matrix({1, 1.40625f, 0, -0.71875f, -0.34375f, 0, 2.078125f, 0, 0.5f, 0.5f}),
-        Matrix({1, 1.8556f, 0, -0.46812427f, -0.18732427f, 0, 1.5748f, 0, 0.5f, 0.5f}),
-        Matrix({1, 1.772f, 0, -0.7141363f, -0.3441363f, 0, 1.402f, 0, 0.5f, 0.5f}),
-        // Odd values that exercise negative weights, a luma gain and offsets.
-        Matrix({0.8f, -1.25f, 0.5f, 2.5f, -3.9f, 0.125f, -0.75f, 123.f, 0.25f, 0.75f}),
-    };
+    std::vector<std::shared_ptr<YUVCvtMatrix>> all;
+    for (const auto& block : qvntest::kYuvMatrix) {
+        for (const auto& row : block) {
+            all.push_back(std::make_shared<YUVCvtMatrix>());
+            std::memcpy(all.back()->m, row, sizeof(row));
+        }
+    }
+    all.push_back(Matrix({0.8f, -1.25f, 0.5f, 2.5f, -3.9f, 0.125f, -0.75f, 123.f, 0.25f, 0.75f}));
+    return all;
 }
 
 // The documented fixed-point definition, 13 fractional bits.
@@ -306,11 +276,6 @@ uint8_t YuvFixedReference(const YUVCvtMatrix& m, int plane, int y, int c0, int c
     return static_cast<uint8_t>(std::clamp<long>(v, 0, 255));
 }
 
-// The real-valued definition: on a 0..1 scale, scaled back, rounded.
-double YuvReal(const YUVCvtMatrix& m, int plane, int y, int c0, int c1) {
-    const double a = m.m[1 + 2 * plane], b = m.m[2 + 2 * plane];
-    return 255.0 * (m.m[0] * (y / 255.0) + a * (c0 / 255.0 - m.m[8]) + b * (c1 / 255.0 - m.m[9]));
-}
 
 struct YuvSize {
     int w, h, uv_w, uv_h;
@@ -339,7 +304,7 @@ TEST(YuvPlanes, EqualsTheFixedPointDefinitionAndIsWithinOneOfRealValues) {
                         const int luma = y.ptr(r)[x];
                         const uint8_t got = d->data()[(static_cast<size_t>(p) * s.h + r) * s.w + x];
                         if (got != YuvFixedReference(*matrix, p, luma, c[0], c[1])) ++mismatches;
-                        const double real = std::clamp(YuvReal(*matrix, p, luma, c[0], c[1]), 0.0, 255.0);
+                        const double real = std::clamp(qvntest::YuvReal(matrix->m, p, luma, c[0], c[1]), 0.0, 255.0);
                         worst_real = std::max(worst_real, std::abs(int(std::lround(real)) - got));
                     }
                 }
@@ -390,16 +355,22 @@ struct Refusal {
 void ExpectRefused(const Refusal& r) {
     LogCapture capture;
     r.call();
-    const std::vector<std::string> lines = capture.Take();
-    ASSERT_EQ(lines.size(), 1u) << r.message;
-    EXPECT_EQ(lines[0], r.message);
+    EXPECT_EQ(capture.Take(), std::vector<std::string>{r.message});
     if (r.watched) {
         EXPECT_TRUE(AllBytes(r.watched, 0xAB)) << r.message;
     }
 }
 
+// The refusal line: "<kernel>: src <shape> and dst <shape> do not fit: <why>",
+// a shape being "{dims} (type T, layout L)".
+std::string Misfit(const std::string& kernel, const std::string& src, const std::string& dst,
+                   const std::string& why) {
+    return kernel + ": src " + src + " and dst " + dst + " do not fit: " + why;
+}
+std::string H(const std::string& dims) { return dims + " (type 7, layout 1)"; }
+std::string C(const std::string& dims) { return dims + " (type 7, layout 0)"; }
+
 TEST(Refusals, GeometryKernels) {
-    const std::string hwc = " (type 7, layout 1)";
     TensorPtr s3 = WithLayout(4, 6, 3, rt::layout::kHWC);
     TensorPtr d_wrong = WithLayout(4, 5, 3, rt::layout::kHWC);
     TensorPtr d_turn = WithLayout(6, 4, 3, rt::layout::kHWC);
@@ -409,83 +380,65 @@ TEST(Refusals, GeometryKernels) {
     TensorPtr f32 = WithLayout(4, 6, 3, rt::layout::kHWC, rt::data_type::kFloat32);
     TensorPtr no_storage = Device().CreateTensorExternal(
         TensorShape({4, 6, 3}, rt::data_type::kUInt8, rt::layout::kHWC), nullptr);
+    const std::string s = H("{4, 6, 3}"), hw = "dst must be {H, W, C} of src";
+    const std::string image = "dst must be a u8 HWC image", crop = "F_Crop_U8_HWC_Memcpy";
+    const std::string region = "dst must be {h, w, C} of the region";
 
     const std::vector<Refusal> cases = {
         {[&] { fn::F_HFlip_HWC_Fallback(s3, d_wrong); }, d_wrong,
-         "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 5, 3}" + hwc +
-             " do not fit: dst must be {H, W, C} of src"},
+         Misfit("F_HFlip_HWC_Fallback", s, H("{4, 5, 3}"), hw)},
         {[&] { fn::F_Rotate_Clockwise90_HWC_Fallback(s3, d_same); }, d_same,
-         "F_Rotate_Clockwise90_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " do not fit: dst must be {W, H, C} of src"},
+         Misfit("F_Rotate_Clockwise90_HWC_Fallback", s, s, "dst must be {W, H, C} of src")},
         {[&] { fn::F_Rotate_Clockwise180_HWC_Fallback(s3, d_turn); }, d_turn,
-         "F_Rotate_Clockwise180_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {6, 4, 3}" + hwc +
-             " do not fit: dst must be {H, W, C} of src"},
+         Misfit("F_Rotate_Clockwise180_HWC_Fallback", s, H("{6, 4, 3}"), hw)},
         {[&] { fn::F_Rotate_Clockwise180_HWC_Fallback(nullptr, d_same); }, d_same,
-         "F_Rotate_Clockwise180_HWC_Fallback: src null and dst {4, 6, 3}" + hwc +
-             " do not fit: src must be a u8 HWC image"},
+         Misfit("F_Rotate_Clockwise180_HWC_Fallback", "null", s, "src must be a u8 HWC image")},
         {[&] { fn::F_Rotate_Clockwise90_HWC_Fallback(s3, nullptr); }, nullptr,
-         "F_Rotate_Clockwise90_HWC_Fallback: src {4, 6, 3}" + hwc +
-             " and dst null do not fit: dst must be a u8 HWC image"},
+         Misfit("F_Rotate_Clockwise90_HWC_Fallback", s, "null", image)},
         {[&] { fn::F_HFlip_HWC_Fallback(s3, f32); }, f32,
-         "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3} (type 1, layout 1)" +
-             " do not fit: dst must be a u8 HWC image"},
+         Misfit("F_HFlip_HWC_Fallback", s, "{4, 6, 3} (type 1, layout 1)", image)},
         {[&] { fn::F_VFlip_HWC_Fallback(s3, no_storage); }, nullptr,
-         "F_VFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " without storage do not fit: dst must be a u8 HWC image"},
+         Misfit("F_VFlip_HWC_Fallback", s, s + " without storage", image)},
         {[&] { fn::F_HFlip_HWC_Fallback(d_same, d_same); }, d_same,
-         "F_HFlip_HWC_Fallback: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " do not fit: src and dst share storage"},
+         Misfit("F_HFlip_HWC_Fallback", s, s, "src and dst share storage")},
         {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 4, 0, d_ch); }, d_ch,
-         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 4}" + hwc +
-             " do not fit: src and dst must have the same channels"},
-        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 5, 0, d_same); }, d_same,
-         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " do not fit: dst must be {h, w, C} of the region"},
+         Misfit(crop, s, H("{4, 6, 4}"), "src and dst must have the same channels")},
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 5, 0, d_same); }, d_same, Misfit(crop, s, s, region)},
         {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 0, 4, 0, d_same); }, d_same,  // an empty region
-         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {4, 6, 3}" + hwc +
-             " do not fit: dst must be {h, w, C} of the region"},
+         Misfit(crop, s, s, region)},
         {[&] { fn::F_Crop_U8_HWC_Memcpy(nullptr, 0, 0, 6, 4, 0, d_same); }, d_same,
-         "F_Crop_U8_HWC_Memcpy: src null and dst {4, 6, 3}" + hwc +
-             " do not fit: src must be a u8 HWC image"},
-        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 4, 0, chw); }, chw,
-         "F_Crop_U8_HWC_Memcpy: src {4, 6, 3}" + hwc + " and dst {3, 4, 6} (type 7, layout 0)" +
-             " do not fit: dst must be a u8 HWC image"},
+         Misfit(crop, "null", s, "src must be a u8 HWC image")},
+        {[&] { fn::F_Crop_U8_HWC_Memcpy(s3, 0, 0, 6, 4, 0, chw); }, chw, Misfit(crop, s, C("{3, 4, 6}"), image)},
     };
     for (const Refusal& r : cases) ExpectRefused(r);
     EXPECT_TRUE(AllBytes(s3, 0xAB));
 }
 
 TEST(Refusals, ResizeKernels) {
-    const std::string hwc = " (type 7, layout 1)";
     TensorPtr c2 = WithLayout(8, 8, 2, rt::layout::kHWC);
     TensorPtr c4 = WithLayout(8, 8, 4, rt::layout::kHWC);
     TensorPtr d1 = WithLayout(3, 5, 1, rt::layout::kHWC);
     TensorPtr d4 = WithLayout(3, 5, 4, rt::layout::kHWC);
     TensorPtr plane2 = WithLayout(3, 5, 2, rt::layout::kPlane);
+    const std::string r1 = "F_Resize_Bilinear_HWC_U8_C1_Fallback";
+    const std::string r2 = "F_Resize_Bilinear_HWC_U8_C2_Fallback";
+    const std::string r4 = "F_Resize_Bilinear_HWC_U8_C4_Fallback";
     const std::vector<Refusal> cases = {
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(c2, d1); }, d1,
-         "F_Resize_Bilinear_HWC_U8_C1_Fallback: src {8, 8, 2}" + hwc + " and dst {3, 5, 1}" + hwc +
-             " do not fit: src must be a u8 HWC image of 1 channel"},
+         Misfit(r1, H("{8, 8, 2}"), H("{3, 5, 1}"), "src must be a u8 HWC image of 1 channel")},
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C2_Fallback(c2, plane2); }, plane2,
-         "F_Resize_Bilinear_HWC_U8_C2_Fallback: src {8, 8, 2}" + hwc +
-             " and dst {3, 5, 2} (type 7, layout 23) do not fit: dst must be a u8 HWC image of 2 "
-             "channels"},
+         Misfit(r2, H("{8, 8, 2}"), "{3, 5, 2} (type 7, layout 23)", "dst must be a u8 HWC image of 2 channels")},
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(c4, d1); }, d1,
-         "F_Resize_Bilinear_HWC_U8_C4_Fallback: src {8, 8, 4}" + hwc + " and dst {3, 5, 1}" + hwc +
-             " do not fit: dst must be a u8 HWC image of 4 channels"},
+         Misfit(r4, H("{8, 8, 4}"), H("{3, 5, 1}"), "dst must be a u8 HWC image of 4 channels")},
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(nullptr, d4); }, d4,
-         "F_Resize_Bilinear_HWC_U8_C4_Fallback: src null and dst {3, 5, 4}" + hwc +
-             " do not fit: src must be a u8 HWC image of 4 channels"},
+         Misfit(r4, "null", H("{3, 5, 4}"), "src must be a u8 HWC image of 4 channels")},
         {[&] { fn::F_Resize_Bilinear_HWC_U8_C4_Fallback(c4, c4); }, c4,
-         "F_Resize_Bilinear_HWC_U8_C4_Fallback: src {8, 8, 4}" + hwc + " and dst {8, 8, 4}" + hwc +
-             " do not fit: src and dst share storage"},
+         Misfit(r4, H("{8, 8, 4}"), H("{8, 8, 4}"), "src and dst share storage")},
     };
     for (const Refusal& r : cases) ExpectRefused(r);
 }
 
 TEST(Refusals, ColourKernels) {
-    const std::string hwc = " (type 7, layout 1)";
-    const std::string chw = " (type 7, layout 0)";
     TensorPtr bgra = WithLayout(4, 6, 4, rt::layout::kHWC);
     TensorPtr bgr = WithLayout(4, 6, 3, rt::layout::kHWC);
     TensorPtr planes = WithLayout(3, 4, 6, rt::layout::kCHW);
@@ -498,42 +451,37 @@ TEST(Refusals, ColourKernels) {
     auto bt601 = Matrix({1, 0, 1.402f, -0.3441363f, -0.7141363f, 1.772f, 0, 0, 0.5f, 0.5f});
     auto too_big = Matrix({1, 0, 4.0f, 0, 0, 0, 0, 0, 0.5f, 0.5f});
     auto nan = Matrix({1, 0, std::nanf(""), 0, 0, 0, 0, 0, 0.5f, 0.5f});
-    const std::string yuv = "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y {4, 6, 1}" + hwc +
-                            ", uv {2, 3, 2}" + hwc + " and dst ";
+    // The two-plane converter names three tensors.
+    const auto yuv = [](const std::string& y_dims, const std::string& uv_dims, const std::string& dst,
+                        const std::string& why) {
+        return "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y " + H(y_dims) + ", uv " +
+               H(uv_dims) + " and dst " + C(dst) + " do not fit: " + why;
+    };
+    const std::string four = "src must be a u8 HWC image of 4 channels";
+    const std::string weights = "colour matrix weights must lie in (-4, 4) and offsets in [-4, 4]";
+    const std::string gray_name = "F_ColorCvt_BGRA8888_To_Gray8_Fallback";
     const std::vector<Refusal> cases = {
         {[&] { fn::F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgr, planes); }, planes,
-         "F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 3}" + hwc +
-             " and dst {3, 4, 6}" + chw + " do not fit: src must be a u8 HWC image of 4 channels"},
-        {[&] { fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgra, planes_small); },
-         planes_small,
-         "F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback: src {4, 6, 4}" + hwc +
-             " and dst {3, 4, 5}" + chw + " do not fit: dst must be a u8 CHW image {3, H, W} of src"},
+         Misfit("F_ColorCvt_BGRA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback", H("{4, 6, 3}"), C("{3, 4, 6}"), four)},
+        {[&] { fn::F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback(bgra, planes_small); }, planes_small,
+         Misfit("F_ColorCvt_RGBA2RGB_HWC_UInt8_To_CHW_UInt8_Fallback", H("{4, 6, 4}"), C("{3, 4, 5}"),
+                "dst must be a u8 CHW image {3, H, W} of src")},
         {[&] { fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(bgra, gray_small); }, gray_small,
-         "F_ColorCvt_BGRA8888_To_Gray8_Fallback: src {4, 6, 4}" + hwc + " and dst {3, 6, 1}" + hwc +
-             " do not fit: dst must be a u8 HWC image {H, W, 1} of src"},
+         Misfit(gray_name, H("{4, 6, 4}"), H("{3, 6, 1}"), "dst must be a u8 HWC image {H, W, 1} of src")},
         {[&] { fn::F_ColorCvt_BGRA8888_To_Gray8_Fallback(nullptr, gray); }, gray,
-         "F_ColorCvt_BGRA8888_To_Gray8_Fallback: src null and dst {4, 6, 1}" + hwc +
-             " do not fit: src must be a u8 HWC image of 4 channels"},
+         Misfit(gray_name, "null", H("{4, 6, 1}"), four)},
         {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, bt601, planes_small); },
-         planes_small, yuv + "{3, 4, 5}" + chw + " do not fit: dst must be a u8 CHW image {3, H, W} of y"},
+         planes_small, yuv("{4, 6, 1}", "{2, 3, 2}", "{3, 4, 5}", "dst must be a u8 CHW image {3, H, W} of y")},
         {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, nullptr, planes); },
-         planes, yuv + "{3, 4, 6}" + chw + " do not fit: the colour matrix is missing"},
+         planes, yuv("{4, 6, 1}", "{2, 3, 2}", "{3, 4, 6}", "the colour matrix is missing")},
         {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, too_big, planes); },
-         planes,
-         yuv + "{3, 4, 6}" + chw +
-             " do not fit: colour matrix weights must lie in (-4, 4) and offsets in [-4, 4]"},
-        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, nan, planes); }, planes,
-         yuv + "{3, 4, 6}" + chw +
-             " do not fit: colour matrix weights must lie in (-4, 4) and offsets in [-4, 4]"},
-        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv_small, bt601, planes); },
-         planes,
-         "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y {4, 6, 1}" + hwc + ", uv {2, 2, 2}" +
-             hwc + " and dst {3, 4, 6}" + chw +
-             " do not fit: uv must be a u8 {H/2, W/2, 2} plane of chroma pairs"},
+         planes, yuv("{4, 6, 1}", "{2, 3, 2}", "{3, 4, 6}", weights)},
+        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv, nan, planes); },
+         planes, yuv("{4, 6, 1}", "{2, 3, 2}", "{3, 4, 6}", weights)},
+        {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(y, uv_small, bt601, planes); }, planes,
+         yuv("{4, 6, 1}", "{2, 2, 2}", "{3, 4, 6}", "uv must be a u8 {H/2, W/2, 2} plane of chroma pairs")},
         {[&] { fn::F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback(uv, uv, bt601, planes); },
-         planes,
-         "F_ColorCvt_YUV_2Plane_UInt8_To_CHW_UInt8_Fallback: y {2, 3, 2}" + hwc + ", uv {2, 3, 2}" +
-             hwc + " and dst {3, 4, 6}" + chw + " do not fit: y must be a u8 {H, W, 1} plane"},
+         planes, yuv("{2, 3, 2}", "{2, 3, 2}", "{3, 4, 6}", "y must be a u8 {H, W, 1} plane")},
     };
     for (const Refusal& r : cases) ExpectRefused(r);
 }

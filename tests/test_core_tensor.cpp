@@ -11,6 +11,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -289,26 +290,24 @@ TEST(TensorStorage, ImageCreatorsMakeU8HwcImages) {
         const std::vector<int32_t> dims = {5, 7, c.channels ? c.channels : 1};
         const int32_t layout = c.channels ? rt::layout::kHWC : rt::layout::kYUV420Planar;
 
+        // dims, type, layout, location, bytes and ownership as one value.
+        using Fields = std::tuple<std::vector<int32_t>, int32_t, int32_t, uint32_t, size_t, bool>;
+        const auto fields = [](const TensorPtr& t) {
+            const TensorShape& s = t->shape();
+            return Fields{s.dims, s.data_type, s.layout, s.location, t->byte_size(), t->owns_data()};
+        };
+        const Fields own{dims, rt::data_type::kUInt8, layout, rt::location::kMainMemory, bytes, true};
+        const Fields ext{dims, rt::data_type::kUInt8, layout, rt::location::kMainMemory, bytes, false};
+
         TensorPtr owned = (device.*c.owned)(h, w, data.data());
-        EXPECT_EQ(owned->shape().dims, dims) << c.name;
-        EXPECT_EQ(owned->shape().data_type, rt::data_type::kUInt8) << c.name;
-        EXPECT_EQ(owned->shape().layout, layout) << c.name;
-        EXPECT_EQ(owned->shape().location, rt::location::kMainMemory) << c.name;
-        EXPECT_EQ(owned->byte_size(), bytes) << c.name;
-        EXPECT_TRUE(owned->owns_data()) << c.name;
+        EXPECT_EQ(fields(owned), own) << c.name;
         EXPECT_EQ(0, std::memcmp(owned->data(), data.data(), bytes)) << c.name;
-
         TensorPtr fresh = (device.*c.owned)(h, w, nullptr);
-        EXPECT_TRUE(fresh->owns_data()) << c.name;
-        EXPECT_EQ(fresh->byte_size(), bytes) << c.name;
+        EXPECT_EQ(fields(fresh), own) << c.name;
         std::memset(fresh->data(), 0xA5, bytes);
-
         TensorPtr view = (device.*c.external)(h, w, data.data());
-        EXPECT_EQ(view->shape().dims, dims) << c.name;
-        EXPECT_EQ(view->shape().layout, layout) << c.name;
+        EXPECT_EQ(fields(view), ext) << c.name;
         EXPECT_EQ(view->data(), data.data()) << c.name;
-        EXPECT_FALSE(view->owns_data()) << c.name;
-        EXPECT_EQ(view->byte_size(), bytes) << c.name;
     }
 }
 

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "test_support.h"
+
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -21,21 +23,8 @@ namespace kit = quvas::kit;
 
 TEST(DeviceCacheThreads, ConcurrentConversionsOnOneDeviceAgree) {
     constexpr int kThreads = 4, kFrames = 6, kW = 96, kH = 64, kOut = 32;
-    std::mt19937 rng(3);
-    std::vector<uint8_t> nv21(kW * kH * 3 / 2), bgra(kW * kH * 4);
-    for (auto& b : nv21) b = static_cast<uint8_t>(rng());
-    for (auto& b : bgra) b = static_cast<uint8_t>(rng());
-    auto image = [&](uint32_t fmt, uint32_t ori) {
-        QVN_Image img{};
-        img.ori_fmt = ori;
-        img.pix_fmt = fmt;
-        img.width = kW;
-        img.height = kH;
-        img.channels = fmt == QVN_PIX_FMT_BGRA8888 ? 4 : 1;
-        img.rect = {0.f, 0.f, 1.f, 1.f};
-        img.data = fmt == QVN_PIX_FMT_BGRA8888 ? bgra.data() : nv21.data();
-        return img;
-    };
+    std::vector<uint8_t> nv21 = qvntest::RandomBytes(kW * kH * 3 / 2, 3);
+    std::vector<uint8_t> bgra = qvntest::RandomBytes(kW * kH * 4, 4);
     rt::DeviceCPU device;
     const rt::TensorShape planar({3, kOut, kOut}, rt::data_type::kUInt8, 0);
     // Thread t converts with its own format, orientation and crop; the
@@ -45,7 +34,8 @@ TEST(DeviceCacheThreads, ConcurrentConversionsOnOneDeviceAgree) {
     auto convert = [&](int t, rt::TensorPtr& out, bool one_pass = false) {
         const uint32_t fmt = t % 2 ? QVN_PIX_FMT_BGRA8888 : QVN_PIX_FMT_YUV420SP_D;
         const uint32_t ori = t % 3 == 0 ? QVN_ORIENT_FMT_ROTATE_90L : QVN_ORIENT_FMT_MIRROR;
-        const QVN_Image img = image(fmt, ori);
+        const bool four = fmt == QVN_PIX_FMT_BGRA8888;
+        const QVN_Image img = qvntest::MakeImage(fmt, kW, kH, four ? 4 : 1, four ? bgra.data() : nv21.data(), ori);
         (one_pass ? kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU
                   : kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU)(
             &img, out, false, 4 * t - 6, 3 + t, 40 + 8 * t, 36 + 6 * t, 17);

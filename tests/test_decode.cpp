@@ -82,10 +82,7 @@ TEST(Softmax, EqualInputsCountsAndOverflow) {
 }
 
 void ExpectRect(QVN_Rect2D r, float x0, float y0, float x1, float y1) {
-    EXPECT_EQ(r.x0, x0);
-    EXPECT_EQ(r.y0, y0);
-    EXPECT_EQ(r.x1, x1);
-    EXPECT_EQ(r.y1, y1);
+    EXPECT_EQ(std::vector<float>({r.x0, r.y0, r.x1, r.y1}), std::vector<float>({x0, y0, x1, y1}));
 }
 
 TEST(BoxHelpers, ExtendAndAdjust) {
@@ -149,25 +146,17 @@ Result RefDecode(const std::vector<float>& d, int W, int H, int C, float beta) {
     return r;
 }
 
+// The same means, then the variance about them over the weight sum.
 Result RefNoSqrt(const std::vector<float>& d, int W, int H, int C, float beta) {
-    Result r{std::vector<float>(C), std::vector<float>(C), std::vector<float>(C), {}, {}};
+    Result r = RefDecode(d, W, H, C, beta);
     for (int c = 0; c < C; ++c) {
         const float* p = d.data() + c * W * H;
-        float s = 0, sx = 0, sy = 0;
-        for (int i = 0; i < W * H; ++i) {
-            const float e = FastExpRef(p[i] * beta, false);
-            sx = std::fmaf(e, Coord(i % W, W), sx);
-            sy = std::fmaf(e, Coord(i / W, H), sy);
-            s += e;
-        }
-        r.x[c] = sx / s;
-        r.y[c] = sy / s;
         float var = 0;
         for (int i = 0; i < W * H; ++i) {
             const double dx = Coord(i % W, W) - r.x[c], dy = Coord(i / W, H) - r.y[c];
             var = static_cast<float>(var + FastExpRef(p[i] * beta, false) * (dx * dx + dy * dy));
         }
-        r.conf[c] = var / s;
+        r.conf[c] = var / r.wsum[c];
     }
     return r;
 }

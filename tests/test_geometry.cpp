@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "test_support.h"
 
 namespace {
 
@@ -144,6 +145,25 @@ Box MapBox(unsigned turn, unsigned flip, Box b, float W, float H) {
     return r;
 }
 
+::testing::AssertionResult SameBox(const Box& got, const Box& want) {
+    if (got.x0 == want.x0 && got.y0 == want.y0 && got.x1 == want.x1 && got.y1 == want.y1) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "got (" << got.x0 << ", " << got.y0 << ", " << got.x1 << ", "
+                                         << got.y1 << "), want (" << want.x0 << ", " << want.y0 << ", "
+                                         << want.x1 << ", " << want.y1 << ")";
+}
+
+// The orientation word of a bit combination: bit k of `combo` sets the k-th
+// of the six bits a word can carry (1, 2, 4, 8, 16, 64).
+unsigned WordOf(unsigned combo) {
+    const unsigned bits[] = {1, 2, 4, 8, 16, 64};
+    unsigned ori = 0;
+    for (int k = 0; k < 6; ++k)
+        if (combo & (1u << k)) ori |= bits[k];
+    return ori;
+}
+
 // Box rules: vertical flip beats mirror; quarter turn 2 beats 1 beats the
 // half turns 4 and 64.
 void BoxRules(unsigned ori, unsigned* turn, unsigned* flip) {
@@ -156,21 +176,14 @@ const Box kBoxes[] = {{0.125f, 0.25f, 0.5f, 0.875f}, {0.0f, 0.0f, 1.0f, 1.0f}, {
                       {-0.25f, 0.5f, 0.25f, 1.25f}};
 
 TEST(CropboxRectify, EveryBitCombinationByOrientation) {
-    const unsigned bits[] = {1, 2, 4, 8, 16, 64};
     for (unsigned combo = 0; combo < 64; ++combo) {
-        unsigned ori = 0;
-        for (int k = 0; k < 6; ++k)
-            if (combo & (1u << k)) ori |= bits[k];
+        const unsigned ori = WordOf(combo);
         unsigned turn, flip;
         BoxRules(ori, &turn, &flip);
         for (const Box& b : kBoxes) {
             Box got = b;
             kit::Cropbox_Rectify(static_cast<QVN_ORIENT_FMT>(ori), got.x0, got.y0, got.x1, got.y1);
-            const Box want = MapBox(turn, flip, b, 1.0f, 1.0f);
-            EXPECT_EQ(got.x0, want.x0) << "ori " << ori;
-            EXPECT_EQ(got.y0, want.y0) << "ori " << ori;
-            EXPECT_EQ(got.x1, want.x1) << "ori " << ori;
-            EXPECT_EQ(got.y1, want.y1) << "ori " << ori;
+            EXPECT_TRUE(SameBox(got, MapBox(turn, flip, b, 1.0f, 1.0f))) << "ori " << ori;
         }
     }
 }
@@ -179,27 +192,16 @@ TEST(CropboxRectify, ThroughTheImageMatrix) {
     for (unsigned ori = 0; ori < 70; ++ori) {
         Combo c{};
         const bool own = HasOwnMatrix(ori, &c);
-        QVN_Image img{};
-        img.ori_fmt = ori;
-        img.width = 9;
-        img.height = 5;
+        QVN_Image img = qvntest::MakeImage(0, 9, 5, 0, nullptr, ori, {});
         for (const Box& b : kBoxes) {
             Box got = b;
             kit::Cropbox_Rectify(&img, true, got.x0, got.y0, got.x1, got.y1);
-            const Box want = own ? MapBox(c.turn, c.flip, b, 1.0f, 1.0f) : b;
-            EXPECT_EQ(got.x0, want.x0) << "ori " << ori;
-            EXPECT_EQ(got.y0, want.y0);
-            EXPECT_EQ(got.x1, want.x1);
-            EXPECT_EQ(got.y1, want.y1);
+            EXPECT_TRUE(SameBox(got, own ? MapBox(c.turn, c.flip, b, 1.0f, 1.0f) : b)) << "ori " << ori;
             // In pixels of the 9 x 5 frame (last column 8, last row 4).
             Box px{b.x0 * 8, b.y0 * 4, b.x1 * 8, b.y1 * 4};
             Box gotp = px;
             kit::Cropbox_Rectify(&img, false, gotp.x0, gotp.y0, gotp.x1, gotp.y1);
-            const Box wantp = own ? MapBox(c.turn, c.flip, px, 8.0f, 4.0f) : px;
-            EXPECT_EQ(gotp.x0, wantp.x0) << "ori " << ori;
-            EXPECT_EQ(gotp.y0, wantp.y0);
-            EXPECT_EQ(gotp.x1, wantp.x1);
-            EXPECT_EQ(gotp.y1, wantp.y1);
+            EXPECT_TRUE(SameBox(gotp, own ? MapBox(c.turn, c.flip, px, 8.0f, 4.0f) : px)) << "ori " << ori;
         }
     }
 }
@@ -218,26 +220,18 @@ TEST(RectifyCropbox, EveryBitCombinationAgainstPixelCorners) {
     // not looked at here.
     const int fw = 13, fh = 7;
     const IBox boxes[] = {{2, 1, 5, 3}, {0, 0, 6, 6}, {-2, -1, 4, 2}, {3, 2, 15, 9}};
-    const unsigned bits[] = {1, 2, 4, 8, 16, 64};
     for (unsigned combo = 0; combo < 64; ++combo) {
-        unsigned ori = 0;
-        for (int k = 0; k < 6; ++k)
-            if (combo & (1u << k)) ori |= bits[k];
+        const unsigned ori = WordOf(combo);
         unsigned turn, flip;
         BoxRules(ori, &turn, &flip);
         if (flip == 16) flip = 0;
         for (const IBox& b : boxes) {
-            QVN_Image img{};
-            img.ori_fmt = ori;
-            img.width = fw;
-            img.height = fh;
+            QVN_Image img = qvntest::MakeImage(0, fw, fh, 0, nullptr, ori, {});
             int x0 = b.x0, y0 = b.y0, x1 = b.x1, y1 = b.y1, w = b.x1 - b.x0 + 1, h = b.y1 - b.y0 + 1;
             const int ret = kit::rectify_cropbox(&img, x0, y0, x1, y1, w, h);
             const Box want = MapBox(turn, flip, {float(b.x0), float(b.y0), float(b.x1), float(b.y1)}, fw - 1.0f, fh - 1.0f);
-            EXPECT_EQ(x0, int(want.x0)) << "ori " << ori;
-            EXPECT_EQ(y0, int(want.y0)) << "ori " << ori;
-            EXPECT_EQ(x1, int(want.x1)) << "ori " << ori;
-            EXPECT_EQ(y1, int(want.y1)) << "ori " << ori;
+            EXPECT_EQ(std::vector<int>({x0, y0, x1, y1}),
+                      std::vector<int>({int(want.x0), int(want.y0), int(want.x1), int(want.y1)})) << "ori " << ori;
             EXPECT_EQ(w, x1 - x0 + 1);
             EXPECT_EQ(h, y1 - y0 + 1);
             EXPECT_EQ(ret, h);
@@ -250,18 +244,12 @@ TEST(RectifyCropbox, EveryBitCombinationAgainstPixelCorners) {
 // ---------------------------------------------------------------------------
 
 QVN_Image Image(uint32_t fmt, uint32_t ori, int w, int h, uint8_t* data) {
-    QVN_Image img{};
-    img.pix_fmt = fmt;
-    img.ori_fmt = ori;
-    img.width = w;
-    img.height = h;
-    img.data = data;
-    return img;
+    return qvntest::MakeImage(fmt, w, h, 0, data, ori, {});
 }
 
 Bytes Random(std::mt19937& rng, size_t n) {
     Bytes b(n);
-    for (auto& v : b) v = static_cast<uint8_t>(rng());
+    qvntest::FillRandom(b.data(), n, rng);
     return b;
 }
 

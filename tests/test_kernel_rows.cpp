@@ -7,9 +7,6 @@
 // heights and widths.
 #include <gtest/gtest.h>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -18,48 +15,20 @@
 
 #include "kernels/planar.h"
 #include "kernels/row.h"
+#include "test_support.h"
 
 namespace {
 
 namespace k = quvas::kernels;
 
-// A writable region of `size` bytes with an inaccessible page on each side.
-// at_end puts the region's last byte just before the back guard, otherwise
-// its first byte just after the front guard.
-class Guarded {
-public:
-    Guarded(size_t size, bool at_end) : size_(size) {
-        page_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        span_ = (size + page_ - 1) / page_ * page_ + 2 * page_;
-        void* m = mmap(nullptr, span_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        EXPECT_NE(m, MAP_FAILED);
-        base_ = static_cast<uint8_t*>(m);
-        mprotect(base_, page_, PROT_NONE);
-        mprotect(base_ + span_ - page_, page_, PROT_NONE);
-        data_ = at_end ? base_ + span_ - page_ - size : base_ + page_;
-    }
-    ~Guarded() { munmap(base_, span_); }
-    Guarded(const Guarded&) = delete;
-    Guarded& operator=(const Guarded&) = delete;
-    uint8_t* data() { return data_; }
-    template <typename T>
-    T* as() { return reinterpret_cast<T*>(data_); }
-    std::vector<uint8_t> bytes() const { return std::vector<uint8_t>(data_, data_ + size_); }
-
-private:
-    size_t size_, page_, span_;
-    uint8_t* base_;
-    uint8_t* data_;
-};
+using qvntest::Guarded;
 
 std::mt19937& Rng() {
     static std::mt19937 rng(12);
     return rng;
 }
 
-void FillRandom(uint8_t* p, size_t n) {
-    for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(Rng()());
-}
+void FillRandom(uint8_t* p, size_t n) { qvntest::FillRandom(p, n, Rng()); }
 
 constexpr int kMaxWidth = 130;
 
@@ -84,19 +53,17 @@ void CheckStrip(StripFn avx2, StripFn twin, int n, int rows) {
             FillRandom(src.data(), src_bytes);
             for (int sign : {1, -1}) {
                 const uint8_t* s = sign > 0 ? src.data() : src.data() + ss * (rows - 1);
-                Guarded a(dst_bytes, at_end), b(dst_bytes, !at_end);
-                std::memset(a.data(), 0xA5, dst_bytes);
-                std::memset(b.data(), 0xA5, dst_bytes);
-                avx2(s, sign * ss, a.data(), ds, width);
-                twin(s, sign * ss, b.data(), ds, width);
-                ASSERT_EQ(a.bytes(), b.bytes()) << "pixel " << n << " width " << width << " sign " << sign;
-                // Destination rows written bottom up.
-                Guarded c(dst_bytes, at_end), e(dst_bytes, !at_end);
-                std::memset(c.data(), 0x5A, dst_bytes);
-                std::memset(e.data(), 0x5A, dst_bytes);
-                avx2(s, sign * ss, c.data() + ds * (width - 1), -ds, width);
-                twin(s, sign * ss, e.data() + ds * (width - 1), -ds, width);
-                ASSERT_EQ(c.bytes(), e.bytes()) << "pixel " << n << " width " << width << " backwards";
+                // Destination rows written top down, then bottom up.
+                for (bool up : {false, true}) {
+                    Guarded a(dst_bytes, at_end), b(dst_bytes, !at_end);
+                    std::memset(a.data(), up ? 0x5A : 0xA5, dst_bytes);
+                    std::memset(b.data(), up ? 0x5A : 0xA5, dst_bytes);
+                    const ptrdiff_t first = up ? ds * (width - 1) : 0;
+                    avx2(s, sign * ss, a.data() + first, up ? -ds : ds, width);
+                    twin(s, sign * ss, b.data() + first, up ? -ds : ds, width);
+                    ASSERT_EQ(a.bytes(), b.bytes())
+                        << "pixel " << n << " width " << width << " sign " << sign << (up ? " backwards" : "");
+                }
             }
         }
     }
@@ -368,15 +335,13 @@ TEST(KernelRows, YuvRowMatchesItsTwin) {
 // The twins themselves against the written definitions, on values worked
 // out by hand.
 TEST(KernelRows, TwinsFollowTheirDefinitions) {
-    // (1868 B + 9617 G + 4899 R + 8192) >> 14
+    // (1868 B + 9617 G + 4899 R + 8192) >> 14: white (16384 * 255 + 8192) >> 14
+    // = 255; red (4899 * 255 + 8192) >> 14 = 76.7 -> 76; blue 29.57 -> 29;
+    // green 150.18 -> 150; (18680 + 192340 + 146970 + 8192) >> 14 = 22.35 -> 22.
     const uint8_t bgra[] = {255, 255, 255, 0, 0, 0, 255, 9, 255, 0, 0, 7, 0, 255, 0, 1, 10, 20, 30, 40};
     uint8_t gray[5];
     k::BgraToGrayRow_C(bgra, gray, 5);
-    EXPECT_EQ(gray[0], 255);  // 16384 * 255 + 8192 >> 14
-    EXPECT_EQ(gray[1], 76);   // (4899 * 255 + 8192) >> 14 = 76.7 -> 76
-    EXPECT_EQ(gray[2], 29);   // (1868 * 255 + 8192) >> 14 = 29.57 -> 29
-    EXPECT_EQ(gray[3], 150);  // (9617 * 255 + 8192) >> 14 = 150.18 -> 150
-    EXPECT_EQ(gray[4], 22);   // (18680 + 192340 + 146970 + 8192) >> 14 = 22.35 -> 22
+    EXPECT_EQ(std::vector<uint8_t>(gray, gray + 5), std::vector<uint8_t>({255, 76, 29, 150, 22}));
 
     // Horizontal: 100 * (2048 - 512) + 200 * 512 at the left tap 1.
     const uint8_t row[] = {0, 100, 200, 50};
@@ -384,9 +349,8 @@ TEST(KernelRows, TwinsFollowTheirDefinitions) {
     const int32_t pair[] = {(2048 - 512) | 512 << 16, 2048 << 16, 2048};
     int32_t out[3];
     k::ScaleColsBilinear1_C(row, 4, index, pair, 3, out);
-    EXPECT_EQ(out[0], 100 * 1536 + 200 * 512);
-    EXPECT_EQ(out[1], 50 * 2048);  // the last pixel as the second tap at full weight
-    EXPECT_EQ(out[2], 0);
+    // The last pixel as the second tap at full weight, then the first alone.
+    EXPECT_EQ(std::vector<int32_t>(out, out + 3), std::vector<int32_t>({100 * 1536 + 200 * 512, 50 * 2048, 0}));
 
     // Vertical: halfway between 255 and 0 is 127.5, rounded up; a quarter of
     // the way from 0 to 255 is 63.75 -> 64; 1/2048 of 255 is 0.12 -> 0.
@@ -396,9 +360,7 @@ TEST(KernelRows, TwinsFollowTheirDefinitions) {
     k::BlendRowsBilinear_C(top, bottom, 1024, 1, blended);
     k::BlendRowsBilinear_C(top + 1, bottom + 1, 512, 1, blended + 1);
     k::BlendRowsBilinear_C(top + 2, bottom + 2, 1, 1, blended + 2);
-    EXPECT_EQ(blended[0], 128);
-    EXPECT_EQ(blended[1], 64);
-    EXPECT_EQ(blended[2], 0);
+    EXPECT_EQ(std::vector<uint8_t>(blended, blended + 3), std::vector<uint8_t>({128, 64, 0}));
 }
 
 // ---------------------------------------------------------------------------

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "test_support.h"
 
 namespace {
 
@@ -100,11 +101,7 @@ TEST(Services, TickClockIsMonotonic) {
 // ---------------------------------------------------------------------------
 
 uint32_t BytesOf(uint32_t fmt, int w, int h, int n, int32_t* status) {
-    QVN_Image img{};
-    img.pix_fmt = fmt;
-    img.width = w;
-    img.height = h;
-    img.channels = n;
+    const QVN_Image img = qvntest::MakeImage(fmt, w, h, n, nullptr);
     uint32_t bytes = 12345;
     *status = QVN_Get_QVNImage_Bytes(&img, &bytes);
     return bytes;
@@ -183,15 +180,7 @@ const char* const kImgFmt =
 const char* const kImgInput =
     "Found a invalid QVN_Image*. Error: QVN_Image.pix_fmt is unsupported for input.";
 
-QVN_Image GoodImage(uint8_t* data) {
-    QVN_Image img{};
-    img.pix_fmt = QVN_PIX_FMT_BGRA8888;
-    img.width = 2;
-    img.height = 2;
-    img.channels = 4;
-    img.data = data;
-    return img;
-}
+QVN_Image GoodImage(uint8_t* data) { return qvntest::MakeImage(QVN_PIX_FMT_BGRA8888, 2, 2, 4, data); }
 
 void ExpectRejected(const QVN_Image* img, bool forInput, const char* message) {
     LogCapture capture;
@@ -281,22 +270,11 @@ TEST(ObjCountCheck, EmptyRecordOnly) {
 
 class FileList : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/qvn_files_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override {
-        for (const auto& f : made_) std::remove(f.c_str());
-        rmdir(dir_.c_str());
-    }
     std::string Make(const std::string& name) {
-        const std::string path = dir_ + "/" + name;
+        const std::string path = dir_ / name;
         std::ofstream(path) << "x";
-        made_.push_back(path);
         return path;
     }
-    std::string Missing(const std::string& name) const { return dir_ + "/" + name; }
 
     bool Check(const std::vector<std::string>& paths, std::vector<std::string>* lines) {
         std::vector<const void*> raw;
@@ -307,8 +285,7 @@ protected:
         return ok;
     }
 
-    std::string dir_;
-    std::vector<std::string> made_;
+    qvntest::ScratchDir dir_;
 };
 
 std::string NameMessage(int count, int i, const std::string& path) {
@@ -332,13 +309,11 @@ TEST_F(FileList, AcceptedLists) {
     for (const char* s : {".json", ".qvmod", ".qvcfg", ".qvmods", ".qvcfgs", ".qvnmodel"}) {
         paths.push_back(Make(std::string("m") + s));
     }
-    const std::string d = dir_ + "/e.qvcfgs";
-    ASSERT_EQ(mkdir(d.c_str(), 0700), 0);
-    paths.push_back(d);
+    paths.push_back(dir_ / "e.qvcfgs");
+    ASSERT_EQ(mkdir(paths.back().c_str(), 0700), 0);
     std::vector<std::string> lines;
     EXPECT_TRUE(Check(paths, &lines));
     EXPECT_TRUE(lines.empty());
-    rmdir(d.c_str());
 }
 
 TEST_F(FileList, NameTestIsExactAndCaseSensitive) {
@@ -359,11 +334,10 @@ TEST_F(FileList, NameTestIsExactAndCaseSensitive) {
 TEST(FileListNames, BareSuffixesPassTheNameTest) {
     // ".json" alone is a complete (if odd) file name; it reaches the open.
     // Run it in a scratch directory so that the relative path is ours.
-    char tmpl[] = "/tmp/qvn_bare_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const qvntest::ScratchDir scratch;
     char old[4096];
     ASSERT_NE(getcwd(old, sizeof old), nullptr);
-    ASSERT_EQ(chdir(tmpl), 0);
+    ASSERT_EQ(chdir(scratch.path().c_str()), 0);
     std::vector<const void*> paths = {".json"};
     {
         LogCapture capture;
@@ -377,9 +351,7 @@ TEST(FileListNames, BareSuffixesPassTheNameTest) {
         EXPECT_TRUE(IS_Valid_FilePathArr(1, paths.data()));
         EXPECT_TRUE(capture.Take().empty());
     }
-    std::remove(".json");
     ASSERT_EQ(chdir(old), 0);
-    rmdir(tmpl);
 }
 
 TEST_F(FileList, NullPathAfterAGoodOneNamesItsIndex) {
@@ -393,7 +365,7 @@ TEST_F(FileList, NullPathAfterAGoodOneNamesItsIndex) {
 
 TEST_F(FileList, FirstFailureStopsTheWalk) {
     const std::string good = Make("b.qvcfg");
-    const std::string missing = Missing("c.qvnmodel");
+    const std::string missing = dir_ / "c.qvnmodel";
     std::vector<std::string> lines;
     EXPECT_FALSE(Check({good, missing, "bad.txt", ""}, &lines));
     EXPECT_EQ(lines, std::vector<std::string>{"Expect 4 files, while file1 " + missing +

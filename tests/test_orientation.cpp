@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "log_capture.hpp"
+#include "test_support.h"
 
 namespace {
 
@@ -93,6 +94,16 @@ QVN_Rect2D MapRect(Op op, QVN_Rect2D r) {
         case kFlipH: return {1.0f - r.x1, r.y0, 1.0f - r.x0, r.y1};
         default: return {r.x0, 1.0f - r.y1, r.x1, 1.0f - r.y0};
     }
+}
+
+// A record as the maps make it: its box and, for faces and bodies, every
+// valid landmark.
+void MapRecord(Op op, QVN_Rect2D* r) { *r = MapRect(op, *r); }
+void MapRecord(Op op, QVN_Gesture* g) { g->rect = MapRect(op, g->rect); }
+template <class FaceOrBody>
+void MapRecord(Op op, FaceOrBody* r) {
+    r->rect = MapRect(op, r->rect);
+    for (uint32_t k = 0; k < r->landmarksNum; ++k) r->landmarks[k] = MapPoint(op, r->landmarks[k]);
 }
 
 // The 132 mirror pairs, written from their description as runs of
@@ -192,47 +203,34 @@ TEST(ResultTransforms, EveryRecordFollowsThePointAndBoxMaps) {
     };
     for (Op op : {kRot90, kRot180, kRot270, kFlipH, kFlipV}) {
         SCOPED_TRACE(op);
+        // The first `count` of n records mapped, the rest left alone.
+        auto expect = [op](const char* what, const auto* got, const auto* in, size_t n, size_t count) {
+            for (size_t i = 0; i < n; ++i) {
+                auto want = in[i];
+                if (i < count) MapRecord(op, &want);
+                EXPECT_TRUE(SameBytes(got[i], want)) << what << " " << i;
+            }
+        };
         if (op != kFlipH) {  // the face mirror also reorders: its own test
             auto out = std::make_unique<QVN_FaceFrameDataArr>(*faces);
             EXPECT_EQ(apply(op, QVN_FaceFrameDataArr_Result_Rotate, QVN_FaceFrameDataArr_Result_Mirror,
                             QVN_FaceFrameDataArr_Result_FlipV, out.get()), 0);
-            for (uint32_t i = 0; i < QVN_MAX_FACE_NUM; ++i) {
-                QVN_Face want = faces->faces[i];
-                if (i < faces->count) {  // faces past count are not touched
-                    want.rect = MapRect(op, want.rect);
-                    for (uint32_t k = 0; k < want.landmarksNum; ++k)
-                        want.landmarks[k] = MapPoint(op, want.landmarks[k]);
-                }
-                EXPECT_TRUE(SameBytes(out->faces[i], want)) << "face " << i;
-            }
+            expect("face", out->faces, faces->faces, QVN_MAX_FACE_NUM, faces->count);
         }
         auto body_out = std::make_unique<QVN_BodyFrameDataArr>(*bodies);
         EXPECT_EQ(apply(op, QVN_BodyFrameDataArr_Result_Rotate, QVN_BodyFrameDataArr_Result_Mirror,
                         QVN_BodyFrameDataArr_Result_FlipV, body_out.get()), 0);
-        for (uint32_t i = 0; i < QVN_MAX_BODY_NUM; ++i) {
-            QVN_Body want = bodies->bodies[i];
-            want.rect = MapRect(op, want.rect);
-            for (uint32_t k = 0; k < want.landmarksNum; ++k)
-                want.landmarks[k] = MapPoint(op, want.landmarks[k]);
-            EXPECT_TRUE(SameBytes(body_out->bodies[i], want)) << "body " << i;
-        }
+        expect("body", body_out->bodies, bodies->bodies, QVN_MAX_BODY_NUM, QVN_MAX_BODY_NUM);
         std::vector<QVN_Rect2D> obj = boxes;
         QVN_ObjCountDataArr arr{4, obj.data()};  // the last two lie past count
         EXPECT_EQ(apply(op, QVN_ObjCountDataArr_Result_Rotate, QVN_ObjCountDataArr_Result_Mirror,
                         QVN_ObjCountDataArr_Result_FlipV, &arr), 0);
-        for (size_t i = 0; i < obj.size(); ++i) {
-            const QVN_Rect2D want = i < 4 ? MapRect(op, boxes[i]) : boxes[i];
-            EXPECT_TRUE(SameBytes(obj[i], want)) << "box " << i;
-        }
+        expect("box", obj.data(), boxes.data(), obj.size(), 4);
         auto g = std::make_unique<QVN_GestureFrameDataArr>(*gestures);
         EXPECT_EQ(apply(op, QVN_GestureFrameDataArr_Result_Rotate,
                         QVN_GestureFrameDataArr_Result_Mirror, QVN_GestureFrameDataArr_Result_FlipV,
                         g.get()), 0);
-        for (uint32_t i = 0; i < QVN_MAX_GESTURE_NUM; ++i) {
-            QVN_Gesture want = gestures->gestures[i];
-            if (i < gestures->count) want.rect = MapRect(op, want.rect);
-            EXPECT_TRUE(SameBytes(g->gestures[i], want)) << "gesture " << i;
-        }
+        expect("gesture", g->gestures, gestures->gestures, QVN_MAX_GESTURE_NUM, gestures->count);
         if (op != kFlipV) {  // the rectangle's flip keeps the old bottom: below
             QVN_Rect2D r = boxes[0];
             EXPECT_EQ(apply(op, QVN_Rect2D_Result_Rotate, QVN_Rect2D_Result_Mirror,
@@ -275,9 +273,7 @@ TEST(ResultTransforms, FaceMirrorExchangesEveryPairWithItsScore) {
 TEST(ResultTransforms, RectangleFlipVKeepsTheOldBottomAsTop) {
     QVN_Rect2D r{0.1f, 0.2f, 0.3f, 0.6f};
     EXPECT_EQ(QVN_Rect2D_Result_FlipV(&r), 0);
-    EXPECT_EQ(r.x0, 0.1f);
-    EXPECT_EQ(r.y0, 0.6f);
-    EXPECT_EQ(r.x1, 0.3f);
+    EXPECT_EQ(std::vector<float>({r.x0, r.y0, r.x1}), std::vector<float>({0.1f, 0.6f, 0.3f}));
     EXPECT_FLOAT_EQ(r.y1, 0.8f);
     QVN_Rect2D_Result_FlipV(&r);  // not an involution
     EXPECT_FLOAT_EQ(r.y0, 0.8f);
@@ -411,15 +407,8 @@ std::vector<uint8_t> Reference(const std::vector<uint8_t>& src, int w, int h, in
 }
 
 QVN_Image Image(uint8_t* data, int w, int h, int n, QVN_Rect2D rect = {0.1f, 0.2f, 0.7f, 0.9f}) {
-    QVN_Image img{};
-    img.ori_fmt = 1;
-    img.pix_fmt = QVN_PIX_FMT_U8_CN;
+    QVN_Image img = qvntest::MakeImage(QVN_PIX_FMT_U8_CN, w, h, n, data, 1, rect);
     img.mode_fmt = 3;
-    img.width = w;
-    img.height = h;
-    img.channels = n;
-    img.rect = rect;
-    img.data = data;
     return img;
 }
 
@@ -507,7 +496,7 @@ TEST(ImageOrientation, MatchesThePixelDefinitionForAnyPixelSize) {
             const size_t bytes = static_cast<size_t>(w) * h * n;
             // One byte of offset: the kernels must not need aligned rows.
             std::vector<uint8_t> src_buf(bytes + 1), dst_buf(bytes + 1);
-            for (auto& v : src_buf) v = static_cast<uint8_t>(rng());
+            qvntest::FillRandom(src_buf.data(), src_buf.size(), rng);
             const std::vector<uint8_t> src_px(src_buf.begin() + 1, src_buf.end());
             const QVN_Image src = Image(src_buf.data() + 1, w, h, n);
             auto run = [&](const char* what, auto&& call, const std::vector<uint8_t>& want) {

@@ -260,25 +260,20 @@ TEST_F(TensorPipeline, TransformReleasesEverythingWhenTheCoreThrows) {
     TensorPtr in = Make({2, 3, 4}, 0);
     TensorPtr out = Make({2, 4, 3}, 0);
     Tensor* const out_before = out.get();
-    proc.throw_on_code = 53;
-    EXPECT_THROW(quvas::kit::TransformMatrixProcessSSE(in, out, static_cast<QVN_ORIENT_FMT>(0x11),
-                                                       &proc, ctx),
-                 std::runtime_error);
-    ASSERT_EQ(Codes(proc), std::vector<int>({52, 53}));
-    EXPECT_TRUE(proc.calls[0].out_ref.expired());
-    EXPECT_EQ(out.get(), out_before);
-    EXPECT_EQ(in.use_count(), 1);
-    EXPECT_EQ(ctx.use_count(), 1);
-
-    proc.calls.clear();
-    proc.throw_on_code = 51;
-    EXPECT_THROW(quvas::kit::TransformMatrixProcessSSE(in, out, static_cast<QVN_ORIENT_FMT>(0x04),
-                                                       &proc, ctx),
-                 std::runtime_error);
-    ASSERT_EQ(Codes(proc), std::vector<int>({51}));
-    EXPECT_TRUE(proc.calls[0].out_ref.expired());
-    EXPECT_EQ(out.get(), out_before);
-    EXPECT_EQ(ctx.use_count(), 1);
+    // The mirror after a quarter turn fails, or the half turn itself.
+    const std::pair<unsigned, std::vector<int>> cases[] = {{0x11, {52, 53}}, {0x04, {51}}};
+    for (const auto& [flags, codes] : cases) {
+        proc.calls.clear();
+        proc.throw_on_code = codes.back();
+        EXPECT_THROW(quvas::kit::TransformMatrixProcessSSE(in, out, static_cast<QVN_ORIENT_FMT>(flags),
+                                                           &proc, ctx),
+                     std::runtime_error);
+        ASSERT_EQ(Codes(proc), codes);
+        EXPECT_TRUE(proc.calls[0].out_ref.expired());
+        EXPECT_EQ(out.get(), out_before);
+        EXPECT_EQ(in.use_count(), 1);
+        EXPECT_EQ(ctx.use_count(), 1);
+    }
 }
 
 // The no-turn path still allocates a tensor of the input's shape and drops
@@ -356,21 +351,16 @@ TEST_F(TensorPipeline, PlanarYUVGoesPlaneByPlaneThroughViews) {
         std::vector<int32_t> in_dims, out_dims;
         PlaneExpect in_planes[3], out_planes[3];
     };
+    // {in dims}, {out dims}, then the three views over each: {dims, offset}.
     const Case cases[] = {
-        {{4, 6},
-         {2, 4},
-         {{{4, 6, 1}, 0}, {{2, 3, 1}, 24}, {{2, 3, 1}, 30}},
+        {{4, 6}, {2, 4}, {{{4, 6, 1}, 0}, {{2, 3, 1}, 24}, {{2, 3, 1}, 30}},
          {{{2, 4, 1}, 0}, {{1, 2, 1}, 8}, {{1, 2, 1}, 10}}},
         // Odd sizes: the chroma planes are the halved dims, and the second
         // one starts a quarter of the luma size after the first.
-        {{5, 7},
-         {6, 10},
-         {{{5, 7, 1}, 0}, {{2, 3, 1}, 35}, {{2, 3, 1}, 43}},
+        {{5, 7}, {6, 10}, {{{5, 7, 1}, 0}, {{2, 3, 1}, 35}, {{2, 3, 1}, 43}},
          {{{6, 10, 1}, 0}, {{3, 5, 1}, 60}, {{3, 5, 1}, 75}}},
         // Extra dims are ignored: only the first two are read.
-        {{8, 4, 1},
-         {4, 2, 3},
-         {{{8, 4, 1}, 0}, {{4, 2, 1}, 32}, {{4, 2, 1}, 40}},
+        {{8, 4, 1}, {4, 2, 3}, {{{8, 4, 1}, 0}, {{4, 2, 1}, 32}, {{4, 2, 1}, 40}},
          {{{4, 2, 1}, 0}, {{2, 1, 1}, 8}, {{2, 1, 1}, 10}}},
     };
     for (const Case& k : cases) {
@@ -414,20 +404,18 @@ TEST_F(TensorPipeline, PlanarYUVGoesPlaneByPlaneThroughViews) {
 TEST_F(TensorPipeline, PlaneViewsAreReleasedWhenTheCoreThrows) {
     TensorPtr in = device.CreateTensor(TensorShape({4, 6}, 7, 24), nullptr);
     TensorPtr out = device.CreateTensor(TensorShape({2, 4}, 7, 24), nullptr);
-    proc.throw_on_code = 77;
-    EXPECT_THROW(quvas::kit::ResizeProcessSSE(in, out, QVN_PIX_FMT_YUV420_A, &proc, ctx),
-                 std::runtime_error);
-    ASSERT_EQ(proc.calls.size(), 1u);
-    EXPECT_TRUE(proc.calls[0].in_ref.expired());
-    EXPECT_TRUE(proc.calls[0].out_ref.expired());
-    proc.calls.clear();
-    proc.throw_on_code = 85;
-    EXPECT_THROW(quvas::kit::CropResizeProcessSSE(in, out, QVN_PIX_FMT_YUV420_A, &proc, ctx, 0, 0,
-                                                  1, 1),
-                 std::runtime_error);
-    ASSERT_EQ(proc.calls.size(), 1u);
-    EXPECT_TRUE(proc.calls[0].in_ref.expired());
-    EXPECT_EQ(ctx.use_count(), 1);
+    for (int code : {77, 85}) {  // the resize and the crop-resize of the luma plane
+        proc.calls.clear();
+        proc.throw_on_code = code;
+        EXPECT_THROW(code == 77 ? quvas::kit::ResizeProcessSSE(in, out, QVN_PIX_FMT_YUV420_A, &proc, ctx)
+                                : quvas::kit::CropResizeProcessSSE(in, out, QVN_PIX_FMT_YUV420_A, &proc,
+                                                                   ctx, 0, 0, 1, 1),
+                     std::runtime_error);
+        ASSERT_EQ(proc.calls.size(), 1u);
+        EXPECT_TRUE(proc.calls[0].in_ref.expired());
+        EXPECT_TRUE(proc.calls[0].out_ref.expired());
+        EXPECT_EQ(ctx.use_count(), 1);
+    }
 }
 
 TEST_F(TensorPipeline, OtherFormatsAreIgnoredSilently) {

@@ -66,18 +66,11 @@ Box RoundTrip(const Box& b) {
     Corners(b, c);
     return FromCorners(c[0], c[1], c[2], c[3]);
 }
-void ExpectBoxEq(const Box& got, const Box& want) {
-    EXPECT_EQ(got.x, want.x);
-    EXPECT_EQ(got.y, want.y);
-    EXPECT_EQ(got.w, want.w);
-    EXPECT_EQ(got.h, want.h);
-}
 void ExpectBoxNear(const Box& got, const Box& want, double tol) {
-    EXPECT_NEAR(got.x, want.x, tol);
-    EXPECT_NEAR(got.y, want.y, tol);
-    EXPECT_NEAR(got.w, want.w, tol);
-    EXPECT_NEAR(got.h, want.h, tol);
+    const float g[] = {got.x, got.y, got.w, got.h}, w[] = {want.x, want.y, want.w, want.h};
+    for (int i = 0; i < 4; ++i) EXPECT_NEAR(g[i], w[i], tol) << "field " << i;
 }
+void ExpectBoxEq(const Box& got, const Box& want) { ExpectBoxNear(got, want, 0.0); }
 Box Track(QVTBoxTracker& t, Box b) {
     t.track(&b.x, &b.y, &b.w, &b.h);
     return b;
