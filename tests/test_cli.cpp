@@ -726,6 +726,9 @@ TEST_F(Cli, HostileInputFailsCleanly) {
     // Found by the picture fuzzer: 92 bytes whose text chunk declares 1.2 GB.
     WriteText(P("chunk.png"), std::string(
         "\x89\x50\x4e\x47\x0d\x0a\x1a\x0a\x00\x00\x00\x0d\x49\x48\x44\x52\x00\x00\x00\x05\x00\x00\x00\x03\x08\x04\x00\x00\x00\xf1\x3f\x0d\x73\x49\x50\x4e\x47\x7a\x54\x58\x74\x0d\x0a\x1a\x0a\x00\x00\x00\x0d\x49\x48\x44\x52\x00\x00\x00\x05\x00\x00\x00\x03\x08\x04\x00\x00\x00\xf1\x3f\x0d\x73\x49\x45\x4e\x44\x00\x2c\x00\x00\x2a\x49\x44\x45\x4e\x44\x00\x00\x00\x2a\x49\x44\x41\x54", 92));
+    // And 42 bytes whose last chunk, cut short of its CRC, declares 2 GB.
+    WriteText(P("tail.png"), std::string(
+        "\x89PNG\r\n\x1a\n\x00\x00\x00\x0dIHDR\x00\x00\x00\x05\x00\x00\x00\x03\x08\x04\x00\x00\x00\xf1\x3f\x0d\x73\x7a\x00\x00\x2azTXtx", 42));
     WriteJpegFile(P("small.jpg"), RandomImg(8, 8, 3, 3));
     std::string jpg = Slurp(P("small.jpg"));
     size_t sof = jpg.find("\xFF\xC0");
@@ -755,6 +758,7 @@ TEST_F(Cli, HostileInputFailsCleanly) {
         {Cmd("orient", "bomb.png", "o.png") + " --mirror", 3, "above the limit"},
         {Cmd("orient", "bomb.jpg", "o.png") + " --mirror", 3, "above the limit"},
         {Cmd("orient", "chunk.png", "o.png") + " --mirror", 3, "runs past the end"},
+        {Cmd("orient", "tail.png", "o.png") + " --mirror", 3, "runs past the end"},
         {pre + " --crop 0,0,30000,30000", 2, "crop of 30000x30000 pixels is above the limit"},
         {pre + " --tensor 3x20000x20000", 2, "tensor of 20000x20000"},
         {Cmd("warp", "in.png", "o.png") + " --matrix 1,0,0,0,1,0 --size 30000x30000", 2,

@@ -42,15 +42,18 @@ void PngWarning(png_structp, png_const_charp) {}
 // file is damage, and the text chunks (which never change a pixel) are left
 // out of what libpng sees.
 std::vector<uint8_t> CheckedPngChunks(const std::string& path, const std::vector<uint8_t>& bytes) {
-    constexpr size_t kSignature = 8, kFrame = 12;  // length, type, CRC
+    constexpr size_t kSignature = 8, kHeader = 8, kFrame = 12;  // length, type (, CRC)
     std::vector<uint8_t> kept;
     size_t at = kSignature, copied = 0;
-    while (bytes.size() >= kSignature && bytes.size() - at >= kFrame) {
+    // Every chunk whose length and type are there is checked, the last one
+    // too: libpng acts on a declared length before it misses the CRC.
+    while (bytes.size() >= kSignature && bytes.size() - at >= kHeader) {
         const uint8_t* c = bytes.data() + at;
         const size_t length = static_cast<size_t>(c[0]) << 24 | static_cast<size_t>(c[1]) << 16 |
                               static_cast<size_t>(c[2]) << 8 | c[3];
         const std::string type(reinterpret_cast<const char*>(c + 4), 4);
-        if (length > bytes.size() - at - kFrame) {
+        const size_t left = bytes.size() - at;
+        if (left < kFrame || length > left - kFrame) {
             throw ToolError("cannot decode PNG '" + path + "': a chunk runs past the end of the file",
                             kExitInput);
         }
