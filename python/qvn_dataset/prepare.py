@@ -13,21 +13,26 @@ import csv
 import hashlib
 import io
 import json
+import math
 import os
+import secrets
 import sys
-import tempfile
 import time
 from pathlib import Path
 
 import numpy as np
 
+from .failures import (EXIT_CLUSTER, EXIT_CODES_HELP, EXIT_INPUT, EXIT_NOTHING, EXIT_OUTPUT,
+                       Failure, UsageError, memory_failure, output_failure, report, shown,
+                       task_failure, host)
+
 PICTURE_SUFFIXES = (".png", ".jpg", ".jpeg")
 MANIFEST = "manifest.json"
 FORMAT_VERSION = 1
-
-
-class UsageError(Exception):
-    """A bad option or output folder: one line on stderr, exit 2."""
+DEFAULT_SHARD = 1024
+# The tool's --max-pixels default: the largest tensor plane it makes.
+MAX_TENSOR_PIXELS = 1 << 26
+NOT_UTF8 = "file name is not valid UTF-8"
 
 
 # ---------------------------------------------------------------------------
@@ -39,7 +44,9 @@ def parse_args(argv):
         prog="qvn-dataset",
         description="Prepare a training set with the device's bytes (libqvn_kit over Dask).")
     sub = ap.add_subparsers(dest="command", required=True)
-    p = sub.add_parser("prepare", help="convert every PNG/JPEG under INPUT_DIR into shards")
+    p = sub.add_parser("prepare", help="convert every PNG/JPEG under INPUT_DIR into shards",
+                       epilog=EXIT_CODES_HELP,
+                       formatter_class=argparse.RawDescriptionHelpFormatter)
     p.add_argument("input_dir", metavar="INPUT_DIR")
     p.add_argument("out_dir", metavar="OUT_DIR")
     p.add_argument("--format", default="nv21", choices=["nv21", "nv12", "bgra", "rgba"],
@@ -52,13 +59,20 @@ def parse_args(argv):
     p.add_argument("--bgr", action="store_true", help="planes in B,G,R order")
     p.add_argument("--gray", action="store_true", help="one gray plane")
     p.add_argument("--pad", type=int, default=0, help="value of crop pixels outside the frame")
-    p.add_argument("--shard", type=int, default=1024, help="pictures a shard (1024)")
+    p.add_argument("--shard", type=int, default=None,
+                   help=f"pictures a shard ({DEFAULT_SHARD}, or fewer where a shard of "
+                        f"{DEFAULT_SHARD} would pass --max-shard-mb)")
+    p.add_argument("--max-shard-mb", type=int, default=2048,
+                   help="largest shard in MiB, which a worker holds in memory (2048)")
     where = p.add_mutually_exclusive_group()
     where.add_argument("--workers", type=int, default=None,
                        help="processes of a local Dask cluster (default: the machine's "
                             "cores); 0 converts in this process without Dask")
     where.add_argument("--scheduler", default=None,
                        help="address of a running Dask scheduler, e.g. tcp://host:8786")
+    p.add_argument("--wait", type=float, default=30.0,
+                   help="seconds to wait for the scheduler to answer, then for its first "
+                        "worker (30)")
     p.add_argument("--resume", action="store_true",
                    help="keep the shards a previous run finished (checked by their SHA-256)")
     p.add_argument("--progress", choices=["auto", "always", "never"], default="auto",
@@ -68,7 +82,10 @@ def parse_args(argv):
 
 def conversion_options(args):
     """The options that decide the bytes, checked; stored in the manifest."""
-    import qvn_kit
+    try:
+        import qvn_kit
+    except ImportError as e:
+        raise Failure(f"cannot import qvn_kit ({e}): is the kit installed?", EXIT_CLUSTER) from None
 
     tensor = args.tensor or ("1x256x256" if args.gray else "3x256x256")
     try:
@@ -81,6 +98,9 @@ def conversion_options(args):
         raise UsageError(f"--tensor {tensor} cannot hold the output: the "
                          f"{'gray' if args.gray else 'colour'} converter writes "
                          f"{1 if args.gray else 3} plane(s) of at least 1x1")
+    if h * w > MAX_TENSOR_PIXELS:
+        raise UsageError(f"--tensor {tensor}: tensor of {w}x{h} pixels is above the limit "
+                         f"of {MAX_TENSOR_PIXELS} pixels")
     crop = None
     if args.crop:
         try:
@@ -89,18 +109,60 @@ def conversion_options(args):
             crop = []
         if len(crop) != 4:
             raise UsageError(f"--crop {args.crop!r} is not x,y,w,h")
-    if args.shard < 1:
-        raise UsageError("--shard must be at least 1")
     options = {"format": args.format, "orient": args.orient, "tensor": [c, h, w],
                "crop": crop, "bgr": args.bgr, "gray": args.gray, "pad": args.pad,
-               "shard": args.shard}
+               "shard": shard_rows(args, c * h * w, tensor)}
     # Let the module refuse bad values now rather than once a picture.
     probe = qvn_kit.make_frame(np.zeros((2, 2, 3), np.uint8), args.format)
     try:
         convert_frame(qvn_kit, probe, options)
-    except (TypeError, ValueError) as e:
+    except (TypeError, ValueError, OverflowError) as e:
         raise UsageError(str(e)) from None
     return options
+
+
+def shard_rows(args, row_bytes, tensor):
+    """Pictures a shard: --shard, or the default cut so that the batch a
+    worker allocates stays within --max-shard-mb; checked before any
+    allocation."""
+    if args.max_shard_mb < 1:
+        raise UsageError("--max-shard-mb must be at least 1")
+    limit = args.max_shard_mb << 20
+    fit = limit // row_bytes
+    if fit < 1:
+        raise UsageError(f"--tensor {tensor}: one row takes {row_bytes >> 20} MiB, more than "
+                         f"--max-shard-mb {args.max_shard_mb}")
+    if args.shard is None:
+        return min(DEFAULT_SHARD, fit)
+    if args.shard < 1:
+        raise UsageError("--shard must be at least 1")
+    if args.shard > fit:
+        raise UsageError(f"--shard {args.shard} rows of {tensor} take "
+                         f"{args.shard * row_bytes >> 20} MiB, more than --max-shard-mb "
+                         f"{args.max_shard_mb}: use --shard {fit} or fewer")
+    return args.shard
+
+
+def check_where(args):
+    """--workers, --scheduler and --wait, before anything is written."""
+    if args.workers is not None and args.workers < 0:
+        raise UsageError(f"--workers {args.workers}: give a number of processes, or 0 to "
+                         "convert in this process without Dask")
+    if not (math.isfinite(args.wait) and args.wait > 0):
+        raise UsageError("--wait must be a positive number of seconds")
+    if args.scheduler is not None:
+        try:
+            from distributed.comm.addressing import get_address_host_port
+        except ImportError as e:
+            raise Failure(f"--scheduler needs Dask ({e}): install python3-distributed",
+                          EXIT_CLUSTER) from None
+        try:
+            hostname, port = get_address_host_port(args.scheduler)
+        except ValueError:
+            hostname, port = "", 0
+        if not hostname or not 0 < port < 65536:
+            raise UsageError(f"--scheduler {args.scheduler!r} is not an address like "
+                             "tcp://HOST:8786")
 
 
 # ---------------------------------------------------------------------------
@@ -148,54 +210,98 @@ def keep_freed_memory():
 
 
 def convert_shard(index, paths, input_dir, out_dir, options):
-    """Converts the pictures `paths` (relative to input_dir) into
+    """Converts the pictures `paths` (relative to input_dir, which like
+    out_dir is absolute: a worker may run in any folder) into
     out_dir/shard-NNNNN.npy. Returns the shard's record for the manifest."""
     import qvn_kit
 
     keep_freed_memory()
+    # A worker that does not see the folders would list every picture as an
+    # error, or write its shard where nobody looks: say so instead.
+    if not os.path.isdir(input_dir):
+        raise Failure(f"a worker on {host()} does not see the input folder "
+                      f"'{shown(input_dir)}': every worker must see it at the same path",
+                      EXIT_INPUT)
+    if not os.path.isdir(out_dir):
+        raise Failure(f"a worker on {host()} does not see the output folder "
+                      f"'{shown(out_dir)}': every worker must see it at the same path",
+                      EXIT_OUTPUT)
 
     c, h, w = options["tensor"]
-    batch = np.empty((len(paths), c, h, w), np.uint8)
+    try:
+        batch = np.empty((len(paths), c, h, w), np.uint8)
+    except MemoryError:
+        raise memory_failure(index) from None
     sizes, errors, rows = [], [], 0
     for rel in paths:
         try:
-            pic = qvn_kit.read_picture(str(Path(input_dir) / rel))
+            # The kit's reader takes UTF-8 paths; a name that is not UTF-8
+            # (kept by os.fsdecode as lone surrogates) cannot be opened.
+            try:
+                rel.encode("utf-8")
+            except UnicodeEncodeError:
+                raise ValueError(NOT_UTF8) from None
+            pic = qvn_kit.read_picture(os.path.join(input_dir, rel))
             frame = picture_to_frame(qvn_kit, pic, options["format"])
             convert_frame(qvn_kit, frame, options, out=batch[rows])
         except (ValueError, MemoryError) as e:
-            errors.append([rel, str(e) or type(e).__name__])
+            errors.append([shown(rel), str(e) or type(e).__name__])
             continue
         sizes.append([int(pic.shape[1]), int(pic.shape[0])])
         rows += 1
     name = shard_name(index)
-    data = save_npy_bytes(batch[:rows])
-    write_atomically(Path(out_dir) / name, data)
-    return {"index": index, "file": name, "rows": rows, "sha256": hashlib.sha256(data).hexdigest(),
-            "sizes": sizes, "errors": errors}
+    digest = hashlib.sha256()
+    try:
+        size = write_atomically(Path(out_dir) / name,
+                                lambda f: np.save(_Hashing(f, digest), batch[:rows],
+                                                  allow_pickle=False))
+    except OSError as e:
+        raise output_failure("write", Path(out_dir) / name, e) from None
+    return {"index": index, "file": name, "rows": rows, "sha256": digest.hexdigest(),
+            "bytes": size, "sizes": sizes, "errors": errors}
+
+
+class _Hashing:
+    """A file that hashes what is written to it: np.save streams a shard
+    through it, so a shard is never copied into memory twice."""
+
+    def __init__(self, f, digest):
+        self.f, self.digest = f, digest
+
+    def write(self, data):
+        self.digest.update(data)
+        return self.f.write(data)
 
 
 def shard_name(index):
     return f"shard-{index:05d}.npy"
 
 
-def save_npy_bytes(array):
-    buf = io.BytesIO()
-    np.save(buf, array, allow_pickle=False)
-    return buf.getvalue()
-
-
 def write_atomically(path, data):
-    """Writes through a temporary file in the same folder: a reader (or a
-    resumed run) never sees half a file."""
+    """Writes `data` (bytes, str, or a function that writes to a binary
+    file) through a temporary file in the same folder: a reader (or a
+    resumed run) never sees half a file. The file gets the mode of any file
+    this process creates (0666 less the umask). Returns its size."""
     path = Path(path)
-    fd, tmp = tempfile.mkstemp(prefix=f".{path.name}.", dir=path.parent)
+    while True:
+        tmp = path.parent / f".{path.name}.{os.getpid()}.{secrets.token_hex(4)}.tmp"
+        try:
+            fd = os.open(tmp, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_CLOEXEC, 0o666)
+            break
+        except FileExistsError:
+            continue
     try:
         with os.fdopen(fd, "wb") as f:
-            f.write(data if isinstance(data, bytes) else data.encode())
+            if callable(data):
+                data(f)
+            else:
+                f.write(data if isinstance(data, bytes) else data.encode())
+            size = f.tell()
         os.replace(tmp, path)
     except BaseException:
         os.unlink(tmp)
         raise
+    return size
 
 
 def file_sha256(path):
@@ -210,17 +316,30 @@ def file_sha256(path):
 # The run (client side)
 # ---------------------------------------------------------------------------
 
-def find_pictures(input_dir):
-    root = Path(input_dir)
+def find_pictures(input_dir, given=None):
+    """The sorted pictures under input_dir (relative, '/'-separated; a
+    name that is not UTF-8 keeps its bytes as os.fsdecode does) and their
+    [size, mtime_ns] stamps, which let --resume notice a changed picture."""
+    root, given = Path(input_dir), shown(given or input_dir)
     if not root.is_dir():
-        raise UsageError(f"input folder '{input_dir}' does not exist")
-    found = [p.relative_to(root).as_posix() for p in root.rglob("*")
-             if p.is_file() and p.suffix.lower() in PICTURE_SUFFIXES]
-    return sorted(found)
+        raise Failure(f"input folder '{given}' does not exist", EXIT_INPUT)
+    if not os.access(root, os.R_OK | os.X_OK):
+        raise Failure(f"input folder '{given}' cannot be read", EXIT_INPUT)
+    found = sorted(p.relative_to(root).as_posix() for p in root.rglob("*")
+                   if p.is_file() and p.suffix.lower() in PICTURE_SUFFIXES)
+    return found, [stamp(os.path.join(input_dir, rel)) for rel in found]
+
+
+def stamp(path):
+    try:
+        st = os.stat(path)
+    except OSError:
+        return None  # gone: the task lists it in errors.csv
+    return [st.st_size, st.st_mtime_ns]
 
 
 def inputs_digest(paths):
-    return hashlib.sha256("\n".join(paths).encode()).hexdigest()
+    return hashlib.sha256("\n".join(paths).encode("utf-8", "surrogateescape")).hexdigest()
 
 
 class Progress:
@@ -246,23 +365,111 @@ class Progress:
 def start_cluster(args):
     """(client, cluster) for --scheduler or --workers; cluster is None for a
     scheduler that someone else runs."""
-    from dask.distributed import Client, LocalCluster
+    import logging
 
-    if args.scheduler:
-        return Client(args.scheduler), None
-    workers = args.workers or os.cpu_count() or 1
-    cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
-                           dashboard_address=None, silence_logs=40)
-    return Client(cluster), cluster
+    try:
+        from dask.distributed import Client, LocalCluster
+    except ImportError as e:
+        raise Failure(f"cannot import Dask ({e}): install python3-distributed, or convert "
+                      "without it with --workers 0", EXIT_CLUSTER) from None
+    # Failures are reported here, in one line each, not as Dask's log.
+    logging.getLogger("distributed").setLevel(logging.CRITICAL)
+    if not args.scheduler:
+        workers = args.workers or os.cpu_count() or 1
+        cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
+                               dashboard_address=None, silence_logs=40)
+        return Client(cluster), cluster
+    try:
+        client = Client(args.scheduler, timeout=args.wait)
+    except OSError:
+        raise Failure(f"cannot reach the Dask scheduler at {args.scheduler} within "
+                      f"{args.wait:g} s (--wait)", EXIT_CLUSTER) from None
+    try:
+        if not client.scheduler_info().get("workers"):
+            print(f"qvn-dataset: no worker is connected to {args.scheduler}; waiting up to "
+                  f"{args.wait:g} s (--wait) for one", file=sys.stderr, flush=True)
+            try:
+                client.wait_for_workers(1, timeout=args.wait)
+            except (OSError, TimeoutError):
+                raise Failure(f"no worker joined the Dask scheduler at {args.scheduler} "
+                              f"within {args.wait:g} s", EXIT_CLUSTER) from None
+    except BaseException:
+        client.close()
+        raise
+    return client, None
+
+
+def load_resumable(path, manifest, slices, stamps):
+    """The shard records of the run at `path` that --resume keeps: those
+    whose file is intact and whose pictures are unchanged. A manifest that
+    is not one this tool wrote is refused rather than guessed at."""
+    def damaged(why):
+        return Failure(f"--resume: '{shown(path)}' is damaged ({why}); run without --resume "
+                       "to start afresh", EXIT_INPUT)
+
+    try:
+        old = json.loads(path.read_text(encoding="utf-8"))
+    except OSError as e:
+        raise Failure(f"--resume: cannot read '{shown(path)}': {e.strerror}", EXIT_INPUT) from None
+    except ValueError as e:  # not UTF-8, not JSON
+        raise damaged(str(e).split(":")[0]) from None
+    if (not isinstance(old, dict) or old.get("tool") != "qvn-dataset"
+            or old.get("format_version") != FORMAT_VERSION
+            or not isinstance(old.get("shards"), list)):
+        raise damaged("not a qvn-dataset manifest of this version")
+    if old.get("options") != manifest["options"] or old.get("inputs_sha256") != manifest["inputs_sha256"]:
+        raise UsageError("--resume: the options or the input pictures differ from the "
+                         "run recorded in " + str(path))
+    done = {}
+    for rec in old["shards"]:
+        if not well_formed(rec, slices):
+            raise damaged("a shard record does not fit the pictures")
+        i, n = rec["index"], manifest["options"]["shard"]
+        f = path.parent / rec["file"]
+        if (rec.get("stamps") == stamps[i * n:i * n + len(slices[i])]
+                and f.is_file() and file_sha256(f) == rec["sha256"]):
+            done[i] = rec
+    return done
+
+
+def well_formed(rec, slices):
+    def is_int(v):
+        return isinstance(v, int) and not isinstance(v, bool)
+
+    try:
+        i, rows = rec["index"], rec["rows"]
+        return (is_int(i) and 0 <= i < len(slices) and rec["file"] == shard_name(i)
+                and is_int(rows) and isinstance(rec["sha256"], str)
+                and len(rec["sizes"]) == rows and rows + len(rec["errors"]) == len(slices[i])
+                and all(len(s) == 2 and all(map(is_int, s)) for s in rec["sizes"])
+                and all(len(e) == 2 and all(isinstance(v, str) for v in e)
+                        for e in rec["errors"]))
+    except (KeyError, TypeError):
+        return False
+
+
+def prepare_output(out_dir):
+    if out_dir.exists() and not out_dir.is_dir():
+        raise Failure(f"output folder '{shown(out_dir)}' is a file", EXIT_OUTPUT)
+    try:
+        out_dir.mkdir(parents=True, exist_ok=True)
+    except OSError as e:
+        raise output_failure("create the output folder", out_dir, e) from None
 
 
 def run_prepare(args):
     import qvn_kit
 
     options = conversion_options(args)
-    paths = find_pictures(args.input_dir)
-    out_dir = Path(args.out_dir)
-    out_dir.mkdir(parents=True, exist_ok=True)
+    check_where(args)
+    # Tasks get absolute paths: a worker runs in a folder of its own.
+    input_dir, out_dir = os.path.abspath(args.input_dir), Path(os.path.abspath(args.out_dir))
+    try:
+        input_dir.encode("utf-8")
+    except UnicodeEncodeError:
+        raise UsageError(f"input folder '{shown(input_dir)}': {NOT_UTF8}") from None
+    paths, stamps = find_pictures(input_dir, args.input_dir)
+    prepare_output(out_dir)
     n = options["shard"]
     slices = [paths[i:i + n] for i in range(0, len(paths), n)]
     manifest = {
@@ -272,7 +479,7 @@ def run_prepare(args):
         "core_version": "%d.%d" % tuple(qvn_kit.core_version),
         "module_version": qvn_kit.__version__,
         "options": options,
-        "input_dir": str(Path(args.input_dir).resolve()),
+        "input_dir": str(Path(input_dir).resolve()),
         "inputs": len(paths),
         "inputs_sha256": inputs_digest(paths),
         "shards": [],
@@ -280,52 +487,48 @@ def run_prepare(args):
 
     done = {}
     if args.resume and (out_dir / MANIFEST).exists():
-        old = json.loads((out_dir / MANIFEST).read_text())
-        if old.get("options") != options or old.get("inputs_sha256") != manifest["inputs_sha256"]:
-            raise UsageError("--resume: the options or the input pictures differ from the "
-                             "run recorded in " + str(out_dir / MANIFEST))
-        for rec in old.get("shards", []):
-            f = out_dir / rec["file"]
-            if f.exists() and file_sha256(f) == rec["sha256"]:
-                done[rec["index"]] = rec
+        done = load_resumable(out_dir / MANIFEST, manifest, slices, stamps)
     manifest["shards"] = sorted(done.values(), key=lambda r: r["index"])
     todo = [i for i in range(len(slices)) if i not in done]
-    # A fresh run leaves no shard of an earlier, larger run behind.
-    if not args.resume:
-        for old_shard in out_dir.glob("shard-*.npy"):
-            old_shard.unlink()
+
+    # Nothing is removed before the manifest says the set is incomplete and
+    # the index that listed the old shards is gone: an interrupted run never
+    # leaves an index that looks usable.
+    write_manifest(out_dir, manifest, complete=False)
+    try:
+        for stale in ["index.csv", "errors.csv"] + [f.name for f in out_dir.glob(".*.tmp")]:
+            (out_dir / stale).unlink(missing_ok=True)
+        # A fresh run leaves no shard of an earlier, larger run behind.
+        if not args.resume:
+            for old_shard in out_dir.glob("shard-*.npy"):
+                old_shard.unlink()
+    except OSError as e:
+        raise output_failure("remove the previous run's files from", out_dir, e) from None
 
     start = time.perf_counter()
     startup = 0.0
     progress = Progress(sum(len(slices[i]) for i in todo), args.progress)
 
     def finished(rec):
+        f = out_dir / rec["file"]
+        if not f.is_file() or f.stat().st_size != rec["bytes"]:
+            raise Failure(f"{rec['file']} was written by a worker but is not in "
+                          f"'{shown(out_dir)}': the output folder must be shared by every "
+                          "worker and this machine", EXIT_OUTPUT)
+        rec["stamps"] = stamps[rec["index"] * n:rec["index"] * n + len(slices[rec["index"]])]
         manifest["shards"].append(rec)
         manifest["shards"].sort(key=lambda r: r["index"])
         write_manifest(out_dir, manifest, complete=False)
         progress.step(len(slices[rec["index"]]))
 
-    write_manifest(out_dir, manifest, complete=False)
-    if todo and args.workers == 0:
-        for i in todo:
-            finished(convert_shard(i, slices[i], args.input_dir, str(out_dir), options))
-    elif todo:
-        from dask.distributed import as_completed
-
-        started = time.perf_counter()
-        client, cluster = start_cluster(args)
-        startup = time.perf_counter() - started
-        try:
-            futures = [client.submit(convert_shard, i, slices[i], args.input_dir, str(out_dir),
-                                     options, pure=False)
-                       for i in todo]
-            for future in as_completed(futures):
-                finished(future.result())
-        finally:
-            client.close()
-            if cluster is not None:
-                cluster.close()
-    progress.close()
+    try:
+        if todo and args.workers == 0:
+            for i in todo:
+                finished(convert_shard(i, slices[i], input_dir, str(out_dir), options))
+        elif todo:
+            startup = run_on_dask(args, todo, slices, input_dir, out_dir, options, finished)
+    finally:
+        progress.close()
     seconds = time.perf_counter() - start
 
     write_tables(out_dir, manifest, slices)
@@ -339,38 +542,69 @@ def run_prepare(args):
           f"({manifest['rows']} rows in {len(manifest['shards'])} shards, "
           f"{manifest['errors']} errors, {len(done)} shards kept; "
           f"{startup:.2f} s of it starting the cluster)")
+    if paths and manifest["rows"] == 0:
+        raise Failure(f"not one of the {len(paths)} pictures converted: errors.csv says why",
+                      EXIT_NOTHING)
     return 0
+
+
+def run_on_dask(args, todo, slices, input_dir, out_dir, options, finished):
+    """Converts the shards `todo` on the cluster; returns the seconds it
+    took to start (or reach) it."""
+    from dask.distributed import as_completed
+
+    started = time.perf_counter()
+    client, cluster = start_cluster(args)
+    startup = time.perf_counter() - started
+    try:
+        futures = {client.submit(convert_shard, i, slices[i], input_dir, str(out_dir),
+                                 options, pure=False): i
+                   for i in todo}
+        for future in as_completed(futures):
+            try:
+                rec = future.result()
+            except Exception as e:
+                failure = task_failure(e, futures[future])
+                if failure is None:
+                    raise
+                raise failure from None
+            finished(rec)
+    finally:
+        client.close()
+        if cluster is not None:
+            cluster.close()
+    return startup
 
 
 def write_manifest(out_dir, manifest, complete):
     manifest["complete"] = complete
-    write_atomically(out_dir / MANIFEST, json.dumps(manifest, indent=1) + "\n")
+    try:
+        write_atomically(out_dir / MANIFEST, json.dumps(manifest, indent=1) + "\n")
+    except OSError as e:
+        raise output_failure("write in the output folder", out_dir, e) from None
 
 
 def write_tables(out_dir, manifest, slices):
-    """index.csv (shard, row, source, width x height) and errors.csv."""
+    """index.csv (shard, row, source, width x height) and errors.csv; a
+    source that is not UTF-8 is written with its odd bytes as \\xNN."""
     index, errors = io.StringIO(), io.StringIO()
     iw, ew = csv.writer(index, lineterminator="\n"), csv.writer(errors, lineterminator="\n")
     iw.writerow(["shard", "row", "source", "size"])
     ew.writerow(["source", "error"])
     for rec in manifest["shards"]:
         failed = {path for path, _ in rec["errors"]}
-        good = [p for p in slices[rec["index"]] if p not in failed]
+        good = [p for p in slices[rec["index"]] if shown(p) not in failed]
         for row, (path, (w, h)) in enumerate(zip(good, rec["sizes"])):
             iw.writerow([rec["file"], row, path, f"{w}x{h}"])
         for path, message in rec["errors"]:
             ew.writerow([path, message])
-    write_atomically(out_dir / "index.csv", index.getvalue())
-    write_atomically(out_dir / "errors.csv", errors.getvalue())
+    try:
+        write_atomically(out_dir / "errors.csv", errors.getvalue())
+        write_atomically(out_dir / "index.csv", index.getvalue())
+    except OSError as e:
+        raise output_failure("write in the output folder", out_dir, e) from None
 
 
 def main(argv=None):
     args = parse_args(sys.argv[1:] if argv is None else argv)
-    try:
-        return run_prepare(args)
-    except UsageError as e:
-        print(f"qvn-dataset: {e}", file=sys.stderr)
-        return 2
-    except KeyboardInterrupt:
-        print("qvn-dataset: interrupted; run again with --resume to finish", file=sys.stderr)
-        return 130
+    return report(lambda: run_prepare(args))
