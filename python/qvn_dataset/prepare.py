@@ -448,9 +448,7 @@ def well_formed(rec, slices):
         return False
 
 
-def prepare_output(out_dir):
-    if out_dir.exists() and not out_dir.is_dir():
-        raise Failure(f"output folder '{shown(out_dir)}' is a file", EXIT_OUTPUT)
+def make_output(out_dir):
     try:
         out_dir.mkdir(parents=True, exist_ok=True)
     except OSError as e:
@@ -469,7 +467,8 @@ def run_prepare(args):
     except UnicodeEncodeError:
         raise UsageError(f"input folder '{shown(input_dir)}': {NOT_UTF8}") from None
     paths, stamps = find_pictures(input_dir, args.input_dir)
-    prepare_output(out_dir)
+    if out_dir.exists() and not out_dir.is_dir():
+        raise Failure(f"output folder '{shown(out_dir)}' is a file", EXIT_OUTPUT)
     n = options["shard"]
     slices = [paths[i:i + n] for i in range(0, len(paths), n)]
     manifest = {
@@ -491,9 +490,29 @@ def run_prepare(args):
     manifest["shards"] = sorted(done.values(), key=lambda r: r["index"])
     todo = [i for i in range(len(slices)) if i not in done]
 
+    # The cluster first: one that cannot be reached changes nothing here.
+    start = time.perf_counter()
+    client = cluster = None
+    if todo and args.workers != 0:
+        client, cluster = start_cluster(args)
+    startup = time.perf_counter() - start
+    try:
+        return convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo,
+                           client, start, startup)
+    finally:
+        if client is not None:
+            client.close()
+        if cluster is not None:
+            cluster.close()
+
+
+def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, client,
+                start, startup):
+    options, n = manifest["options"], manifest["options"]["shard"]
     # Nothing is removed before the manifest says the set is incomplete and
     # the index that listed the old shards is gone: an interrupted run never
     # leaves an index that looks usable.
+    make_output(out_dir)
     write_manifest(out_dir, manifest, complete=False)
     try:
         for stale in ["index.csv", "errors.csv"] + [f.name for f in out_dir.glob(".*.tmp")]:
@@ -505,8 +524,6 @@ def run_prepare(args):
     except OSError as e:
         raise output_failure("remove the previous run's files from", out_dir, e) from None
 
-    start = time.perf_counter()
-    startup = 0.0
     progress = Progress(sum(len(slices[i]) for i in todo), args.progress)
 
     def finished(rec):
@@ -526,7 +543,7 @@ def run_prepare(args):
             for i in todo:
                 finished(convert_shard(i, slices[i], input_dir, str(out_dir), options))
         elif todo:
-            startup = run_on_dask(args, todo, slices, input_dir, out_dir, options, finished)
+            run_on_dask(client, todo, slices, input_dir, out_dir, options, finished)
     finally:
         progress.close()
     seconds = time.perf_counter() - start
@@ -542,38 +559,28 @@ def run_prepare(args):
           f"({manifest['rows']} rows in {len(manifest['shards'])} shards, "
           f"{manifest['errors']} errors, {len(done)} shards kept; "
           f"{startup:.2f} s of it starting the cluster)")
-    if paths and manifest["rows"] == 0:
-        raise Failure(f"not one of the {len(paths)} pictures converted: errors.csv says why",
+    if manifest["inputs"] and manifest["rows"] == 0:
+        raise Failure(f"not one of the {manifest['inputs']} pictures converted: errors.csv says why",
                       EXIT_NOTHING)
     return 0
 
 
-def run_on_dask(args, todo, slices, input_dir, out_dir, options, finished):
-    """Converts the shards `todo` on the cluster; returns the seconds it
-    took to start (or reach) it."""
+def run_on_dask(client, todo, slices, input_dir, out_dir, options, finished):
+    """Converts the shards `todo` on the cluster."""
     from dask.distributed import as_completed
 
-    started = time.perf_counter()
-    client, cluster = start_cluster(args)
-    startup = time.perf_counter() - started
-    try:
-        futures = {client.submit(convert_shard, i, slices[i], input_dir, str(out_dir),
-                                 options, pure=False): i
-                   for i in todo}
-        for future in as_completed(futures):
-            try:
-                rec = future.result()
-            except Exception as e:
-                failure = task_failure(e, futures[future])
-                if failure is None:
-                    raise
-                raise failure from None
-            finished(rec)
-    finally:
-        client.close()
-        if cluster is not None:
-            cluster.close()
-    return startup
+    futures = {client.submit(convert_shard, i, slices[i], input_dir, str(out_dir), options,
+                             pure=False): i
+               for i in todo}
+    for future in as_completed(futures):
+        try:
+            rec = future.result()
+        except Exception as e:
+            failure = task_failure(e, futures[future])
+            if failure is None:
+                raise
+            raise failure from None
+        finished(rec)
 
 
 def write_manifest(out_dir, manifest, complete):
