@@ -74,7 +74,8 @@ def parse_args(argv):
                    help="seconds to wait for the scheduler to answer, then for its first "
                         "worker (30)")
     p.add_argument("--resume", action="store_true",
-                   help="keep the shards a previous run finished (checked by their SHA-256)")
+                   help="keep the shards a previous run finished (checked by their SHA-256, and "
+                        "their pictures by size and modification time)")
     p.add_argument("--progress", choices=["auto", "always", "never"], default="auto",
                    help="progress bar on stderr (auto: when stderr is a terminal)")
     return ap.parse_args(argv)
