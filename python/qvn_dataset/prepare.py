@@ -86,7 +86,8 @@ def conversion_options(args):
     try:
         import qvn_kit
     except ImportError as e:
-        raise Failure(f"cannot import qvn_kit ({e}): is the kit installed?", EXIT_CLUSTER) from None
+        raise Failure(f"cannot import qvn_kit ({e}): is the kit installed?",
+                      EXIT_CLUSTER) from None
 
     tensor = args.tensor or ("1x256x256" if args.gray else "3x256x256")
     try:
@@ -418,7 +419,8 @@ def load_resumable(path, manifest, slices, stamps):
             or old.get("format_version") != FORMAT_VERSION
             or not isinstance(old.get("shards"), list)):
         raise damaged("not a qvn-dataset manifest of this version")
-    if old.get("options") != manifest["options"] or old.get("inputs_sha256") != manifest["inputs_sha256"]:
+    if (old.get("options") != manifest["options"]
+            or old.get("inputs_sha256") != manifest["inputs_sha256"]):
         raise UsageError("--resume: the options or the input pictures differ from the "
                          "run recorded in " + str(path))
     done = {}
@@ -516,8 +518,12 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
     make_output(out_dir)
     write_manifest(out_dir, manifest, complete=False)
     try:
-        for stale in ["index.csv", "errors.csv"] + [f.name for f in out_dir.glob(".*.tmp")]:
-            (out_dir / stale).unlink(missing_ok=True)
+        # (and the temporary files of a killed run: only names this tool makes)
+        stale = [out_dir / "index.csv", out_dir / "errors.csv"]
+        for name in ("shard-*.npy", "index.csv", "errors.csv", MANIFEST):
+            stale += out_dir.glob(f".{name}.*.tmp")
+        for f in stale:
+            f.unlink(missing_ok=True)
         # A fresh run leaves no shard of an earlier, larger run behind.
         if not args.resume:
             for old_shard in out_dir.glob("shard-*.npy"):
@@ -561,7 +567,8 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
           f"{manifest['errors']} errors, {len(done)} shards kept; "
           f"{startup:.2f} s of it starting the cluster)")
     if manifest["inputs"] and manifest["rows"] == 0:
-        raise Failure(f"not one of the {manifest['inputs']} pictures converted: errors.csv says why",
+        raise Failure(f"not one of the {manifest['inputs']} pictures converted: errors.csv "
+                      "says why",
                       EXIT_NOTHING)
     return 0
 

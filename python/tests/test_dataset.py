@@ -147,7 +147,8 @@ def test_resume_redoes_only_missing_damaged_or_changed_shards(qk, pictures, sing
             (single / "errors.csv").read_text())
     redone, before = np.load(out / "shard-00002.npy"), np.load(single / "shard-00002.npy")
     r = int(row["row"])
-    np.testing.assert_array_equal(redone[r], converted(qk, qk.read_picture(str(src / row["source"]))))
+    now = qk.read_picture(str(src / row["source"]))
+    np.testing.assert_array_equal(redone[r], converted(qk, now))
     assert not np.array_equal(redone[r], before[r])
     np.testing.assert_array_equal(np.delete(redone, r, 0), np.delete(before, r, 0))
 
