@@ -24,11 +24,14 @@ namespace qvntest {
 inline void FillRandom(uint8_t* p, size_t n, std::mt19937& rng) {
     for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(rng());
 }
-inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
-    std::mt19937 rng(seed);
+inline std::vector<uint8_t> RandomBytes(size_t n, std::mt19937& rng) {
     std::vector<uint8_t> out(n);
     FillRandom(out.data(), n, rng);
     return out;
+}
+inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
+    std::mt19937 rng(seed);
+    return RandomBytes(n, rng);
 }
 
 // A frame over `data`; every field not named is zero but the whole-frame rect.
