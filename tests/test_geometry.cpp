@@ -247,12 +247,6 @@ QVN_Image Image(uint32_t fmt, uint32_t ori, int w, int h, uint8_t* data) {
     return qvntest::MakeImage(fmt, w, h, 0, data, ori, {});
 }
 
-Bytes Random(std::mt19937& rng, size_t n) {
-    Bytes b(n);
-    qvntest::FillRandom(b.data(), n, rng);
-    return b;
-}
-
 TEST(CropForImage, PackedFormatsReplicateTheEdges) {
     // The box runs off the frame on every side; the copy must equal the frame
     // with its edges replicated outward (OpenCV's BORDER_REPLICATE).
@@ -261,7 +255,7 @@ TEST(CropForImage, PackedFormatsReplicateTheEdges) {
     const IBox boxes[] = {{-2, -3, 11, 9}, {3, 1, 6, 4}, {-4, 2, 5, 10}, {4, -1, 14, 3}};
     for (uint32_t fmt : {5u, 6u, 10u, 11u}) {
         const int bpp = (fmt == 5 || fmt == 6) ? 4 : 3;
-        const Bytes frame = Random(rng, static_cast<size_t>(fw) * fh * bpp);
+        const Bytes frame = qvntest::RandomBytes(static_cast<size_t>(fw) * fh * bpp, rng);
         const cv::Mat src(fh, fw, CV_8UC(bpp), const_cast<uint8_t*>(frame.data()));
         cv::Mat padded;
         cv::copyMakeBorder(src, padded, 8, 8, 8, 8, cv::BORDER_REPLICATE);

@@ -154,30 +154,6 @@ QVN_Face MirroredFace(const QVN_Face& in) {
     return out;
 }
 
-// A log sink that throws when it is handed one particular text, the only way
-// an exception can arise inside the result transforms.
-struct ThrowingLog {
-    static std::string& Trigger() { static std::string t; return t; }
-    static Lines& Seen() { static Lines l; return l; }
-    static int Sink(const char* text) {
-        Seen().emplace_back(text);
-        if (Trigger() == text) throw std::runtime_error("sink refused the line");
-        return 0;
-    }
-    explicit ThrowingLog(std::string trigger) {
-        Trigger() = std::move(trigger);
-        Seen().clear();
-        quvas::utility::GetLogLevel(&saved_);
-        quvas::utility::SetLogLevel(1);
-        quvas::utility::SetLogCallback(&Sink);
-    }
-    ~ThrowingLog() {
-        quvas::utility::SetLogCallback(nullptr);
-        quvas::utility::SetLogLevel(saved_);
-    }
-    unsigned saved_ = 8;
-};
-
 // ---------------------------------------------------------------------------
 // Result transforms
 // ---------------------------------------------------------------------------
@@ -362,30 +338,27 @@ TEST(ResultStatus, ExceptionHandlersOfBodiesGesturesAndRectangles) {
     auto bodies = Bodies(rng, 2);
     const auto bodies_before = *bodies;
     {
-        ThrowingLog log("Error: unsupported rotate angle!");
+        LogCapture log("Error: unsupported rotate angle!");
         EXPECT_EQ(QVN_BodyFrameDataArr_Result_Rotate(bodies.get(), 45), -1);
-        EXPECT_EQ(ThrowingLog::Seen(),
-                  (Lines{"Error: unsupported rotate angle!",
-                         "Pose::Process_Pose_Result failed. Error: sink refused the line"}));
+        EXPECT_EQ(log.Take(), (Lines{"Error: unsupported rotate angle!",
+                                     "Pose::Process_Pose_Result failed. Error: sink refused the line"}));
     }
     EXPECT_TRUE(SameBytes(*bodies, bodies_before));
     auto gestures = Gestures(rng, 1);
     QVN_Rect2D rect{0.1f, 0.2f, 0.3f, 0.4f};
     {
-        ThrowingLog log("unsupported angle of rotation!");
+        LogCapture log("unsupported angle of rotation!");
         EXPECT_EQ(QVN_GestureFrameDataArr_Result_Rotate(gestures.get(), 360), -1);
         EXPECT_EQ(QVN_Rect2D_Result_Rotate(&rect, 45), -1);
         const std::string handled = "rotate result failed. Error: sink refused the line";
-        EXPECT_EQ(ThrowingLog::Seen(), (Lines{"unsupported angle of rotation!", handled,
-                                              "unsupported angle of rotation!", handled}));
+        EXPECT_EQ(log.Take(), (Lines{"unsupported angle of rotation!", handled,
+                                     "unsupported angle of rotation!", handled}));
         auto faces = Faces(rng, 1, {10});
         EXPECT_THROW(QVN_FaceFrameDataArr_Result_Rotate(faces.get(), 45), std::runtime_error);
     }
-    {
-        ThrowingLog log("unsupported angle for rotating result!");
-        QVN_ObjCountDataArr obj{1, &rect};
-        EXPECT_THROW(QVN_ObjCountDataArr_Result_Rotate(&obj, 45), std::runtime_error);
-    }
+    LogCapture log("unsupported angle for rotating result!");
+    QVN_ObjCountDataArr obj{1, &rect};
+    EXPECT_THROW(QVN_ObjCountDataArr_Result_Rotate(&obj, 45), std::runtime_error);
 }
 
 // ---------------------------------------------------------------------------

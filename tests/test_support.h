@@ -34,6 +34,15 @@ inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
     return RandomBytes(n, rng);
 }
 
+// n floats drawn uniformly from [lo, hi) by a Mersenne twister seeded `seed`.
+inline std::vector<float> RandomFloats(size_t n, float lo, float hi, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> dist(lo, hi);
+    std::vector<float> out(n);
+    for (float& v : out) v = dist(rng);
+    return out;
+}
+
 // A frame over `data`; every field not named is zero but the whole-frame rect.
 inline QVN_Image MakeImage(uint32_t pix_fmt, int w, int h, int channels, void* data,
                            uint32_t ori = 0, QVN_Rect2D rect = {0.f, 0.f, 1.f, 1.f}) {
