@@ -107,22 +107,6 @@ TEST(AffineMatrices, InverseReturnsEveryPointAndLeavesVectorEmpty) {
     }
 }
 
-TEST(AffineMatrices, ExplicitEntries) {
-    std::vector<float> m(6, 0.0f);
-    kit::getAffineTransform(1, 2, 2, m);
-    EXPECT_EQ(m, (std::vector<float>{0, -1, 1, 1, 0, 0}));
-    kit::getAffineTransform(64, 640, 480, m);  // a box-only half turn: identity here
-    EXPECT_EQ(m, (std::vector<float>{1, 0, 0, 0, 1, 0}));
-    kit::getAffineTransform(10, 640, 480, m);
-    EXPECT_EQ(m, (std::vector<float>{0, -1, 639, -1, 0, 479}));
-    std::vector<float> inv;
-    inv.reserve(8);
-    kit::getAffineTransformInv(2, 640, 480, inv);
-    EXPECT_EQ(std::vector<float>(inv.data(), inv.data() + 6), (std::vector<float>{0, -1, 479, 1, 0, 0}));
-    kit::getAffineTransformInv(64, 640, 480, inv);
-    EXPECT_EQ(std::vector<float>(inv.data(), inv.data() + 6), (std::vector<float>{1, 0, 0, 0, 1, 0}));
-}
-
 // ---------------------------------------------------------------------------
 // Normalised box rectification
 // ---------------------------------------------------------------------------

@@ -214,19 +214,6 @@ TEST(ResultTransforms, EveryRecordFollowsThePointAndBoxMaps) {
             EXPECT_TRUE(SameBytes(r, MapRect(op, boxes[0])));
         }
     }
-    // Exact values: (0.25, 0.5) turned clockwise is (0.5, 0.25); the box
-    // (0.125, 0.25, 0.5, 0.75) becomes (0.25, 0.125, 0.75, 0.5).
-    QVN_FaceFrameDataArr one{};
-    one.count = 1;
-    one.faces[0].landmarksNum = 1;
-    one.faces[0].landmarks[0] = {0.25f, 0.5f};
-    one.faces[0].rect = {0.125f, 0.25f, 0.5f, 0.75f};
-    EXPECT_EQ(QVN_FaceFrameDataArr_Result_Rotate(&one, 90), 0);
-    const float want[] = {0.5f, 0.25f, 0.25f, 0.125f, 0.75f, 0.5f};
-    const float got[] = {one.faces[0].landmarks[0].x, one.faces[0].landmarks[0].y,
-                         one.faces[0].rect.x0, one.faces[0].rect.y0,
-                         one.faces[0].rect.x1, one.faces[0].rect.y1};
-    EXPECT_EQ(std::vector<float>(got, got + 6), std::vector<float>(want, want + 6));
 }
 
 TEST(ResultTransforms, FaceMirrorExchangesEveryPairWithItsScore) {
