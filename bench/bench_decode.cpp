@@ -10,17 +10,11 @@
 #include <random>
 #include <vector>
 
+#include "test_support.h"
+
 namespace {
 
 constexpr int kChannels = 17;
-
-std::vector<float> RandomFloats(size_t n, float lo, float hi, uint32_t seed) {
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> d(lo, hi);
-    std::vector<float> v(n);
-    for (float& x : v) x = d(rng);
-    return v;
-}
 
 // ---------------------------------------------------------------------------
 // Decoders: 17 heatmaps of W x H (args: W, H).
@@ -31,7 +25,7 @@ enum Variant { kScalar, kNoSqrt, kSseSqrt, kSseNoSqrt };
 template <Variant V>
 void BM_SoftArgMax(benchmark::State& state) {
     const int W = static_cast<int>(state.range(0)), H = static_cast<int>(state.range(1));
-    const auto data = RandomFloats(size_t(W) * H * kChannels, 0.0f, 1.0f, 1);
+    const auto data = qvntest::RandomFloats(size_t(W) * H * kChannels, 0.0f, 1.0f, 1);
     quvas::kit::SoftArgMax sam(W, H, kChannels, 8.0f);
     for (auto _ : state) {
         switch (V) {
@@ -51,7 +45,7 @@ void BM_SoftArgMax(benchmark::State& state) {
 // OpenCV soft-argmax with the library exponential: x, y per plane (no spread).
 void BM_SoftArgMax_OpenCV(benchmark::State& state) {
     const int W = static_cast<int>(state.range(0)), H = static_cast<int>(state.range(1));
-    auto data = RandomFloats(size_t(W) * H * kChannels, 0.0f, 1.0f, 1);
+    auto data = qvntest::RandomFloats(size_t(W) * H * kChannels, 0.0f, 1.0f, 1);
     cv::Mat gx(H, W, CV_32F), gy(H, W, CV_32F), e(H, W, CV_32F);
     for (int r = 0; r < H; ++r)
         for (int k = 0; k < W; ++k) {
@@ -110,7 +104,7 @@ void SetConvertBytes(benchmark::State& state) {
 
 void BM_Float01ToByte(benchmark::State& state) {
     const int n = static_cast<int>(state.range(0) * state.range(1));
-    const auto src = RandomFloats((n + 15) / 16 * 16, 0.0f, 1.0f, 2);
+    const auto src = qvntest::RandomFloats((n + 15) / 16 * 16, 0.0f, 1.0f, 2);
     std::vector<unsigned char> dst((n + 15) / 16 * 16);
     for (auto _ : state) {
         quvas::kit::float01toUchar0255SSE(src.data(), dst.data(), n);
@@ -121,7 +115,7 @@ void BM_Float01ToByte(benchmark::State& state) {
 
 void BM_Float01ToByte_OpenCV(benchmark::State& state) {
     const int W = static_cast<int>(state.range(0)), H = static_cast<int>(state.range(1));
-    auto src = RandomFloats(size_t(W) * H, 0.0f, 1.0f, 2);
+    auto src = qvntest::RandomFloats(size_t(W) * H, 0.0f, 1.0f, 2);
     const cv::Mat in(H, W, CV_32F, src.data());
     cv::Mat out(H, W, CV_8U);
     for (auto _ : state) {
@@ -133,7 +127,7 @@ void BM_Float01ToByte_OpenCV(benchmark::State& state) {
 
 void BM_SigmoidToByte(benchmark::State& state) {
     const int n = static_cast<int>(state.range(0) * state.range(1));
-    const auto src = RandomFloats((n + 15) / 16 * 16, -6.0f, 6.0f, 3);
+    const auto src = qvntest::RandomFloats((n + 15) / 16 * 16, -6.0f, 6.0f, 3);
     std::vector<unsigned char> dst((n + 15) / 16 * 16);
     for (auto _ : state) {
         quvas::kit::sigmoid_float01toUchar0255SSE(src.data(), dst.data(), n);
@@ -145,7 +139,7 @@ void BM_SigmoidToByte(benchmark::State& state) {
 // 255 / (1 + exp(-x)) with OpenCV's vectorised exp, temporaries reused.
 void BM_SigmoidToByte_OpenCV(benchmark::State& state) {
     const int W = static_cast<int>(state.range(0)), H = static_cast<int>(state.range(1));
-    auto src = RandomFloats(size_t(W) * H, -6.0f, 6.0f, 3);
+    auto src = qvntest::RandomFloats(size_t(W) * H, -6.0f, 6.0f, 3);
     const cv::Mat in(H, W, CV_32F, src.data());
     cv::Mat t(H, W, CV_32F), out(H, W, CV_8U);
     for (auto _ : state) {

@@ -12,6 +12,8 @@
 #include <random>
 #include <vector>
 
+#include "test_support.h"
+
 namespace {
 
 using quvas::kit::SoftArgMax;
@@ -216,14 +218,6 @@ void ExpectSameResult(const SoftArgMax& s, const Result& want) {
     ExpectSameBits(s.confidence, want.conf, "conf");
 }
 
-std::vector<float> Random(int n, uint32_t seed, float lo, float hi) {
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> dist(lo, hi);
-    std::vector<float> v(n);
-    for (float& x : v) x = dist(rng);
-    return v;
-}
-
 enum Variant { kScalar, kNoSqrt, kSseSqrt, kSseNoSqrt };
 void Decode(SoftArgMax& s, Variant v, const float* d, int C, int H, int W) {
     switch (v) {
@@ -237,7 +231,7 @@ void Decode(SoftArgMax& s, Variant v, const float* d, int C, int H, int W) {
 TEST(SoftArgMax, ScalarDecodersMatchReferenceBitForBit) {
     struct Shape { int W, H, C; float beta; };
     for (Shape sh : {Shape{64, 48, 17, 2.5f}, Shape{7, 5, 3, 1.0f}, Shape{2, 2, 1, 10.0f}}) {
-        const auto d = Random(sh.W * sh.H * sh.C, 3 + sh.W, -4.0f, 4.0f);
+        const auto d = qvntest::RandomFloats(sh.W * sh.H * sh.C, -4.0f, 4.0f, 3 + sh.W);
         SoftArgMax s(sh.W, sh.H, sh.C, sh.beta);
         s.Decode_CHW_F32(d.data(), sh.C, sh.H, sh.W);
         const Result want = RefDecode(d, sh.W, sh.H, sh.C, sh.beta);
@@ -262,7 +256,7 @@ TEST(SoftArgMax, VectorDecodersMatchLaneReferenceBitForBit) {
     // contributes nothing: x = y = 0/0).
     for (Shape sh : {Shape{64, 48, 17}, Shape{96, 72, 3}, Shape{8, 2, 2}, Shape{6, 5, 3},
                      Shape{9, 4, 2}, Shape{3, 4, 2}, Shape{4, 3, 1}}) {
-        const auto d = Random(sh.W * sh.H * sh.C, 17 + sh.W, -3.0f, 3.0f);
+        const auto d = qvntest::RandomFloats(sh.W * sh.H * sh.C, -3.0f, 3.0f, 17 + sh.W);
         SoftArgMax s(sh.W, sh.H, sh.C, 1.75f);
         s.weight_sum[0] = -5.0f;
         s.exp_buffer[0] = -6.0f;
@@ -355,8 +349,8 @@ TEST(SoftArgMax, CloseToFloat64SoftArgMax) {
 
 TEST(SoftArgMax, RejectedCallsLeavePreviousResults) {
     const int W = 8, H = 6, C = 2;
-    const auto d = Random(W * H * C, 5, -2.0f, 2.0f);
-    const auto other = Random(W * H * C, 6, -2.0f, 2.0f);
+    const auto d = qvntest::RandomFloats(W * H * C, -2.0f, 2.0f, 5);
+    const auto other = qvntest::RandomFloats(W * H * C, -2.0f, 2.0f, 6);
     for (Variant v : {kScalar, kNoSqrt, kSseSqrt, kSseNoSqrt}) {
         SoftArgMax s(W, H, C, 1.0f);
         Decode(s, v, d.data(), C, H, W);

@@ -107,22 +107,6 @@ TEST(AffineMatrices, InverseReturnsEveryPointAndLeavesVectorEmpty) {
     }
 }
 
-TEST(AffineMatrices, ExplicitEntries) {
-    std::vector<float> m(6, 0.0f);
-    kit::getAffineTransform(1, 2, 2, m);
-    EXPECT_EQ(m, (std::vector<float>{0, -1, 1, 1, 0, 0}));
-    kit::getAffineTransform(64, 640, 480, m);  // a box-only half turn: identity here
-    EXPECT_EQ(m, (std::vector<float>{1, 0, 0, 0, 1, 0}));
-    kit::getAffineTransform(10, 640, 480, m);
-    EXPECT_EQ(m, (std::vector<float>{0, -1, 639, -1, 0, 479}));
-    std::vector<float> inv;
-    inv.reserve(8);
-    kit::getAffineTransformInv(2, 640, 480, inv);
-    EXPECT_EQ(std::vector<float>(inv.data(), inv.data() + 6), (std::vector<float>{0, -1, 479, 1, 0, 0}));
-    kit::getAffineTransformInv(64, 640, 480, inv);
-    EXPECT_EQ(std::vector<float>(inv.data(), inv.data() + 6), (std::vector<float>{1, 0, 0, 0, 1, 0}));
-}
-
 // ---------------------------------------------------------------------------
 // Normalised box rectification
 // ---------------------------------------------------------------------------
@@ -247,12 +231,6 @@ QVN_Image Image(uint32_t fmt, uint32_t ori, int w, int h, uint8_t* data) {
     return qvntest::MakeImage(fmt, w, h, 0, data, ori, {});
 }
 
-Bytes Random(std::mt19937& rng, size_t n) {
-    Bytes b(n);
-    qvntest::FillRandom(b.data(), n, rng);
-    return b;
-}
-
 TEST(CropForImage, PackedFormatsReplicateTheEdges) {
     // The box runs off the frame on every side; the copy must equal the frame
     // with its edges replicated outward (OpenCV's BORDER_REPLICATE).
@@ -261,7 +239,7 @@ TEST(CropForImage, PackedFormatsReplicateTheEdges) {
     const IBox boxes[] = {{-2, -3, 11, 9}, {3, 1, 6, 4}, {-4, 2, 5, 10}, {4, -1, 14, 3}};
     for (uint32_t fmt : {5u, 6u, 10u, 11u}) {
         const int bpp = (fmt == 5 || fmt == 6) ? 4 : 3;
-        const Bytes frame = Random(rng, static_cast<size_t>(fw) * fh * bpp);
+        const Bytes frame = qvntest::RandomBytes(static_cast<size_t>(fw) * fh * bpp, rng);
         const cv::Mat src(fh, fw, CV_8UC(bpp), const_cast<uint8_t*>(frame.data()));
         cv::Mat padded;
         cv::copyMakeBorder(src, padded, 8, 8, 8, 8, cv::BORDER_REPLICATE);

@@ -4,7 +4,9 @@
 // boundary followed by an inaccessible page (an over-read or over-write
 // faults) or start right after one (an under-read faults). The drivers are
 // checked against the pixel-by-pixel definitions, written out here, at odd
-// heights and widths.
+// heights and widths; the resize and gray rows are held to their written
+// definitions through the entry points in test_core_image_process.cpp and
+// test_core_kernels.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -330,37 +332,6 @@ TEST(KernelRows, YuvRowMatchesItsTwin) {
             }
         }
     }
-}
-
-// The twins themselves against the written definitions, on values worked
-// out by hand.
-TEST(KernelRows, TwinsFollowTheirDefinitions) {
-    // (1868 B + 9617 G + 4899 R + 8192) >> 14: white (16384 * 255 + 8192) >> 14
-    // = 255; red (4899 * 255 + 8192) >> 14 = 76.7 -> 76; blue 29.57 -> 29;
-    // green 150.18 -> 150; (18680 + 192340 + 146970 + 8192) >> 14 = 22.35 -> 22.
-    const uint8_t bgra[] = {255, 255, 255, 0, 0, 0, 255, 9, 255, 0, 0, 7, 0, 255, 0, 1, 10, 20, 30, 40};
-    uint8_t gray[5];
-    k::BgraToGrayRow_C(bgra, gray, 5);
-    EXPECT_EQ(std::vector<uint8_t>(gray, gray + 5), std::vector<uint8_t>({255, 76, 29, 150, 22}));
-
-    // Horizontal: 100 * (2048 - 512) + 200 * 512 at the left tap 1.
-    const uint8_t row[] = {0, 100, 200, 50};
-    const int32_t index[] = {1, 2, 0};
-    const int32_t pair[] = {(2048 - 512) | 512 << 16, 2048 << 16, 2048};
-    int32_t out[3];
-    k::ScaleColsBilinear1_C(row, 4, index, pair, 3, out);
-    // The last pixel as the second tap at full weight, then the first alone.
-    EXPECT_EQ(std::vector<int32_t>(out, out + 3), std::vector<int32_t>({100 * 1536 + 200 * 512, 50 * 2048, 0}));
-
-    // Vertical: halfway between 255 and 0 is 127.5, rounded up; a quarter of
-    // the way from 0 to 255 is 63.75 -> 64; 1/2048 of 255 is 0.12 -> 0.
-    const int32_t top[] = {255 * 2048, 0, 0};
-    const int32_t bottom[] = {0, 255 * 2048, 255 * 2048};
-    uint8_t blended[3];
-    k::BlendRowsBilinear_C(top, bottom, 1024, 1, blended);
-    k::BlendRowsBilinear_C(top + 1, bottom + 1, 512, 1, blended + 1);
-    k::BlendRowsBilinear_C(top + 2, bottom + 2, 1, 1, blended + 2);
-    EXPECT_EQ(std::vector<uint8_t>(blended, blended + 3), std::vector<uint8_t>({128, 64, 0}));
 }
 
 // ---------------------------------------------------------------------------

@@ -191,22 +191,15 @@ void ExpectRejected(const QVN_Image* img, bool forInput, const char* message) {
 TEST(ImageCheck, RejectsInOrderWithOneLineEach) {
     uint8_t pixels[16] = {};
     ExpectRejected(nullptr, false, kImgNull);
-    QVN_Image img = GoodImage(nullptr);
-    img.width = 0;  // data is tested first
-    ExpectRejected(&img, false, kImgData);
-    img = GoodImage(pixels);
-    img.width = 0;
-    img.height = 0;
-    ExpectRejected(&img, false, kImgWidth);
-    img = GoodImage(pixels);
-    img.height = 0;
-    img.pix_fmt = 0;
-    ExpectRejected(&img, false, kImgHeight);
-    img = GoodImage(pixels);
-    img.pix_fmt = QVN_PIX_FMT_UNKNOW;
-    ExpectRejected(&img, true, kImgFmt);
-    img.pix_fmt = QVN_PIX_FMT_ERROR;
-    ExpectRejected(&img, false, kImgFmt);
+    // Each row breaks the field its message names and every field after it.
+    const struct { bool data; int w, h; uint32_t fmt; bool input; const char* message; } rows[] = {
+        {false, 0, 2, QVN_PIX_FMT_BGRA8888, false, kImgData}, {true, 0, 0, QVN_PIX_FMT_BGRA8888, false, kImgWidth},
+        {true, 2, 0, 0, false, kImgHeight}, {true, 2, 2, QVN_PIX_FMT_UNKNOW, true, kImgFmt},
+        {true, 2, 2, QVN_PIX_FMT_ERROR, false, kImgFmt}};
+    for (const auto& r : rows) {
+        QVN_Image img = qvntest::MakeImage(r.fmt, r.w, r.h, 4, r.data ? pixels : nullptr);
+        ExpectRejected(&img, r.input, r.message);
+    }
 }
 
 TEST(ImageCheck, InputFormats) {

@@ -24,10 +24,22 @@ namespace qvntest {
 inline void FillRandom(uint8_t* p, size_t n, std::mt19937& rng) {
     for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(rng());
 }
-inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
-    std::mt19937 rng(seed);
+inline std::vector<uint8_t> RandomBytes(size_t n, std::mt19937& rng) {
     std::vector<uint8_t> out(n);
     FillRandom(out.data(), n, rng);
+    return out;
+}
+inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
+    std::mt19937 rng(seed);
+    return RandomBytes(n, rng);
+}
+
+// n floats drawn uniformly from [lo, hi) by a Mersenne twister seeded `seed`.
+inline std::vector<float> RandomFloats(size_t n, float lo, float hi, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> dist(lo, hi);
+    std::vector<float> out(n);
+    for (float& v : out) v = dist(rng);
     return out;
 }
 

@@ -40,12 +40,8 @@ std::shared_ptr<QVTBoxTrackerParams> MakeParams(float frequency, float min_cutof
                                                 float measurement_noise) {
     auto p = std::make_shared<QVTBoxTrackerParams>();
     *p = QVTBoxTrackerParams{};
-    p->frequency = frequency;
-    p->min_cutoff = min_cutoff;
-    p->beta = beta;
-    p->d_cutoff = d_cutoff;
-    p->process_noise = process_noise;
-    p->measurement_noise = measurement_noise;
+    p->frequency = frequency, p->min_cutoff = min_cutoff, p->beta = beta, p->d_cutoff = d_cutoff;
+    p->process_noise = process_noise, p->measurement_noise = measurement_noise;
     return p;
 }
 
@@ -316,16 +312,14 @@ TEST(KalmanTracker, ParametersAreReadOnlyAtInit) {
 }
 
 TEST(KalmanTracker, UnguardedInputsGiveNonFiniteBoxes) {
-    auto finite = [](const Box& b) { return std::isfinite(b.x) && std::isfinite(b.w); };
-    QVTBoxKalmanTracker zero_rate(kW, kH, MakeParams(0, 0, 0, 0, 1, 1));
-    zero_rate.init(0.2f, 0.2f, 0.3f, 0.3f);
-    EXPECT_FALSE(finite(Track(zero_rate, {0.2f, 0.2f, 0.3f, 0.3f})));
-    QVTBoxKalmanTracker zero_width(0, kH, MakeParams(30, 0, 0, 0, 1, 1));
-    zero_width.init(0.2f, 0.2f, 0.3f, 0.3f);
-    EXPECT_FALSE(finite(Track(zero_width, {0.2f, 0.2f, 0.3f, 0.3f})));
-    QVTBoxKalmanTracker no_noise(kW, kH, MakeParams(30, 0, 0, 0, 0, 0));
-    no_noise.init(0.2f, 0.2f, 0.3f, 0.3f);
-    EXPECT_FALSE(finite(Track(no_noise, {0.2f, 0.2f, 0.3f, 0.3f})));
+    // A zero rate, a zero frame width, no noise at all.
+    const struct { int width; float frequency, noise; } cases[] = {{kW, 0, 1}, {0, 30, 1}, {kW, 30, 0}};
+    for (const auto& c : cases) {
+        QVTBoxKalmanTracker t(c.width, kH, MakeParams(c.frequency, 0, 0, 0, c.noise, c.noise));
+        t.init(0.2f, 0.2f, 0.3f, 0.3f);
+        const Box b = Track(t, {0.2f, 0.2f, 0.3f, 0.3f});
+        EXPECT_FALSE(std::isfinite(b.x) && std::isfinite(b.w)) << c.width << " " << c.frequency;
+    }
 }
 
 // ---------------------------------------------------------------------------
