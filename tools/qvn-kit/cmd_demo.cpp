@@ -19,6 +19,7 @@
 // content; every conversion is the kit's.
 #include "commands.hpp"
 #include "common.hpp"
+#include "console.hpp"
 #include "csv.hpp"
 #include "frames.hpp"
 #include "image_io.hpp"

@@ -8,6 +8,7 @@
 // uint8 NumPy array; any other name a PNG with the planes put back together.
 #include "commands.hpp"
 #include "common.hpp"
+#include "console.hpp"
 #include "frames.hpp"
 #include "image_io.hpp"
 #include "npy.hpp"

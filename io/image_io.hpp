@@ -1,7 +1,7 @@
 // image_io.hpp - PNG (libpng) and JPEG (libjpeg) files to and from packed
 // 8-bit pixels. File format conversion only.
-#ifndef QVN_TOOL_IMAGE_IO_HPP
-#define QVN_TOOL_IMAGE_IO_HPP
+#ifndef QVN_IO_IMAGE_IO_HPP
+#define QVN_IO_IMAGE_IO_HPP
 
 #include <cstdint>
 #include <string>
@@ -40,4 +40,4 @@ bool IsPictureFile(const std::string& path);
 
 }  // namespace qvntool
 
-#endif  // QVN_TOOL_IMAGE_IO_HPP
+#endif  // QVN_IO_IMAGE_IO_HPP
