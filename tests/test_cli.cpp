@@ -7,6 +7,7 @@
 #include <quvas/runtime/tensor.h>
 
 #include "common.hpp"
+#include "image_io.hpp"
 #include "log_capture.hpp"
 #include "test_support.h"
 
@@ -70,7 +71,7 @@ protected:
     }
 
     RunResult Run(const std::string& args) {
-        std::string cmd = std::string("'") + QVN_KIT_TOOL + "' " + args + " >'" + P(".out") +
+        std::string cmd = limit_ + "'" + QVN_KIT_TOOL + "' " + args + " >'" + P(".out") +
                           "' 2>'" + P(".err") + "'";
         int status = std::system(cmd.c_str());
         RunResult r;
@@ -115,6 +116,7 @@ protected:
     }
 
     qvntest::ScratchDir dir_;
+    std::string limit_;  // shell commands run before the tool, e.g. a ulimit
 };
 
 // --- small independent file writers and readers -----------------------------
@@ -648,7 +650,13 @@ TEST_F(Cli, BadInputFailsWithOneLineAndLeavesNoFile) {
         {"decode " + P("missing.npy"), 3, "cannot open"},
         {"decode " + P("i.npy") + " --vector -o " + P("o.csv"), 2, "multiple of 4"},
     };
+    // Each refusal comes before the input takes the memory: all of them
+    // within a 1 GiB address space (sanitizers reserve more than that).
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    limit_ = "ulimit -v 1048576; ";
+#endif
     for (const Failure& c : cases) ExpectFailure(c, inputs);
+    limit_.clear();
     // An output that cannot be written.
     RunResult r = Run(Cmd("orient", "in.png", "no/such/dir/o.png") + " --mirror");
     EXPECT_EQ(r.code, 4) << r.err;
@@ -715,6 +723,82 @@ TEST_F(Cli, TextChunksLeaveThePictureAlone) {
     EXPECT_EQ(ReadPngFile(P("a.png")).px, ReadPngFile(P("b.png")).px);
 }
 
+// A PNG of w x h pixels of bit depth `depth` and colour type `type`, with
+// `rows` the unfiltered sample bytes of all rows and `extra` chunks (PLTE)
+// before the data: written byte by byte, independently of libpng.
+std::string PngOf(uint32_t w, uint32_t h, uint8_t depth, uint8_t type, const std::string& rows,
+                  const std::string& extra = "") {
+    const size_t stride = rows.size() / h;
+    std::string filtered;
+    for (size_t y = 0; y < h; ++y) filtered += '\0' + rows.substr(y * stride, stride);
+    std::vector<Bytef> z(compressBound(static_cast<uLong>(filtered.size())));
+    uLongf zn = static_cast<uLongf>(z.size());
+    compress(z.data(), &zn, reinterpret_cast<const Bytef*>(filtered.data()),
+             static_cast<uLong>(filtered.size()));
+    const std::string ihdr = Be32(w) + Be32(h) + std::string{static_cast<char>(depth),
+                                                             static_cast<char>(type), 0, 0, 0};
+    return std::string("\x89PNG\r\n\x1a\n", 8) + PngChunk("IHDR", ihdr) + extra +
+           PngChunk("IDAT", std::string(reinterpret_cast<char*>(z.data()), zn)) +
+           PngChunk("IEND", "");
+}
+
+// 16-bit samples are read as their high byte, as libpng's png_set_strip_16
+// gives: no gamma curve, no rounding, alpha not premultiplied; gray+alpha
+// becomes R,G,B,A. Palettes and 1-bit gray still read as before.
+TEST(PictureReader, SixteenBitSamplesGiveTheirHighByte) {
+    std::mt19937 rng(16);
+    struct Case {
+        const char* name;
+        uint8_t type;
+        int in_c, out_c;
+    } cases[] = {{"gray", 0, 1, 1}, {"rgb", 2, 3, 3}, {"rgba", 6, 4, 4}, {"gray+alpha", 4, 2, 4}};
+    for (const Case& k : cases) {
+        const uint32_t w = 6, h = 3;
+        std::vector<uint16_t> v(w * h * k.in_c);
+        for (uint16_t& x : v) x = static_cast<uint16_t>(rng());
+        if (k.type == 0) {
+            // The values of the report, then low bytes that rounding or a
+            // scale to 255 would carry into the high byte.
+            const uint16_t fixed[12] = {0x0000, 0x2000, 0x4000, 0x8000, 0xC000, 0xFFFF,
+                                        0x00FF, 0x20FF, 0x7FFF, 0x80FF, 0xC0FF, 0xFF00};
+            std::copy(fixed, fixed + 12, v.begin());
+        }
+        std::string rows;
+        for (uint16_t x : v) rows += {static_cast<char>(x >> 8), static_cast<char>(x & 0xFF)};
+        std::vector<uint8_t> want;
+        for (size_t p = 0; p < w * h; ++p) {
+            const uint16_t* px = &v[p * k.in_c];
+            if (k.type == 4) {
+                for (int c : {0, 0, 0, 1}) want.push_back(static_cast<uint8_t>(px[c] >> 8));
+            } else {
+                for (int c = 0; c < k.in_c; ++c) want.push_back(static_cast<uint8_t>(px[c] >> 8));
+            }
+        }
+        const std::string png = PngOf(w, h, 16, k.type, rows);
+        const qvntool::Picture pic =
+            qvntool::DecodePicture(k.name, std::vector<uint8_t>(png.begin(), png.end()));
+        EXPECT_EQ(pic.width, static_cast<int>(w)) << k.name;
+        EXPECT_EQ(pic.channels, k.out_c) << k.name;
+        EXPECT_EQ(pic.pixels, want) << k.name;
+        if (k.type == 0) {
+            EXPECT_EQ(std::vector<uint8_t>(pic.pixels.begin(), pic.pixels.begin() + 12),
+                      (std::vector<uint8_t>{0, 32, 64, 128, 192, 255, 0, 32, 127, 128, 192, 255}));
+        }
+    }
+    // Four palette entries at 2 bits a pixel, and 1-bit gray.
+    const std::string plte("\x0A\x14\x1E\x28\x32\x3C\xC8\x64\x00\xFF\xFE\xFD", 12);
+    const std::string pal = PngOf(5, 2, 2, 3, std::string("\x1B\x00\xE4\x40", 4), PngChunk("PLTE", plte));
+    const qvntool::Picture p = qvntool::DecodePicture("pal", std::vector<uint8_t>(pal.begin(), pal.end()));
+    // Indices 0 1 2 3 0 / 3 2 1 0 1.
+    std::string want_pal;
+    for (int i : {0, 1, 2, 3, 0, 3, 2, 1, 0, 1}) want_pal += plte.substr(static_cast<size_t>(i) * 3, 3);
+    EXPECT_EQ(p.channels, 3);
+    EXPECT_EQ(std::string(p.pixels.begin(), p.pixels.end()), want_pal);
+    const std::string bits = PngOf(10, 1, 1, 0, std::string("\xA5\x80", 2));
+    const qvntool::Picture b = qvntool::DecodePicture("bits", std::vector<uint8_t>(bits.begin(), bits.end()));
+    EXPECT_EQ(b.pixels, (std::vector<uint8_t>{255, 0, 255, 0, 0, 255, 0, 255, 255, 0}));
+}
+
 // Every reproducer of a crash, a bomb, a silent wrong answer or undefined
 // behaviour ends with its exit code, one line naming the problem, and no
 // file left behind.
@@ -741,6 +825,11 @@ TEST_F(Cli, HostileInputFailsCleanly) {
     WriteText(P("gap.csv"), "0,.1,.1,.2,.2\n9223372036854775807,.1,.1,.2,.2\n");
     WriteText(P("ok.csv"), "0,.1,.1,.2,.2\n3,.1,.1,.2,.2\n");
     WriteText(P("long.csv"), "0,.1,.1,.2,.2\n1," + std::string(1 << 20, '7') + "x,.1,.2,.2\n");
+    // 3 GiB (sparse) behind a PNG signature: longer than any picture of
+    // 2^26 pixels can be (8 bytes a pixel at most, plus framing), refused
+    // before a byte of it is held.
+    WriteText(P("huge.png"), "\x89PNG\r\n\x1a\n");
+    ASSERT_EQ(::truncate(P("huge.png").c_str(), 3L << 30), 0);
     std::vector<float> heat(64, 0.f);
     heat[9] = 100.f;  // exp(100) overflows a float
     WriteNpyF32(P("heat.npy"), {1, 8, 8}, heat);
@@ -771,6 +860,12 @@ TEST_F(Cli, HostileInputFailsCleanly) {
         // Damaged JPEG, endless and huge inputs.
         {Cmd("orient", "cut.jpg", "o.png") + " --mirror", 3, "cannot decode JPEG"},
         {"decode /dev/zero --max-input-mb 1", 3, "longer than the input limit of 1 MiB"},
+        {"preprocess /dev/zero " + P("o.npy"), 3, "'/dev/zero' is neither a PNG nor a JPEG"},
+        {"orient /dev/zero " + P("o.png") + " --mirror", 3, "neither a PNG nor a JPEG"},
+        {Cmd("orient", "huge.png", "o.png") + " --mirror", 3,
+         "longer than any picture of at most 67108864 pixels can be (577 MiB"},
+        {"track /dev/zero " + P("o.csv") + " --kalman", 3,
+         "'/dev/zero' line 1: longer than 16777216 bytes"},
         {Cmd("track", "gap.csv", "o.csv") + " --kalman", 3, "gap of more than"},
         {Cmd("track", "long.csv", "o.csv") + " --kalman", 3, "7777..."},
         // Options and results that are not numbers.
@@ -781,7 +876,13 @@ TEST_F(Cli, HostileInputFailsCleanly) {
         {Cmd("track", "ok.csv", "o.csv") + " --one-euro --realtime --frequency 1e-30",
          2, "--frequency must be between"},
     };
+    // Each refusal comes before the input takes the memory: all of them
+    // within a 1 GiB address space (sanitizers reserve more than that).
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    limit_ = "ulimit -v 1048576; ";
+#endif
     for (const Failure& c : cases) ExpectFailure(c, inputs);
+    limit_.clear();
 
     // The plot of a track ending at the largest frame number has no
     // overflow (the sanitizer build checks) and spans the two frames.
