@@ -245,19 +245,11 @@ QVN_Image ImageOf(Img& img, uint32_t pix_fmt) {
 TEST_F(Cli, VersionAndHelp) {
     RunResult v = Run("--version");
     EXPECT_EQ(v.code, 0) << v.err;
-    EXPECT_NE(v.out.find("kit 1.0"), std::string::npos) << v.out;
-    EXPECT_NE(v.out.find("core 1.0"), std::string::npos) << v.out;
-    RunResult h = Run("--help");
-    EXPECT_EQ(h.code, 0);
+    EXPECT_NE(v.out.find("kit 1.0\ncore 1.0\n"), std::string::npos) << v.out;
     for (const char* sub : {"preprocess", "orient", "warp", "mask", "decode", "track", "demo"}) {
-        EXPECT_NE(h.out.find(sub), std::string::npos) << sub;
-        RunResult sh = Run(std::string(sub) + " --help");
-        EXPECT_EQ(sh.code, 0) << sub;
-        EXPECT_NE(sh.out.find("Usage"), std::string::npos) << sub << sh.out;
+        EXPECT_TRUE(Ok(std::string(sub) + " --help")) << sub;
     }
-    RunResult none = Run("");
-    EXPECT_NE(none.code, 0);
-    EXPECT_FALSE(none.err.empty());
+    EXPECT_NE(Run("").code, 0);
 }
 
 TEST_F(Cli, OrientMatchesKnownTurnsAndTheLibrary) {
@@ -331,27 +323,16 @@ TEST_F(Cli, WarpMatchesTheLibraryScalarAndVector) {
         }
         EXPECT_EQ(got.px, want.px) << (vec ? "vector" : "scalar");
     }
-    // The identity copies everything but the last row and column, which are
-    // outside (their 2x2 neighbourhood leaves the picture) and get the border.
-    Img gray = RandomImg(6, 4, 1, 3);
-    WritePngFile(P("g.png"), gray);
-    ASSERT_TRUE(Ok(Cmd("warp", "g.png", "id.png") + " --matrix 1,0,0,0,1,0 --size 6x4 --border 77"));
-    Img id = ReadPngFile(P("id.png"));
-    for (int y = 0; y < 4; ++y)
-        for (int x = 0; x < 6; ++x) {
-            uint8_t want = (x == 5 || y == 3) ? 77 : gray.px[static_cast<size_t>(y) * 6 + x];
-            EXPECT_EQ(id.px[static_cast<size_t>(y) * 6 + x], want) << x << "," << y;
-        }
 }
 
-TEST_F(Cli, MaskMatchesTheLibraryAndTheByteRules) {
+// The byte rules themselves (rounding in whole blocks, truncation in the
+// tail, clamping) are the kit's and tested there; the tool must hand over
+// every value, tail included.
+TEST_F(Cli, MaskMatchesTheLibrary) {
     // 5 x 7 = 35 values: two whole blocks of 16 and a tail of 3.
     std::vector<float> v(35);
     for (size_t i = 0; i < v.size(); ++i) v[i] = static_cast<float>(i) / 34.f * 1.4f - 0.2f;
-    v[0] = 0.5f;    // vector part: 127.5 rounds to even, 128
-    v[1] = -1.f;    // 0
-    v[2] = 2.f;     // 255
-    v[34] = 0.5f;   // tail: truncated, 127
+    v[0] = v[34] = 0.5f;  // rounded in a block, truncated in the tail
     WriteNpyF32(P("m.npy"), {5, 7}, v);
     for (bool sig : {false, true}) {
         ASSERT_TRUE(Ok(Cmd("mask", "m.npy", "m.png") + (sig ? " --sigmoid" : "")));
@@ -367,17 +348,7 @@ TEST_F(Cli, MaskMatchesTheLibraryAndTheByteRules) {
             quvas::kit::float01toUchar0255SSE(src.data(), want.data(), 35);
         }
         EXPECT_EQ(got.px, std::vector<uint8_t>(want.begin(), want.begin() + 35));
-        if (!sig) {
-            EXPECT_EQ(got.px[0], 128);
-            EXPECT_EQ(got.px[1], 0);
-            EXPECT_EQ(got.px[2], 255);
-            EXPECT_EQ(got.px[34], 127);
-        }
     }
-    // Sigmoid: 5 -> 253, 50 -> 255, -50 -> 0 on either path.
-    WriteNpyF32(P("s.npy"), {1, 1, 3}, {5.f, 50.f, -50.f});
-    ASSERT_TRUE(Ok(Cmd("mask", "s.npy", "s.png") + " --sigmoid"));
-    EXPECT_EQ(ReadPngFile(P("s.png")).px, (std::vector<uint8_t>{253, 255, 0}));
 }
 
 TEST_F(Cli, DecodeMatchesTheLibrary) {
@@ -614,55 +585,6 @@ TEST_F(Cli, PreprocessPicturesMatchTheLibrary) {
     }
 }
 
-// --- bad input --------------------------------------------------------------
-
-TEST_F(Cli, BadInputFailsWithOneLineAndLeavesNoFile) {
-    Img rgb = RandomImg(8, 6, 3, 1);
-    WritePngFile(P("in.png"), rgb);
-    WriteText(P("junk.png"), "this is not a picture");
-    WriteText(P("cut.png"), Slurp(P("in.png")).substr(0, 60));
-    WriteText(P("raw.bin"), std::string(100, 'x'));
-    WriteText(P("bad.csv"), "frame,x,y,w,h\n0,0.1,0.1,0.2,0.2\n1,0.1,zero,0.2,0.2\n");
-    WriteText(P("back.csv"), "0,0.1,0.1,0.2,0.2\n0,0.1,0.1,0.2,0.2\n");
-    WriteNpyF32(P("i.npy"), {2, 3}, {0, 1, 2, 3, 4, 5});
-    WriteText(P("bad.npy"), "\x93NUMPY\x01\x00\x10\x00{'descr': '<i8'}");
-    const std::vector<std::string> inputs = Listing();
-
-    const Failure cases[] = {
-        {Cmd("orient", "missing.png", "o.png") + " --rotate 90", 3, "cannot open"},
-        {Cmd("orient", "junk.png", "o.png") + " --rotate 90", 3, "neither a PNG nor a JPEG"},
-        {Cmd("orient", "cut.png", "o.png") + " --rotate 90", 3, "cannot decode PNG"},
-        {Cmd("orient", "in.png", "o.png") + " --rotate 45", 2, "not 90, 180 or 270"},
-        {Cmd("orient", "in.png", "o.png") + " --mirror --flipv", 2, "exactly one"},
-        {Cmd("warp", "in.png", "o.png") + " --matrix 1,0,0,0,1 --size 4x4", 2, "malformed matrix"},
-        {Cmd("warp", "in.png", "o.png") + " --matrix 1,0,0,0,1,0 --size 4by4", 2, "malformed size"},
-        {Cmd("preprocess", "in.png", "o.png") + " --format yuyv", 2, "unknown frame format 'yuyv'"},
-        {Cmd("preprocess", "in.png", "o.png") + " --orient sideways", 2, "unknown orientation 'sideways'"},
-        {Cmd("preprocess", "raw.bin", "o.png") + " --size 8x6", 3, "not a whole number"},
-        {Cmd("preprocess", "in.png", "o.png") + " --tensor 1x8x8", 2, "cannot hold the output"},
-        {Cmd("preprocess", "in.png", "o.png") + " --crop 1,2,3", 2, "malformed crop"},
-        {Cmd("track", "bad.csv", "o.csv") + " --kalman", 3, "line 3"},
-        {Cmd("track", "back.csv", "o.csv") + " --kalman", 3, "does not follow"},
-        {Cmd("track", "missing.csv", "o.csv") + " --kalman", 3, "cannot open"},
-        {Cmd("track", "bad.csv", "o.csv"), 2, "exactly one of --kalman"},
-        {Cmd("mask", "bad.npy", "o.png"), 3, "malformed NumPy file"},
-        {Cmd("mask", "i.npy", "o.png") + " --bogus", 2, "bogus"},
-        {"decode " + P("missing.npy"), 3, "cannot open"},
-        {"decode " + P("i.npy") + " --vector -o " + P("o.csv"), 2, "multiple of 4"},
-    };
-    // Each refusal comes before the input takes the memory: all of them
-    // within a 1 GiB address space (sanitizers reserve more than that).
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    limit_ = "ulimit -v 1048576; ";
-#endif
-    for (const Failure& c : cases) ExpectFailure(c, inputs);
-    limit_.clear();
-    // An output that cannot be written.
-    RunResult r = Run(Cmd("orient", "in.png", "no/such/dir/o.png") + " --mirror");
-    EXPECT_EQ(r.code, 4) << r.err;
-    EXPECT_NE(r.err.find("cannot create"), std::string::npos) << r.err;
-}
-
 TEST_F(Cli, DemoWritesEveryStep) {
     ASSERT_TRUE(Ok("demo " + P("demo")));
     // Widths and heights that follow from the step (0: any non-empty picture).
@@ -675,11 +597,8 @@ TEST_F(Cli, DemoWritesEveryStep) {
         EXPECT_TRUE(w ? img.w == w : img.w > 0) << name << " " << img.w;
         EXPECT_TRUE(h ? img.h == h : img.h > 0) << name << " " << img.h;
     }
-    std::string report = Slurp(P("demo/report.txt"));
-    EXPECT_NE(report.find("Is_Valid_QVN_Image_For_CPU: valid"), std::string::npos) << report;
-    EXPECT_NE(report.find(" ms "), std::string::npos);
+    EXPECT_NE(Slurp(P("demo/report.txt")).find("Is_Valid_QVN_Image_For_CPU: valid"), std::string::npos);
     EXPECT_EQ(CsvCells(Slurp(P("demo/05_track.csv"))).size(), 41u);
-    EXPECT_NE(Slurp(P("demo/05_track.svg")).find("</svg>"), std::string::npos);
 }
 
 // --- hostile input ----------------------------------------------------------
@@ -697,15 +616,24 @@ std::string PngChunk(const std::string& type, const std::string& data) {
     return Be32(static_cast<uint32_t>(data.size())) + body + Be32(static_cast<uint32_t>(crc));
 }
 
-// A PNG that declares w x h pixels but carries almost no data.
-std::string PngDeclaring(uint32_t w, uint32_t h) {
-    Bytef z[64];
-    uLongf zn = sizeof z;
-    const Bytef row[4] = {0, 0, 0, 0};
-    compress(z, &zn, row, sizeof row);
-    return std::string("\x89PNG\r\n\x1a\n", 8) +
-           PngChunk("IHDR", Be32(w) + Be32(h) + std::string("\x08\x02\x00\x00\x00", 5)) +
-           PngChunk("IDAT", std::string(reinterpret_cast<char*>(z), zn)) + PngChunk("IEND", "");
+// A PNG of w x h pixels of bit depth `depth` and colour type `type` whose
+// first `data_rows` rows (0: all) hold `rows`, the unfiltered sample bytes,
+// with `extra` chunks (PLTE) before the data: written byte by byte,
+// independently of libpng.
+std::string PngOf(uint32_t w, uint32_t h, uint8_t depth, uint8_t type, const std::string& rows,
+                  const std::string& extra = "", uint32_t data_rows = 0) {
+    const uint32_t n = data_rows != 0 ? data_rows : h;
+    std::string filtered;
+    for (size_t y = 0; y < n; ++y) filtered += '\0' + rows.substr(y * (rows.size() / n), rows.size() / n);
+    std::vector<Bytef> z(compressBound(static_cast<uLong>(filtered.size())));
+    uLongf zn = static_cast<uLongf>(z.size());
+    compress(z.data(), &zn, reinterpret_cast<const Bytef*>(filtered.data()),
+             static_cast<uLong>(filtered.size()));
+    const std::string ihdr = Be32(w) + Be32(h) + std::string{static_cast<char>(depth),
+                                                             static_cast<char>(type), 0, 0, 0};
+    return std::string("\x89PNG\r\n\x1a\n", 8) + PngChunk("IHDR", ihdr) + extra +
+           PngChunk("IDAT", std::string(reinterpret_cast<char*>(z.data()), zn)) +
+           PngChunk("IEND", "");
 }
 
 // Text chunks never change a pixel: the reader leaves them out, and the
@@ -723,90 +651,61 @@ TEST_F(Cli, TextChunksLeaveThePictureAlone) {
     EXPECT_EQ(ReadPngFile(P("a.png")).px, ReadPngFile(P("b.png")).px);
 }
 
-// A PNG of w x h pixels of bit depth `depth` and colour type `type`, with
-// `rows` the unfiltered sample bytes of all rows and `extra` chunks (PLTE)
-// before the data: written byte by byte, independently of libpng.
-std::string PngOf(uint32_t w, uint32_t h, uint8_t depth, uint8_t type, const std::string& rows,
-                  const std::string& extra = "") {
-    const size_t stride = rows.size() / h;
-    std::string filtered;
-    for (size_t y = 0; y < h; ++y) filtered += '\0' + rows.substr(y * stride, stride);
-    std::vector<Bytef> z(compressBound(static_cast<uLong>(filtered.size())));
-    uLongf zn = static_cast<uLongf>(z.size());
-    compress(z.data(), &zn, reinterpret_cast<const Bytef*>(filtered.data()),
-             static_cast<uLong>(filtered.size()));
-    const std::string ihdr = Be32(w) + Be32(h) + std::string{static_cast<char>(depth),
-                                                             static_cast<char>(type), 0, 0, 0};
-    return std::string("\x89PNG\r\n\x1a\n", 8) + PngChunk("IHDR", ihdr) + extra +
-           PngChunk("IDAT", std::string(reinterpret_cast<char*>(z.data()), zn)) +
-           PngChunk("IEND", "");
-}
-
 // 16-bit samples are read as their high byte, as libpng's png_set_strip_16
 // gives: no gamma curve, no rounding, alpha not premultiplied; gray+alpha
 // becomes R,G,B,A. Palettes and 1-bit gray still read as before.
 TEST(PictureReader, SixteenBitSamplesGiveTheirHighByte) {
+    auto decode = [](const std::string& png) {
+        return qvntool::DecodePicture("t.png", std::vector<uint8_t>(png.begin(), png.end()));
+    };
     std::mt19937 rng(16);
-    struct Case {
-        const char* name;
-        uint8_t type;
-        int in_c, out_c;
-    } cases[] = {{"gray", 0, 1, 1}, {"rgb", 2, 3, 3}, {"rgba", 6, 4, 4}, {"gray+alpha", 4, 2, 4}};
-    for (const Case& k : cases) {
-        const uint32_t w = 6, h = 3;
-        std::vector<uint16_t> v(w * h * k.in_c);
-        for (uint16_t& x : v) x = static_cast<uint16_t>(rng());
-        if (k.type == 0) {
-            // The values of the report, then low bytes that rounding or a
-            // scale to 255 would carry into the high byte.
-            const uint16_t fixed[12] = {0x0000, 0x2000, 0x4000, 0x8000, 0xC000, 0xFFFF,
-                                        0x00FF, 0x20FF, 0x7FFF, 0x80FF, 0xC0FF, 0xFF00};
-            std::copy(fixed, fixed + 12, v.begin());
-        }
+    // Colour type, channels in the file, channels read (gray+alpha: R,G,B,A).
+    for (const std::array<int, 3>& k : {std::array<int, 3>{0, 1, 1}, {2, 3, 3}, {6, 4, 4}, {4, 2, 4}}) {
+        // The values of the report, then low bytes that rounding or a scale
+        // to 255 would carry into the high byte; then random samples.
+        std::vector<uint16_t> v = {0x0000, 0x2000, 0x4000, 0x8000, 0xC000, 0xFFFF,
+                                   0x00FF, 0x20FF, 0x7FFF, 0x80FF, 0xC0FF, 0xFF00};
+        v.resize(static_cast<size_t>(6 * 2 * k[1]));
+        std::generate(v.begin() + 12, v.end(), [&] { return static_cast<uint16_t>(rng()); });
         std::string rows;
-        for (uint16_t x : v) rows += {static_cast<char>(x >> 8), static_cast<char>(x & 0xFF)};
         std::vector<uint8_t> want;
-        for (size_t p = 0; p < w * h; ++p) {
-            const uint16_t* px = &v[p * k.in_c];
-            if (k.type == 4) {
-                for (int c : {0, 0, 0, 1}) want.push_back(static_cast<uint8_t>(px[c] >> 8));
-            } else {
-                for (int c = 0; c < k.in_c; ++c) want.push_back(static_cast<uint8_t>(px[c] >> 8));
-            }
+        for (size_t i = 0; i < v.size(); ++i) {
+            rows += {static_cast<char>(v[i] >> 8), static_cast<char>(v[i] & 0xFF)};
+            want.push_back(static_cast<uint8_t>(v[i] >> 8));
+            if (k[0] == 4 && i % 2 == 0) want.insert(want.end(), 2, want.back());
         }
-        const std::string png = PngOf(w, h, 16, k.type, rows);
-        const qvntool::Picture pic =
-            qvntool::DecodePicture(k.name, std::vector<uint8_t>(png.begin(), png.end()));
-        EXPECT_EQ(pic.width, static_cast<int>(w)) << k.name;
-        EXPECT_EQ(pic.channels, k.out_c) << k.name;
-        EXPECT_EQ(pic.pixels, want) << k.name;
-        if (k.type == 0) {
-            EXPECT_EQ(std::vector<uint8_t>(pic.pixels.begin(), pic.pixels.begin() + 12),
-                      (std::vector<uint8_t>{0, 32, 64, 128, 192, 255, 0, 32, 127, 128, 192, 255}));
-        }
+        const qvntool::Picture pic = decode(PngOf(6, 2, 16, static_cast<uint8_t>(k[0]), rows));
+        EXPECT_EQ(pic.channels, k[2]) << k[0];
+        EXPECT_EQ(pic.pixels, want) << k[0];
     }
-    // Four palette entries at 2 bits a pixel, and 1-bit gray.
+    EXPECT_EQ(decode(PngOf(6, 1, 16, 0, std::string("\0\0\x20\0\x40\0\x80\0\xC0\0\xFF\xFF", 12))).pixels,
+              (std::vector<uint8_t>{0, 32, 64, 128, 192, 255}));
+    // Four palette entries at 2 bits a pixel (indices 0 1 2 3 0 / 3 2 1 0 1),
+    // and 1-bit gray.
     const std::string plte("\x0A\x14\x1E\x28\x32\x3C\xC8\x64\x00\xFF\xFE\xFD", 12);
-    const std::string pal = PngOf(5, 2, 2, 3, std::string("\x1B\x00\xE4\x40", 4), PngChunk("PLTE", plte));
-    const qvntool::Picture p = qvntool::DecodePicture("pal", std::vector<uint8_t>(pal.begin(), pal.end()));
-    // Indices 0 1 2 3 0 / 3 2 1 0 1.
     std::string want_pal;
     for (int i : {0, 1, 2, 3, 0, 3, 2, 1, 0, 1}) want_pal += plte.substr(static_cast<size_t>(i) * 3, 3);
-    EXPECT_EQ(p.channels, 3);
-    EXPECT_EQ(std::string(p.pixels.begin(), p.pixels.end()), want_pal);
-    const std::string bits = PngOf(10, 1, 1, 0, std::string("\xA5\x80", 2));
-    const qvntool::Picture b = qvntool::DecodePicture("bits", std::vector<uint8_t>(bits.begin(), bits.end()));
-    EXPECT_EQ(b.pixels, (std::vector<uint8_t>{255, 0, 255, 0, 0, 255, 0, 255, 255, 0}));
+    const qvntool::Picture pal = decode(PngOf(5, 2, 2, 3, std::string("\x1B\x00\xE4\x40", 4), PngChunk("PLTE", plte)));
+    EXPECT_EQ(std::string(pal.pixels.begin(), pal.pixels.end()), want_pal);
+    EXPECT_EQ(decode(PngOf(10, 1, 1, 0, "\xA5\x80")).pixels,
+              (std::vector<uint8_t>{255, 0, 255, 0, 0, 255, 0, 255, 255, 0}));
 }
 
-// Every reproducer of a crash, a bomb, a silent wrong answer or undefined
-// behaviour ends with its exit code, one line naming the problem, and no
-// file left behind.
+// Every bad input, and every reproducer of a crash, a bomb, a silent wrong
+// answer or undefined behaviour, ends with its exit code, one line naming
+// the problem, and no file left behind.
 TEST_F(Cli, HostileInputFailsCleanly) {
     WritePngFile(P("in.png"), RandomImg(64, 48, 3, 7));
+    WriteText(P("junk.png"), "this is not a picture");
+    WriteText(P("cut.png"), Slurp(P("in.png")).substr(0, 60));
+    WriteText(P("raw.bin"), std::string(100, 'x'));
+    WriteText(P("bad.csv"), "frame,x,y,w,h\n0,0.1,0.1,0.2,0.2\n1,0.1,zero,0.2,0.2\n");
+    WriteText(P("back.csv"), "0,0.1,0.1,0.2,0.2\n0,0.1,0.1,0.2,0.2\n");
+    WriteNpyF32(P("i.npy"), {2, 3}, {0, 1, 2, 3, 4, 5});
+    WriteText(P("bad.npy"), "\x93NUMPY\x01\x00\x10\x00{'descr': '<i8'}");
     WriteText(P("f"), std::string(262144, '\0'));
     WriteText(P("f2"), std::string(196608, '\0'));
-    WriteText(P("bomb.png"), PngDeclaring(32768, 32768));
+    WriteText(P("bomb.png"), PngOf(32768, 32768, 8, 2, std::string(3, '\0'), "", 1));
     // Found by the picture fuzzer: 92 bytes whose text chunk declares 1.2 GB.
     WriteText(P("chunk.png"), std::string(
         "\x89\x50\x4e\x47\x0d\x0a\x1a\x0a\x00\x00\x00\x0d\x49\x48\x44\x52\x00\x00\x00\x05\x00\x00\x00\x03\x08\x04\x00\x00\x00\xf1\x3f\x0d\x73\x49\x50\x4e\x47\x7a\x54\x58\x74\x0d\x0a\x1a\x0a\x00\x00\x00\x0d\x49\x48\x44\x52\x00\x00\x00\x05\x00\x00\x00\x03\x08\x04\x00\x00\x00\xf1\x3f\x0d\x73\x49\x45\x4e\x44\x00\x2c\x00\x00\x2a\x49\x44\x45\x4e\x44\x00\x00\x00\x2a\x49\x44\x41\x54", 92));
@@ -837,6 +736,27 @@ TEST_F(Cli, HostileInputFailsCleanly) {
 
     const std::string pre = Cmd("preprocess", "in.png", "o.npy");
     const Failure cases[] = {
+        // Missing, malformed and mistyped inputs and options.
+        {Cmd("orient", "missing.png", "o.png") + " --rotate 90", 3, "cannot open"},
+        {Cmd("orient", "junk.png", "o.png") + " --rotate 90", 3, "neither a PNG nor a JPEG"},
+        {Cmd("orient", "cut.png", "o.png") + " --rotate 90", 3, "cannot decode PNG"},
+        {Cmd("orient", "in.png", "o.png") + " --rotate 45", 2, "not 90, 180 or 270"},
+        {Cmd("orient", "in.png", "o.png") + " --mirror --flipv", 2, "exactly one"},
+        {Cmd("warp", "in.png", "o.png") + " --matrix 1,0,0,0,1 --size 4x4", 2, "malformed matrix"},
+        {Cmd("warp", "in.png", "o.png") + " --matrix 1,0,0,0,1,0 --size 4by4", 2, "malformed size"},
+        {Cmd("preprocess", "in.png", "o.png") + " --format yuyv", 2, "unknown frame format 'yuyv'"},
+        {Cmd("preprocess", "in.png", "o.png") + " --orient sideways", 2, "unknown orientation 'sideways'"},
+        {Cmd("preprocess", "raw.bin", "o.png") + " --size 8x6", 3, "not a whole number"},
+        {Cmd("preprocess", "in.png", "o.png") + " --tensor 1x8x8", 2, "cannot hold the output"},
+        {Cmd("preprocess", "in.png", "o.png") + " --crop 1,2,3", 2, "malformed crop"},
+        {Cmd("track", "bad.csv", "o.csv") + " --kalman", 3, "line 3"},
+        {Cmd("track", "back.csv", "o.csv") + " --kalman", 3, "does not follow"},
+        {Cmd("track", "missing.csv", "o.csv") + " --kalman", 3, "cannot open"},
+        {Cmd("track", "bad.csv", "o.csv"), 2, "exactly one of --kalman"},
+        {Cmd("mask", "bad.npy", "o.png"), 3, "malformed NumPy file"},
+        {Cmd("mask", "i.npy", "o.png") + " --bogus", 2, "bogus"},
+        {"decode " + P("missing.npy"), 3, "cannot open"},
+        {"decode " + P("i.npy") + " --vector -o " + P("o.csv"), 2, "multiple of 4"},
         // Frame sizes that wrap the kit's 32-bit byte count.
         {Cmd("preprocess", "f", "o.npy") + " --size 65537x65536 --format bgra", 2, "above the limit"},
         {Cmd("preprocess", "f2", "o.npy") + " --size 65536x65538 --format nv12", 2, "above the limit"},
@@ -883,6 +803,10 @@ TEST_F(Cli, HostileInputFailsCleanly) {
 #endif
     for (const Failure& c : cases) ExpectFailure(c, inputs);
     limit_.clear();
+    // An output that cannot be written.
+    RunResult r = Run(Cmd("orient", "in.png", "no/such/dir/o.png") + " --mirror");
+    EXPECT_EQ(r.code, 4) << r.err;
+    EXPECT_NE(r.err.find("cannot create"), std::string::npos) << r.err;
 
     // The plot of a track ending at the largest frame number has no
     // overflow (the sanitizer build checks) and spans the two frames.
