@@ -51,8 +51,7 @@ size_t FrameBytes(uint32_t pix_fmt, int width, int height) {
 
 namespace {
 
-// B,G,R,A in memory, which libyuv calls "ARGB"; the other four-byte colour
-// format is R,G,B,A.
+// Of the two four-byte colour formats, the one stored B,G,R,A.
 bool IsBgra(uint32_t pix_fmt) { return pixfmt::Find(pix_fmt)->red_byte == 2; }
 
 // libyuv's "ARGB" is B,G,R,A in memory.

@@ -24,9 +24,12 @@ struct Picture {
 };
 
 // Reads a PNG or JPEG, told apart by their first bytes. 16-bit PNG samples
-// are reduced to 8 bits, palettes expanded, gray+alpha becomes R,G,B,A.
-// ToolError naming the file on any fault, a damaged JPEG included, and for a
-// picture above --max-pixels (checked before its pixels are allocated).
+// become their high byte, palettes are expanded, gray+alpha becomes R,G,B,A.
+// ToolError naming the file on any fault, a damaged JPEG included, for a
+// picture above --max-pixels (checked before its pixels are allocated), and
+// for a file that starts like neither format or is longer than any picture
+// within --max-pixels can be (PictureFileLimit; checked before it is read
+// whole).
 Picture ReadPicture(const std::string& path);
 // The same from bytes in memory; `path` only names them in messages.
 Picture DecodePicture(const std::string& path, const std::vector<uint8_t>& bytes);
