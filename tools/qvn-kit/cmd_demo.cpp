@@ -19,6 +19,7 @@
 // content; every conversion is the kit's.
 #include "commands.hpp"
 #include "common.hpp"
+#include "console.hpp"
 #include "csv.hpp"
 #include "frames.hpp"
 #include "image_io.hpp"
@@ -144,218 +145,256 @@ std::string F(double v) {
     return buf;
 }
 
-void RunDemo(const std::string& dir) {
-    if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
-        throw ToolError("cannot create directory '" + dir + "': " + std::strerror(errno),
-                        kExitOutput);
+// The demo's steps in order; each adds its lines to the report and writes its
+// files, and hands the next step what it made.
+class Demo {
+public:
+    explicit Demo(const std::string& dir) : dir_(dir) {}
+
+    void Run() {
+        PrepareFolder();
+        MakeSidewaysFrame();
+        ValidateFrame();
+        ConvertUpright();
+        DecodeHeatmaps();
+        SmoothBoxTrack();
+        TurnResultsIntoTheFrame();
+        report_ += "\nTimes are wall-clock times of one run on this machine.\n";
+        WriteTextAtomically(At("report.txt"), report_);
+        std::printf("%s", report_.c_str());
+        std::printf("\nwrote the demo files to %s\n", dir_.c_str());
     }
-    struct stat st{};
-    if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        throw ToolError("'" + dir + "' is not a directory", kExitOutput);
+
+private:
+    static constexpr int kW = 320, kH = 240;
+    static constexpr int kPoints = 3, kHeatH = 64, kHeatW = 64;
+
+    std::string At(const char* name) const { return dir_ + "/" + name; }
+    void Step(const std::string& what, double seconds) {
+        report_ += Ms(seconds) + "  " + what + "\n";
     }
-    auto at = [&](const char* name) { return dir + "/" + name; };
-    std::string report = "qvn-kit demo: the road of one frame\n\n";
-    auto step = [&](const std::string& what, double seconds) {
-        report += Ms(seconds) + "  " + what + "\n";
-    };
+
+    void PrepareFolder() {
+        if (::mkdir(dir_.c_str(), 0755) != 0 && errno != EEXIST) {
+            throw ToolError("cannot create directory '" + dir_ + "': " + std::strerror(errno),
+                            kExitOutput);
+        }
+        struct stat st{};
+        if (::stat(dir_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+            throw ToolError("'" + dir_ + "' is not a directory", kExitOutput);
+        }
+    }
 
     // 1. The chart, upright, then as the sideways camera stores it.
-    const int kW = 320, kH = 240;
-    Stopwatch t1;
-    Picture chart = DrawChart(kW, kH);
-    double draw_s = t1.Seconds();
-    WritePng(at("01_chart_upright.png"), chart);
-    step("drew the upright " + std::to_string(kW) + "x" + std::to_string(kH) +
-             " test chart (01_chart_upright.png)",
-         draw_s);
+    void MakeSidewaysFrame() {
+        Stopwatch t1;
+        Picture chart = DrawChart(kW, kH);
+        double draw_s = t1.Seconds();
+        WritePng(At("01_chart_upright.png"), chart);
+        Step("drew the upright " + std::to_string(kW) + "x" + std::to_string(kH) +
+                 " test chart (01_chart_upright.png)",
+             draw_s);
 
-    Stopwatch t2;
-    QVN_Image upright = PictureImage(chart);
-    Picture turned(kH, kW, 3);
-    QVN_Image turned_img = upright;
-    turned_img.data = turned.pixels.data();
-    if (QVN_Clockwise_Rotate_Image_CPU(&upright, &turned_img, 90) != 0) {
-        throw ToolError("QVN_Clockwise_Rotate_Image_CPU failed", kExitLibrary);
+        Stopwatch t2;
+        QVN_Image upright = PictureImage(chart);
+        Picture turned(kH, kW, 3);
+        QVN_Image turned_img = upright;
+        turned_img.data = turned.pixels.data();
+        if (QVN_Clockwise_Rotate_Image_CPU(&upright, &turned_img, 90) != 0) {
+            throw ToolError("QVN_Clockwise_Rotate_Image_CPU failed", kExitLibrary);
+        }
+        turned.width = turned_img.width;
+        turned.height = turned_img.height;
+        PictureToFrame(turned, QVN_PIX_FMT_YUV420SP_D, QVN_ORIENT_FMT_ROTATE_90R, frame_);
+        double turn_s = t2.Seconds();
+        frame_view_ = FrameToPicture(frame_.image);
+        WritePng(At("02_frame_nv21_rotate90r.png"), frame_view_);
+        Step("turned it a quarter turn clockwise (QVN_Clockwise_Rotate_Image_CPU) and stored it "
+             "as a " +
+                 std::to_string(frame_.image.width) + "x" + std::to_string(frame_.image.height) +
+                 " NV21 frame, orientation rotate90r (02_frame_nv21_rotate90r.png)",
+             turn_s);
     }
-    turned.width = turned_img.width;
-    turned.height = turned_img.height;
-    const uint32_t ori = QVN_ORIENT_FMT_ROTATE_90R;
-    Frame frame;
-    PictureToFrame(turned, QVN_PIX_FMT_YUV420SP_D, ori, frame);
-    double turn_s = t2.Seconds();
-    Picture frame_view = FrameToPicture(frame.image);
-    WritePng(at("02_frame_nv21_rotate90r.png"), frame_view);
-    step("turned it a quarter turn clockwise (QVN_Clockwise_Rotate_Image_CPU) and stored it "
-         "as a " +
-             std::to_string(frame.image.width) + "x" + std::to_string(frame.image.height) +
-             " NV21 frame, orientation rotate90r (02_frame_nv21_rotate90r.png)",
-         turn_s);
 
     // 2. Validation.
-    Stopwatch t3;
-    bool valid = quvas::kit::Is_Valid_QVN_Image_For_CPU(&frame.image, true);
-    step(std::string("Is_Valid_QVN_Image_For_CPU: ") + (valid ? "valid" : "INVALID"),
-         t3.Seconds());
-    if (!valid) throw ToolError("the library rejected the demo frame", kExitLibrary);
+    void ValidateFrame() {
+        Stopwatch t3;
+        bool valid = quvas::kit::Is_Valid_QVN_Image_For_CPU(&frame_.image, true);
+        Step(std::string("Is_Valid_QVN_Image_For_CPU: ") + (valid ? "valid" : "INVALID"),
+             t3.Seconds());
+        if (!valid) throw ToolError("the library rejected the demo frame", kExitLibrary);
+    }
 
-    // 3. Upright tensor.
-    quvas::runtime::DeviceCPU device;
-    TensorTarget target{3, 256, 256, false};
-    quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
-    // Each converter is timed on its second call, as on every frame of a
-    // stream: the first one of a process also sets up storage it reuses.
-    using Converter = void (*)(const QVN_Image*, quvas::runtime::TensorPtr&, const bool&,
-                               const int&, const int&, const int&, const int&,
-                               const unsigned char&);
-    auto second_call = [&](Converter convert, quvas::runtime::TensorPtr& out) {
-        convert(&frame.image, out, false, 0, 0, 0, 0, 0);
-        Stopwatch t;
-        convert(&frame.image, out, false, 0, 0, 0, 0, 0);
-        return t.Seconds();
-    };
-    const double convert_s = second_call(
-        &quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU,
-        tensor);
-    Picture tensor_view = TensorToPicture(*tensor);
-    WritePng(at("03_tensor_3x256x256.png"), tensor_view);
-    step("converted the frame upright into a 3x256x256 RGB tensor "
-         "(QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU, "
-         "03_tensor_3x256x256.png)",
-         convert_s);
-    // The one-pass converter: the same bytes without the intermediate tensors.
-    quvas::runtime::TensorPtr fast = MakeOutputTensor(device, target);
-    const double fast_s = second_call(
-        &quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU,
-        fast);
-    const bool same = fast->byte_size() == tensor->byte_size() &&
-                      std::memcmp(fast->data(), tensor->data(), tensor->byte_size()) == 0;
-    step(std::string("converted it again in one pass "
-                     "(QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU): ") +
-             (same ? "the same bytes" : "DIFFERENT BYTES"),
-         fast_s);
-    if (!same) throw ToolError("the one-pass converter gave other bytes", kExitLibrary);
+    // 3. Upright tensor, by the step converter and again in one pass.
+    void ConvertUpright() {
+        quvas::runtime::DeviceCPU device;
+        TensorTarget target{3, 256, 256, false};
+        quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
+        // Each converter is timed on its second call, as on every frame of a
+        // stream: the first one of a process also sets up storage it reuses.
+        using Converter = void (*)(const QVN_Image*, quvas::runtime::TensorPtr&, const bool&,
+                                   const int&, const int&, const int&, const int&,
+                                   const unsigned char&);
+        auto second_call = [&](Converter convert, quvas::runtime::TensorPtr& out) {
+            convert(&frame_.image, out, false, 0, 0, 0, 0, 0);
+            Stopwatch t;
+            convert(&frame_.image, out, false, 0, 0, 0, 0, 0);
+            return t.Seconds();
+        };
+        const double convert_s = second_call(
+            &quvas::kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU,
+            tensor);
+        tensor_view_ = TensorToPicture(*tensor);
+        WritePng(At("03_tensor_3x256x256.png"), tensor_view_);
+        Step("converted the frame upright into a 3x256x256 RGB tensor "
+             "(QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU, "
+             "03_tensor_3x256x256.png)",
+             convert_s);
+        // The one-pass converter: the same bytes without the intermediate tensors.
+        quvas::runtime::TensorPtr fast = MakeOutputTensor(device, target);
+        const double fast_s = second_call(
+            &quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU,
+            fast);
+        const bool same = fast->byte_size() == tensor->byte_size() &&
+                          std::memcmp(fast->data(), tensor->data(), tensor->byte_size()) == 0;
+        Step(std::string("converted it again in one pass "
+                         "(QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU): ") +
+                 (same ? "the same bytes" : "DIFFERENT BYTES"),
+             fast_s);
+        if (!same) throw ToolError("the one-pass converter gave other bytes", kExitLibrary);
+    }
 
     // 4. Heatmaps with a peak on each key point, as a network would give.
-    const int hc = 3, hh = 64, hw = 64;
-    const float* points[hc] = {kArrowTip, kDisc, kTriangle};
-    const char* names[hc] = {"arrow tip", "disc", "triangle"};
-    std::vector<float> heat(static_cast<size_t>(hc) * hh * hw);
-    for (int c = 0; c < hc; ++c)
-        for (int r = 0; r < hh; ++r)
-            for (int k = 0; k < hw; ++k) {
-                float dx = k - points[c][0] * (hw - 1), dy = r - points[c][1] * (hh - 1);
-                heat[(static_cast<size_t>(c) * hh + r) * hw + k] =
-                    std::exp(-(dx * dx + dy * dy) / (2.f * 1.5f * 1.5f));
-            }
-    std::vector<unsigned char> heat_bytes(heat.size());
-    quvas::kit::float01toUchar0255SSE(heat.data(), heat_bytes.data(),
-                                      static_cast<int>(heat.size()));
-    Picture heat_view(hw, hh, 3);
-    {
-        QVN_Image src{}, dst{};
-        src.width = dst.width = hw;
-        src.height = dst.height = hh;
-        src.data = heat_bytes.data();
-        dst.data = heat_view.pixels.data();
-        quvas::kit::post_getRGB_HWC_from_RGB_CHW(&src, &dst);
-    }
-    WritePng(at("04_heatmaps.png"), heat_view);
-    const float beta = 40.f;
-    quvas::kit::SoftArgMax decoder(hw, hh, hc, beta);
-    Stopwatch t5;
-    decoder.Decode_WithConfidenceNoSqrt_CHW_F32(heat.data(), hc, hh, hw);
-    double decode_s = t5.Seconds();
-    step("decoded 3 synthetic 64x64 heatmaps with SoftArgMax, beta 40 "
-         "(04_heatmaps.png: one heatmap per colour channel, float01toUchar0255SSE)",
-         decode_s);
-    // One body record carries the key points (15 KB: kept off the stack).
-    auto bodies_owner = std::make_unique<QVN_BodyFrameDataArr>();
-    QVN_BodyFrameDataArr* bodies = bodies_owner.get();
-    bodies->count = 1;
-    bodies->bodies[0].landmarksNum = hc;
-    for (int c = 0; c < hc; ++c) {
-        float u = (decoder.x_out[c] + 1.f) * 0.5f, v = (decoder.y_out[c] + 1.f) * 0.5f;
-        bodies->bodies[0].landmarks[c] = QVN_Point2D{u, v};
-        report += "           " + std::string(names[c]) + ": placed (" + F(points[c][0]) + ", " +
-                  F(points[c][1]) + "), decoded (" + F(u) + ", " + F(v) + "), spread " +
-                  F(decoder.confidence[c]) + "\n";
+    void DecodeHeatmaps() {
+        const int hc = kPoints, hh = kHeatH, hw = kHeatW;
+        const float* points[hc] = {kArrowTip, kDisc, kTriangle};
+        const char* names[hc] = {"arrow tip", "disc", "triangle"};
+        std::vector<float> heat(static_cast<size_t>(hc) * hh * hw);
+        for (int c = 0; c < hc; ++c)
+            for (int r = 0; r < hh; ++r)
+                for (int k = 0; k < hw; ++k) {
+                    float dx = k - points[c][0] * (hw - 1), dy = r - points[c][1] * (hh - 1);
+                    heat[(static_cast<size_t>(c) * hh + r) * hw + k] =
+                        std::exp(-(dx * dx + dy * dy) / (2.f * 1.5f * 1.5f));
+                }
+        std::vector<unsigned char> heat_bytes(heat.size());
+        quvas::kit::float01toUchar0255SSE(heat.data(), heat_bytes.data(),
+                                          static_cast<int>(heat.size()));
+        Picture heat_view(hw, hh, 3);
+        {
+            QVN_Image src{}, dst{};
+            src.width = dst.width = hw;
+            src.height = dst.height = hh;
+            src.data = heat_bytes.data();
+            dst.data = heat_view.pixels.data();
+            quvas::kit::post_getRGB_HWC_from_RGB_CHW(&src, &dst);
+        }
+        WritePng(At("04_heatmaps.png"), heat_view);
+        const float beta = 40.f;
+        quvas::kit::SoftArgMax decoder(hw, hh, hc, beta);
+        Stopwatch t5;
+        decoder.Decode_WithConfidenceNoSqrt_CHW_F32(heat.data(), hc, hh, hw);
+        double decode_s = t5.Seconds();
+        Step("decoded 3 synthetic 64x64 heatmaps with SoftArgMax, beta 40 "
+             "(04_heatmaps.png: one heatmap per colour channel, float01toUchar0255SSE)",
+             decode_s);
+        // One body record carries the key points (15 KB: kept off the stack).
+        bodies_ = std::make_unique<QVN_BodyFrameDataArr>();
+        bodies_->count = 1;
+        bodies_->bodies[0].landmarksNum = hc;
+        for (int c = 0; c < hc; ++c) {
+            float u = (decoder.x_out[c] + 1.f) * 0.5f, v = (decoder.y_out[c] + 1.f) * 0.5f;
+            bodies_->bodies[0].landmarks[c] = QVN_Point2D{u, v};
+            report_ += "           " + std::string(names[c]) + ": placed (" + F(points[c][0]) +
+                       ", " + F(points[c][1]) + "), decoded (" + F(u) + ", " + F(v) +
+                       "), spread " + F(decoder.confidence[c]) + "\n";
+        }
     }
 
-    // 5. A noisy box drifting right and down, smoothed.
-    std::vector<BoxRow> raw, smooth;
-    uint32_t seed = 12345;
-    auto noise = [&seed] {
-        seed = seed * 1664525u + 1013904223u;
-        return (static_cast<float>(seed >> 8) / 16777216.f - 0.5f) * 0.03f;
-    };
-    for (int f = 0; f < 40; ++f) {
-        BoxRow r;
-        r.frame = f;
-        r.x = 0.15f + 0.012f * f + noise();
-        r.y = 0.30f + 0.004f * f + noise();
-        r.w = 0.22f + noise() * 0.5f;
-        r.h = 0.28f + noise() * 0.5f;
-        raw.push_back(r);
-    }
-    auto params = std::make_shared<quvas::kit::QVTBoxTrackerParams>();
-    *params = quvas::kit::QVTBoxTrackerParams{};
-    params->frequency = 30.f;
-    params->process_noise = 1e-2f;
-    params->measurement_noise = 1.f;
-    quvas::kit::QVTBoxKalmanTracker tracker(kW, kH, params);
-    Stopwatch t6;
-    tracker.init(raw[0].x, raw[0].y, raw[0].w, raw[0].h);
-    for (const BoxRow& r : raw) {
-        BoxRow s = r;
-        tracker.track(&s.x, &s.y, &s.w, &s.h);
-        smooth.push_back(s);
-    }
-    double track_s = t6.Seconds();
-    WriteTextAtomically(at("05_track.csv"), BoxCsvText(smooth));
-    WriteTextAtomically(at("05_track.svg"), TrackSvg(raw, smooth, kW, kH, "Kalman"));
-    step("smoothed a synthetic 40-frame box track with QVTBoxKalmanTracker "
-         "(05_track.csv, 05_track.svg)",
-         track_s);
+    // 5. A noisy box drifting right and down, smoothed; the results drawn in
+    // the upright view, on the tensor picture.
+    void SmoothBoxTrack() {
+        std::vector<BoxRow> raw, smooth;
+        uint32_t seed = 12345;
+        auto noise = [&seed] {
+            seed = seed * 1664525u + 1013904223u;
+            return (static_cast<float>(seed >> 8) / 16777216.f - 0.5f) * 0.03f;
+        };
+        for (int f = 0; f < 40; ++f) {
+            BoxRow r;
+            r.frame = f;
+            r.x = 0.15f + 0.012f * f + noise();
+            r.y = 0.30f + 0.004f * f + noise();
+            r.w = 0.22f + noise() * 0.5f;
+            r.h = 0.28f + noise() * 0.5f;
+            raw.push_back(r);
+        }
+        auto params = std::make_shared<quvas::kit::QVTBoxTrackerParams>();
+        *params = quvas::kit::QVTBoxTrackerParams{};
+        params->frequency = 30.f;
+        params->process_noise = 1e-2f;
+        params->measurement_noise = 1.f;
+        quvas::kit::QVTBoxKalmanTracker tracker(kW, kH, params);
+        Stopwatch t6;
+        tracker.init(raw[0].x, raw[0].y, raw[0].w, raw[0].h);
+        for (const BoxRow& r : raw) {
+            BoxRow s = r;
+            tracker.track(&s.x, &s.y, &s.w, &s.h);
+            smooth.push_back(s);
+        }
+        double track_s = t6.Seconds();
+        WriteTextAtomically(At("05_track.csv"), BoxCsvText(smooth));
+        WriteTextAtomically(At("05_track.svg"), TrackSvg(raw, smooth, kW, kH, "Kalman"));
+        Step("smoothed a synthetic 40-frame box track with QVTBoxKalmanTracker "
+             "(05_track.csv, 05_track.svg)",
+             track_s);
 
-    // Results in the upright view, on the tensor picture.
-    const BoxRow& last = smooth.back();
-    QVN_Rect2D box{last.x, last.y, last.x + last.w, last.y + last.h};
-    bodies->bodies[0].rect = box;
-    Picture upright_view = tensor_view;
-    DrawBox(upright_view, box, Rgb{255, 255, 0});
-    for (int c = 0; c < hc; ++c) {
-        DrawCross(upright_view, bodies->bodies[0].landmarks[c].x,
-                  bodies->bodies[0].landmarks[c].y, Rgb{255, 0, 0});
+        const BoxRow& last = smooth.back();
+        box_ = QVN_Rect2D{last.x, last.y, last.x + last.w, last.y + last.h};
+        bodies_->bodies[0].rect = box_;
+        Picture upright_view = tensor_view_;
+        DrawResults(upright_view, box_);
+        WritePng(At("05_results_upright.png"), upright_view);
     }
-    WritePng(at("05_results_upright.png"), upright_view);
 
     // 6. Back into the frame's orientation: upright (x, y) lies at (1 - y, x)
     // of a rotate90r frame, the clockwise quarter turn of the results.
-    Stopwatch t7;
-    int32_t s1 = QVN_BodyFrameDataArr_Result_Rotate(bodies, 90);
-    QVN_Rect2D frame_box = box;
-    int32_t s2 = QVN_Rect2D_Result_Rotate(&frame_box, 90);
-    double back_s = t7.Seconds();
-    if (s1 != 0 || s2 != 0) throw ToolError("result rotation failed", kExitLibrary);
-    Picture on_frame = frame_view;
-    DrawBox(on_frame, frame_box, Rgb{255, 255, 0});
-    for (int c = 0; c < hc; ++c) {
-        DrawCross(on_frame, bodies->bodies[0].landmarks[c].x, bodies->bodies[0].landmarks[c].y,
-                  Rgb{255, 0, 0});
+    void TurnResultsIntoTheFrame() {
+        Stopwatch t7;
+        int32_t s1 = QVN_BodyFrameDataArr_Result_Rotate(bodies_.get(), 90);
+        QVN_Rect2D frame_box = box_;
+        int32_t s2 = QVN_Rect2D_Result_Rotate(&frame_box, 90);
+        double back_s = t7.Seconds();
+        if (s1 != 0 || s2 != 0) throw ToolError("result rotation failed", kExitLibrary);
+        Picture on_frame = frame_view_;
+        DrawResults(on_frame, frame_box);
+        WritePng(At("06_results_on_frame.png"), on_frame);
+        Step("turned the key points and the box into the frame's orientation "
+             "(QVN_BodyFrameDataArr_Result_Rotate, QVN_Rect2D_Result_Rotate, "
+             "06_results_on_frame.png)",
+             back_s);
+        report_ += "           box upright (" + F(box_.x0) + ", " + F(box_.y0) + ", " +
+                   F(box_.x1) + ", " + F(box_.y1) + ") -> in the frame (" + F(frame_box.x0) +
+                   ", " + F(frame_box.y0) + ", " + F(frame_box.x1) + ", " + F(frame_box.y1) +
+                   ")\n";
     }
-    WritePng(at("06_results_on_frame.png"), on_frame);
-    step("turned the key points and the box into the frame's orientation "
-         "(QVN_BodyFrameDataArr_Result_Rotate, QVN_Rect2D_Result_Rotate, "
-         "06_results_on_frame.png)",
-         back_s);
-    report += "           box upright (" + F(box.x0) + ", " + F(box.y0) + ", " + F(box.x1) +
-              ", " + F(box.y1) + ") -> in the frame (" + F(frame_box.x0) + ", " +
-              F(frame_box.y0) + ", " + F(frame_box.x1) + ", " + F(frame_box.y1) + ")\n";
-    report += "\nTimes are wall-clock times of one run on this machine.\n";
-    WriteTextAtomically(at("report.txt"), report);
-    std::printf("%s", report.c_str());
-    std::printf("\nwrote the demo files to %s\n", dir.c_str());
-}
+
+    // The box in yellow and the key points of the body record as red crosses.
+    void DrawResults(Picture& p, const QVN_Rect2D& box) const {
+        DrawBox(p, box, Rgb{255, 255, 0});
+        for (int c = 0; c < kPoints; ++c) {
+            DrawCross(p, bodies_->bodies[0].landmarks[c].x, bodies_->bodies[0].landmarks[c].y,
+                      Rgb{255, 0, 0});
+        }
+    }
+
+    std::string dir_;
+    std::string report_ = "qvn-kit demo: the road of one frame\n\n";
+    Frame frame_;
+    Picture frame_view_, tensor_view_;
+    std::unique_ptr<QVN_BodyFrameDataArr> bodies_;
+    QVN_Rect2D box_{};
+};
 
 }  // namespace
 
@@ -364,7 +403,7 @@ void AddDemoCommand(CLI::App& app) {
     CLI::App* cmd = app.add_subcommand(
         "demo", "Run the road of one frame on a built-in test chart and write every step");
     cmd->add_option("OUTDIR", *dir, "Folder for the PNGs and report (demo-out)");
-    cmd->callback([dir] { RunDemo(*dir); });
+    cmd->callback([dir] { Demo(*dir).Run(); });
 }
 
 }  // namespace qvntool

@@ -8,9 +8,11 @@
 // uint8 NumPy array; any other name a PNG with the planes put back together.
 #include "commands.hpp"
 #include "common.hpp"
+#include "console.hpp"
 #include "frames.hpp"
 #include "image_io.hpp"
 #include "npy.hpp"
+#include "pixel_format.h"
 #include "preprocess.hpp"
 
 #include <qvn_kit/qvn_kit.hpp>
@@ -55,11 +57,7 @@ quvas::runtime::TensorPtr MakeOutputTensor(quvas::runtime::DeviceCPU& device,
 void ConvertFrame(const QVN_Image& frame, const TensorTarget& target, bool bgr,
                   const std::vector<int>& crop, unsigned char pad,
                   quvas::runtime::TensorPtr& tensor) {
-    bool two_plane = frame.pix_fmt == QVN_PIX_FMT_YUV420SP_A ||
-                     frame.pix_fmt == QVN_PIX_FMT_YUV420SP_B ||
-                     frame.pix_fmt == QVN_PIX_FMT_YUV420SP_C ||
-                     frame.pix_fmt == QVN_PIX_FMT_YUV420SP_D;
-    if (two_plane && !target.gray && (target.h < 2 || target.w < 2)) {
+    if (TooSmallForChroma(frame.pix_fmt, target.gray, target.w, target.h)) {
         throw ToolError("tensor shape cannot hold the output: a two-plane frame needs a "
                             "tensor of at least 2x2 pixels",
                         kExitUsage);
@@ -74,9 +72,7 @@ void ConvertFrame(const QVN_Image& frame, const TensorTarget& target, bool bgr,
         // silently take the whole frame when the product wraps; the limit
         // keeps it far below that.
         CheckPixels(static_cast<uint64_t>(cw), static_cast<uint64_t>(ch), "crop", kExitUsage);
-        if (two_plane && !target.gray && (cw < 2 || ch < 2)) {
-            // Its chroma would be 0 pixels wide or high: 4:2:0 keeps one
-            // chroma sample per 2x2 block.
+        if (TooSmallForChroma(frame.pix_fmt, target.gray, cw, ch)) {
             throw ToolError("crop " + std::to_string(cw) + "x" + std::to_string(ch) +
                                 " is too small: a two-plane frame needs a crop of at least 2x2 "
                                 "pixels",
@@ -132,8 +128,7 @@ size_t RawFrameBytes(uint32_t pix_fmt, const std::string& size_text, Size2& size
                 kExitUsage);
     size_t frame_bytes = FrameBytes(pix_fmt, size.w, size.h);
     if (frame_bytes == 0) {
-        bool four_byte = pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888;
-        if (!four_byte && (size.w % 2 != 0 || size.h % 2 != 0)) {
+        if (quvas::kit::pixfmt::IsFourTwoZero(pix_fmt) && (size.w % 2 != 0 || size.h % 2 != 0)) {
             throw ToolError(std::string("raw ") + FrameFormatName(pix_fmt) + " frames need an "
                                 "even width and height, not " + size_text,
                             kExitUsage);
@@ -204,7 +199,7 @@ void RunPreprocess(const PreprocessOptions& o) {
         Frame frame;
         frame.bytes.assign(bytes.begin() + static_cast<long>(frame_bytes) * i,
                            bytes.begin() + static_cast<long>(frame_bytes) * (i + 1));
-        int channels = (pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888) ? 4 : 1;
+        const int channels = quvas::kit::pixfmt::IsFourByteColour(pix_fmt) ? 4 : 1;
         frame.Bind(pix_fmt, size.w, size.h, channels, ori);
         quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
         ConvertFrame(frame.image, target, o.bgr, crop, static_cast<unsigned char>(o.pad), tensor);

@@ -8,6 +8,7 @@
 // paces the replay at --frequency so that it sees the intended rate.
 #include "commands.hpp"
 #include "common.hpp"
+#include "console.hpp"
 #include "csv.hpp"
 #include "svg.hpp"
 

@@ -1,7 +1,7 @@
 // npy.hpp - NumPy .npy arrays (format versions 1-3, C order, little-endian
 // float32 or uint8).
-#ifndef QVN_TOOL_NPY_HPP
-#define QVN_TOOL_NPY_HPP
+#ifndef QVN_IO_NPY_HPP
+#define QVN_IO_NPY_HPP
 
 #include <cstdint>
 #include <string>
@@ -28,4 +28,4 @@ void WriteNpyU8(const std::string& path, const std::vector<size_t>& shape,
 
 }  // namespace qvntool
 
-#endif  // QVN_TOOL_NPY_HPP
+#endif  // QVN_IO_NPY_HPP

@@ -8,8 +8,8 @@
 // in 64ths whose blue weight (133/64) is above the standard's 1.772, so a
 // tensor made from a picture shows blues and yellows a little stronger than
 // the picture; that is the kit's colour handling, not the tool's.
-#ifndef QVN_TOOL_FRAMES_HPP
-#define QVN_TOOL_FRAMES_HPP
+#ifndef QVN_IO_FRAMES_HPP
+#define QVN_IO_FRAMES_HPP
 
 #include "image_io.hpp"
 
@@ -47,6 +47,13 @@ void PictureToFrame(const Picture& pic, uint32_t pix_fmt, uint32_t ori, Frame& f
 // A frame (any input format) as an R,G,B picture, for looking at.
 Picture FrameToPicture(const QVN_Image& frame);
 
+// True when a colour output of `width` x `height` (a tensor, a crop) cannot
+// be made from a two-plane frame: the colour converters resize the
+// half-size chroma plane, and 4:2:0 keeps one chroma pair per 2x2 block, so
+// the output needs at least 2x2 pixels. Gray output reads the luma plane
+// only.
+bool TooSmallForChroma(uint32_t pix_fmt, bool gray, int64_t width, int64_t height);
+
 // A packed picture as a QVN_Image of GRAY8, RGB888 or RGBA8888 (channels =
 // bytes per pixel), pointing into `pic`.
 QVN_Image PictureImage(Picture& pic);
@@ -58,4 +65,4 @@ Picture TensorToPicture(const quvas::runtime::Tensor& tensor);
 
 }  // namespace qvntool
 
-#endif  // QVN_TOOL_FRAMES_HPP
+#endif  // QVN_IO_FRAMES_HPP

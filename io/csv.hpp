@@ -1,8 +1,9 @@
 // csv.hpp - box tracks as CSV: one box per line, "frame,x,y,w,h", with an
 // optional header line; x, y, w, h normalised to the frame.
-#ifndef QVN_TOOL_CSV_HPP
-#define QVN_TOOL_CSV_HPP
+#ifndef QVN_IO_CSV_HPP
+#define QVN_IO_CSV_HPP
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -18,8 +19,14 @@ struct BoxRow {
 // frame with a predicted row, so the gap bounds the output.
 constexpr long kMaxFrameGap = 100000;
 
+// Longest line read: a box row is a few dozen bytes, and a spreadsheet's
+// extra columns, a comment or a mistyped megabyte-long cell (which is shown
+// shortened in its message) stay far below this.
+constexpr size_t kMaxCsvLineBytes = size_t{1} << 24;
+
 // Frames must be non-negative, strictly increasing and at most kMaxFrameGap
-// apart. ToolError naming the file and line for anything else.
+// apart, lines at most kMaxCsvLineBytes long. ToolError naming the file and
+// line for anything else.
 std::vector<BoxRow> ReadBoxCsv(const std::string& path);
 // The same from the file's text; `path` only names it in messages.
 std::vector<BoxRow> ParseBoxCsv(const std::string& path, const std::string& text);
@@ -30,4 +37,4 @@ std::string BoxCsvText(const std::vector<BoxRow>& rows);
 
 }  // namespace qvntool
 
-#endif  // QVN_TOOL_CSV_HPP
+#endif  // QVN_IO_CSV_HPP

@@ -2,7 +2,9 @@
 // format defines are read, which is all a C-order numeric array needs.
 #include "npy.hpp"
 
-#include "common.hpp"
+#include "atomic_output.hpp"
+#include "error.hpp"
+#include "file_read.hpp"
 
 #include <cstring>
 

@@ -1,7 +1,10 @@
 // frames.cpp - file-format conversions between pictures, frames and tensors.
 #include "frames.hpp"
 
-#include "common.hpp"
+#include "error.hpp"
+#include "notice.hpp"
+#include "parse.hpp"
+#include "pixel_format.h"
 
 #include <qvn_kit/qvn_kit.hpp>
 
@@ -15,6 +18,8 @@
 
 namespace qvntool {
 
+namespace pixfmt = quvas::kit::pixfmt;
+
 void Frame::Bind(uint32_t pix_fmt, int width, int height, int channels, uint32_t ori) {
     image = QVN_Image{};
     image.ori_fmt = ori;
@@ -27,26 +32,11 @@ void Frame::Bind(uint32_t pix_fmt, int width, int height, int channels, uint32_t
 }
 
 size_t FrameBytes(uint32_t pix_fmt, int width, int height) {
-    if (width <= 0 || height <= 0) return 0;
-    const uint64_t w = static_cast<uint64_t>(width), h = static_cast<uint64_t>(height);
-    uint64_t want = 0;
-    switch (pix_fmt) {
-        case QVN_PIX_FMT_YUV420SP_A:
-        case QVN_PIX_FMT_YUV420SP_B:
-        case QVN_PIX_FMT_YUV420SP_C:
-        case QVN_PIX_FMT_YUV420SP_D:
-            // The converters read (w / 2) x (h / 2) chroma pairs after the
-            // luma plane; odd sides have no agreed layout.
-            if (w % 2 != 0 || h % 2 != 0) return 0;
-            want = w * h + w * h / 2;
-            break;
-        case QVN_PIX_FMT_BGRA8888:
-        case QVN_PIX_FMT_RGBA8888:
-            want = w * h * 4;
-            break;
-        default:
-            return 0;
-    }
+    if (width <= 0 || height <= 0 || !pixfmt::IsInputFrame(pix_fmt)) return 0;
+    // The converters read (w / 2) x (h / 2) chroma pairs after the luma
+    // plane; odd sides have no agreed layout.
+    if (pixfmt::IsFourTwoZero(pix_fmt) && (width % 2 != 0 || height % 2 != 0)) return 0;
+    const uint64_t want = pixfmt::ImageBytes(pix_fmt, width, height);
     QVN_Image probe{};
     probe.pix_fmt = pix_fmt;
     probe.width = width;
@@ -61,10 +51,8 @@ size_t FrameBytes(uint32_t pix_fmt, int width, int height) {
 
 namespace {
 
-bool IsTwoPlane(uint32_t pix_fmt) {
-    return pix_fmt == QVN_PIX_FMT_YUV420SP_A || pix_fmt == QVN_PIX_FMT_YUV420SP_B ||
-           pix_fmt == QVN_PIX_FMT_YUV420SP_C || pix_fmt == QVN_PIX_FMT_YUV420SP_D;
-}
+// Of the two four-byte colour formats, the one stored B,G,R,A.
+bool IsBgra(uint32_t pix_fmt) { return pixfmt::Find(pix_fmt)->red_byte == 2; }
 
 // libyuv's "ARGB" is B,G,R,A in memory.
 std::vector<uint8_t> PictureToBgra(const Picture& pic) {
@@ -85,9 +73,9 @@ std::vector<uint8_t> PictureToBgra(const Picture& pic) {
 void PictureToFrame(const Picture& pic, uint32_t pix_fmt, uint32_t ori, Frame& frame) {
     int w = pic.width, h = pic.height;
     std::vector<uint8_t> bgra = PictureToBgra(pic);
-    if (pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888) {
+    if (pixfmt::IsFourByteColour(pix_fmt)) {
         frame.bytes.resize(bgra.size());
-        if (pix_fmt == QVN_PIX_FMT_BGRA8888) {
+        if (IsBgra(pix_fmt)) {
             frame.bytes = bgra;
         } else {
             libyuv::ARGBToABGR(bgra.data(), w * 4, frame.bytes.data(), w * 4, w, h);
@@ -95,6 +83,8 @@ void PictureToFrame(const Picture& pic, uint32_t pix_fmt, uint32_t ori, Frame& f
         frame.Bind(pix_fmt, w, h, 4, ori);
         return;
     }
+    // Pictures become camera frames only: libyuv interleaves 4:2:0 chroma
+    // as nv12 or nv21, and the other two-plane formats carry other weights.
     if (pix_fmt != QVN_PIX_FMT_YUV420SP_C && pix_fmt != QVN_PIX_FMT_YUV420SP_D) {
         throw ToolError(std::string("a picture cannot be turned into format ") +
                             FrameFormatName(pix_fmt) + " (use nv12, nv21, bgra or rgba)",
@@ -125,11 +115,11 @@ void PictureToFrame(const Picture& pic, uint32_t pix_fmt, uint32_t ori, Frame& f
     libyuv::ARGBToJ420(bgra.data(), w * 4, y.data(), w, u.data(), cw, v.data(), cw, w, h);
     frame.bytes.resize(FrameBytes(pix_fmt, w, h));
     uint8_t* chroma = frame.bytes.data() + static_cast<size_t>(w) * h;
-    if (pix_fmt == QVN_PIX_FMT_YUV420SP_C) {
-        libyuv::I420ToNV12(y.data(), w, u.data(), cw, v.data(), cw, frame.bytes.data(), w,
+    if (pixfmt::Find(pix_fmt)->chroma_vu) {
+        libyuv::I420ToNV21(y.data(), w, u.data(), cw, v.data(), cw, frame.bytes.data(), w,
                            chroma, w, w, h);
     } else {
-        libyuv::I420ToNV21(y.data(), w, u.data(), cw, v.data(), cw, frame.bytes.data(), w,
+        libyuv::I420ToNV12(y.data(), w, u.data(), cw, v.data(), cw, frame.bytes.data(), w,
                            chroma, w, w, h);
     }
     frame.Bind(pix_fmt, w, h, 1, ori);
@@ -139,14 +129,16 @@ Picture FrameToPicture(const QVN_Image& frame) {
     const int w = frame.width, h = frame.height;
     std::vector<uint8_t> bgra(static_cast<size_t>(w) * h * 4);
     const uint8_t* data = frame.data;
-    if (frame.pix_fmt == QVN_PIX_FMT_BGRA8888) {
-        std::memcpy(bgra.data(), data, bgra.size());
-    } else if (frame.pix_fmt == QVN_PIX_FMT_RGBA8888) {
-        libyuv::ABGRToARGB(data, w * 4, bgra.data(), w * 4, w, h);
-    } else if (IsTwoPlane(frame.pix_fmt)) {
+    if (pixfmt::IsFourByteColour(frame.pix_fmt)) {
+        if (IsBgra(frame.pix_fmt)) {
+            std::memcpy(bgra.data(), data, bgra.size());
+        } else {
+            libyuv::ABGRToARGB(data, w * 4, bgra.data(), w * 4, w, h);
+        }
+    } else if (pixfmt::IsTwoPlane(frame.pix_fmt)) {
         const uint8_t* chroma = data + static_cast<size_t>(w) * h;
         // Chroma stride is the luma width: (w / 2) pairs of two bytes.
-        if (frame.pix_fmt == QVN_PIX_FMT_YUV420SP_D) {
+        if (pixfmt::Find(frame.pix_fmt)->chroma_vu) {
             libyuv::NV21ToARGBMatrix(data, w, chroma, (w / 2) * 2, bgra.data(), w * 4,
                                      &libyuv::kYuvJPEGConstants, (w / 2) * 2, (h / 2) * 2);
         } else {
@@ -160,6 +152,10 @@ Picture FrameToPicture(const QVN_Image& frame) {
     Picture pic(w, h, 3);
     libyuv::ARGBToRAW(bgra.data(), w * 4, pic.pixels.data(), w * 3, w, h);
     return pic;
+}
+
+bool TooSmallForChroma(uint32_t pix_fmt, bool gray, int64_t width, int64_t height) {
+    return pixfmt::IsTwoPlane(pix_fmt) && !gray && (width < 2 || height < 2);
 }
 
 QVN_Image PictureImage(Picture& pic) {

@@ -1,7 +1,11 @@
 // image_io.cpp - PNG and JPEG reading and PNG writing.
 #include "image_io.hpp"
 
-#include "common.hpp"
+#include "atomic_output.hpp"
+#include "error.hpp"
+#include "file_read.hpp"
+#include "limits.hpp"
+#include "parse.hpp"
 
 #include <jpeglib.h>
 #include <png.h>
@@ -71,6 +75,56 @@ std::vector<uint8_t> CheckedPngChunks(const std::string& path, const std::vector
     return kept;
 }
 
+// Bytes handed to libpng's reader from memory; running past them is damage.
+struct PngSource {
+    const uint8_t* data;
+    size_t size;
+    size_t at;
+};
+
+void PngRead(png_structp png, png_bytep out, png_size_t n) {
+    auto* src = static_cast<PngSource*>(png_get_io_ptr(png));
+    if (n > src->size - src->at) png_error(png, "Read Error: file truncated");
+    std::memcpy(out, src->data + src->at, n);
+    src->at += n;
+}
+
+// 16-bit samples become their high byte, as an 8-bit reader of such files
+// is expected to give: no gamma curve, nothing premultiplied. (libpng's
+// simplified reader takes 16-bit files for linear light and encodes them to
+// sRGB on the way to 8 bits.) `pic` is allocated; its channel count says
+// whether gray, alpha or a transparent colour become R,G,B(,A).
+void ReadPng16(const std::string& path, const std::vector<uint8_t>& bytes, Picture& pic) {
+    PngErrorState state;
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &state, PngError, PngWarning);
+    png_infop info = png ? png_create_info_struct(png) : nullptr;
+    if (png == nullptr || info == nullptr) {
+        png_destroy_read_struct(&png, &info, nullptr);
+        throw ToolError("cannot decode PNG '" + path + "': out of memory", kExitInput);
+    }
+    PngSource src{bytes.data(), bytes.size(), 0};
+    std::vector<png_bytep> rows(static_cast<size_t>(pic.height));
+    if (setjmp(png_jmpbuf(png)) != 0) {
+        png_destroy_read_struct(&png, &info, nullptr);
+        throw ToolError("cannot decode PNG '" + path + "': " + state.message, kExitInput);
+    }
+    png_set_read_fn(png, &src, PngRead);
+    png_read_info(png, info);
+    png_set_strip_16(png);
+    if (png_get_valid(png, info, PNG_INFO_tRNS) != 0) png_set_tRNS_to_alpha(png);
+    if (pic.channels >= 3 && (png_get_color_type(png, info) & PNG_COLOR_MASK_COLOR) == 0) {
+        png_set_gray_to_rgb(png);
+    }
+    png_set_interlace_handling(png);
+    png_read_update_info(png, info);
+    const size_t stride = static_cast<size_t>(pic.width) * static_cast<size_t>(pic.channels);
+    if (png_get_rowbytes(png, info) != stride) png_error(png, "unexpected row layout");
+    for (int y = 0; y < pic.height; ++y) rows[static_cast<size_t>(y)] = pic.pixels.data() + stride * y;
+    png_read_image(png, rows.data());
+    png_read_end(png, nullptr);
+    png_destroy_read_struct(&png, &info, nullptr);
+}
+
 Picture ReadPng(const std::string& path, const std::vector<uint8_t>& all_bytes) {
     const std::vector<uint8_t> without_text = CheckedPngChunks(path, all_bytes);
     const std::vector<uint8_t>& bytes = without_text.empty() ? all_bytes : without_text;
@@ -105,6 +159,13 @@ Picture ReadPng(const std::string& path, const std::vector<uint8_t>& all_bytes) 
         throw;
     }
     Picture pic(static_cast<int>(image.width), static_cast<int>(image.height), channels);
+    // The header chunk comes first (libpng has checked that): its bit depth
+    // sits 24 bytes into the file.
+    if (bytes[24] == 16) {
+        png_image_free(&image);
+        ReadPng16(path, bytes, pic);
+        return pic;
+    }
     if (png_image_finish_read(&image, nullptr, pic.pixels.data(), 0, nullptr) == 0) {
         std::string msg = image.message;
         png_image_free(&image);
@@ -198,19 +259,34 @@ Picture ReadJpeg(const std::string& path, const std::vector<uint8_t>& bytes) {
     return pic;
 }
 
-}  // namespace
+enum class PictureKind { kPng, kJpeg };
 
-Picture ReadPicture(const std::string& path) { return DecodePicture(path, ReadFileBytes(path)); }
-
-Picture DecodePicture(const std::string& path, const std::vector<uint8_t>& bytes) {
+PictureKind KindOf(const std::string& path, const uint8_t* bytes, size_t size) {
     static const uint8_t kPngMagic[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
-    if (bytes.size() >= 8 && std::memcmp(bytes.data(), kPngMagic, 8) == 0) {
-        return ReadPng(path, bytes);
-    }
-    if (bytes.size() >= 3 && bytes[0] == 0xFF && bytes[1] == 0xD8 && bytes[2] == 0xFF) {
-        return ReadJpeg(path, bytes);
+    if (size >= 8 && std::memcmp(bytes, kPngMagic, 8) == 0) return PictureKind::kPng;
+    if (size >= 3 && bytes[0] == 0xFF && bytes[1] == 0xD8 && bytes[2] == 0xFF) {
+        return PictureKind::kJpeg;
     }
     throw ToolError("'" + path + "' is neither a PNG nor a JPEG file", kExitInput);
+}
+
+}  // namespace
+
+Picture ReadPicture(const std::string& path) {
+    // Another kind of file is refused from its first bytes, and a file longer
+    // than any picture within --max-pixels before it is read whole.
+    ReadCap cap;
+    cap.bytes = PictureFileLimit();
+    cap.too_long = "is longer than any picture of at most " +
+                   std::to_string(ToolLimits().max_pixels) + " pixels can be (" +
+                   std::to_string((cap.bytes + (1u << 20) - 1) >> 20) + " MiB, --max-pixels)";
+    cap.check_start = [&path](const uint8_t* data, size_t size) { KindOf(path, data, size); };
+    return DecodePicture(path, ReadFileBytes(path, cap));
+}
+
+Picture DecodePicture(const std::string& path, const std::vector<uint8_t>& bytes) {
+    return KindOf(path, bytes.data(), bytes.size()) == PictureKind::kPng ? ReadPng(path, bytes)
+                                                                          : ReadJpeg(path, bytes);
 }
 
 void WritePng(const std::string& path, const Picture& pic, bool bgr) {

@@ -1,7 +1,7 @@
 // image_io.hpp - PNG (libpng) and JPEG (libjpeg) files to and from packed
 // 8-bit pixels. File format conversion only.
-#ifndef QVN_TOOL_IMAGE_IO_HPP
-#define QVN_TOOL_IMAGE_IO_HPP
+#ifndef QVN_IO_IMAGE_IO_HPP
+#define QVN_IO_IMAGE_IO_HPP
 
 #include <cstdint>
 #include <string>
@@ -24,9 +24,12 @@ struct Picture {
 };
 
 // Reads a PNG or JPEG, told apart by their first bytes. 16-bit PNG samples
-// are reduced to 8 bits, palettes expanded, gray+alpha becomes R,G,B,A.
-// ToolError naming the file on any fault, a damaged JPEG included, and for a
-// picture above --max-pixels (checked before its pixels are allocated).
+// become their high byte, palettes are expanded, gray+alpha becomes R,G,B,A.
+// ToolError naming the file on any fault, a damaged JPEG included, for a
+// picture above --max-pixels (checked before its pixels are allocated), and
+// for a file that starts like neither format or is longer than any picture
+// within --max-pixels can be (PictureFileLimit; checked before it is read
+// whole).
 Picture ReadPicture(const std::string& path);
 // The same from bytes in memory; `path` only names them in messages.
 Picture DecodePicture(const std::string& path, const std::vector<uint8_t>& bytes);
@@ -40,4 +43,4 @@ bool IsPictureFile(const std::string& path);
 
 }  // namespace qvntool
 
-#endif  // QVN_TOOL_IMAGE_IO_HPP
+#endif  // QVN_IO_IMAGE_IO_HPP
