@@ -60,13 +60,14 @@ def test_out_sharing_memory_with_its_input_is_refused(qk):
     rng = np.random.default_rng(11)
     buf = rng.choice(np.array([-1, 0, 1, 2], F32), 64)
     before = buf.tobytes()
-    values, out = buf[27:], buf.view(np.uint8)[128:165]  # out lies in the tail of values
-    with pytest.raises(ValueError, match="out must not share memory with values"):
-        qk.mask(values, out=out)
+    values = buf[27:]  # bytes 108..255
+    for out in (buf.view(np.uint8)[128:165], buf.view(np.uint8)[100:137]):  # tail, head
+        with pytest.raises(ValueError, match="out must not share memory with values"):
+            qk.mask(values, out=out)
     assert buf.tobytes() == before
-    # Reversed strides overlap just the same.
+    # A reversed view spans the bytes below its first element.
     with pytest.raises(ValueError, match="share memory"):
-        qk.mask(buf[::-1][:16], out=buf.view(np.uint8)[240:256])
+        qk.mask(buf[::-1][:16], out=buf.view(np.uint8)[184:200])
     assert buf.tobytes() == before
     # Touching is not overlapping: out starts at the byte after values ends.
     values, out = buf[:37], buf.view(np.uint8)[148:185]
