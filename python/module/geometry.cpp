@@ -17,12 +17,11 @@ namespace {
 py::array AffineMatrix(py::handle orient, int width, int height, bool inverse) {
     LogFlush flush;
     // The matrices switch on the whole word, so any 32-bit value is accepted.
-    unsigned ori = 0;
-    if (py::isinstance<py::str>(orient)) {
-        ori = ParseOrient(orient, "orient");
-    } else {
-        ori = static_cast<unsigned>(ParseWord(orient, "orient", 0, 0xffffffffLL));
-    }
+    const bool integer = !py::isinstance<py::str>(orient) && !PyBool_Check(orient.ptr()) &&
+                         !py::isinstance<py::array>(orient) && PyIndex_Check(orient.ptr());
+    const unsigned ori = integer
+                             ? static_cast<unsigned>(ParseWord(orient, "orient", 0, 0xffffffffLL))
+                             : ParseOrient(orient, "orient");
     std::vector<float> m(6, 0.f);
     if (inverse) {
         quvas::kit::getAffineTransformInv(ori, width, height, m);  // empties m, writes its storage
