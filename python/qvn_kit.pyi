@@ -1,20 +1,31 @@
-"""The device's exact preprocessing and decoding over NumPy arrays (libqvn_kit)."""
-from typing import Optional, Sequence, Tuple, Union
+"""The device's exact preprocessing and decoding over NumPy arrays (libqvn_kit).
+
+Arguments are checked at the call: TypeError for the wrong kind of object,
+ValueError for a value out of range, a non-finite float, a mis-shaped array or
+an `out` that shares memory with the input, MemoryError when the contiguous
+copy of a strided input cannot be allocated.
+"""
+import os
+from typing import Optional, Sequence, SupportsIndex, Tuple, Union
 
 import numpy as np
 import numpy.typing as npt
 
 U8 = npt.NDArray[np.uint8]
 F32 = npt.NDArray[np.float32]
-Orient = Union[int, str]
-Format = Union[str, int]
+# Integers (NumPy's too) or names: 'rotate90r|mirror', 'nv21'.
+Orient = Union[int, SupportsIndex, str]
+Format = Union[str, int, SupportsIndex]
+# Four finite numbers.
 Box = Union[Sequence[float], F32]
+# As open() takes them: a str is encoded as os.fsencode does; no NUL byte.
+Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 
 __version__: str
 kit_version: Tuple[int, int]
 core_version: Tuple[int, int]
 
-def read_picture(path: str) -> U8: ...
+def read_picture(path: Path) -> U8: ...
 def make_frame(picture: U8, format: Format = "nv21", bgr: bool = False) -> U8: ...
 def validate_frame(frame: U8, format: Format, orient: Orient = 0, for_input: bool = True) -> bool: ...
 def preprocess(
