@@ -13,8 +13,6 @@
 
 #include <quvas/qvn_core.h>
 
-#include <immintrin.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstring>

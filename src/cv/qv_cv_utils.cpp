@@ -5,8 +5,6 @@
 
 #include <quvas/utility/log.h>
 
-#include <immintrin.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
