@@ -1,0 +1,70 @@
+// frame_convert.h - what the two frame-to-tensor pipelines share: the crop
+// box in frame pixels, the format questions they ask the pixel-format table,
+// the colour matrix, and the pipelines themselves. The exported converters of
+// qv2_image_process.cpp check their output, place the crop box and call one
+// of the pipelines: the step-by-step one (frame_stepwise.cpp, the core's
+// functional kernels on intermediate tensors) or the one-pass one
+// (frame_one_pass.cpp, the same bytes without the tensors). Private.
+#ifndef QVN_KIT_SRC_CV_FRAME_CONVERT_H
+#define QVN_KIT_SRC_CV_FRAME_CONVERT_H
+
+#include <qvn_kit/qvn_kit.hpp>
+
+#include <quvas/qvn_core.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "pixel_format.h"
+
+namespace quvas {
+namespace kit {
+namespace internal {
+
+constexpr const char* kBadFormat = "Invaild pixel format of input image.";
+
+// The converters' output layouts: planar {C, H, W}, gray {H, W, 1}.
+constexpr int32_t kLayoutPlanar = runtime::layout::kCHW;
+constexpr int32_t kLayoutGray = runtime::layout::kHWC;
+
+// A quarter turn still to come: the resize makes the turned size.
+constexpr uint32_t kQuarterTurns = QVN_ORIENT_FMT_ROTATE_90R | QVN_ORIENT_FMT_ROTATE_90L;
+
+// Owned creator of one kind of u8 HWC tensor (Y, UV, BGRA, RGBA).
+using Creator = TensorPtr (runtime::DeviceCPU::*)(const unsigned&, const unsigned&, const void*);
+
+// The crop in frame pixels; inactive means the whole frame.
+struct CropBox {
+    bool active = false;
+    int x = 0;
+    int y = 0;
+    int w = 0;
+    int h = 0;
+};
+
+// Input frames are the table's: two-plane 4:2:0 (luma plane, then one
+// interleaved chroma plane) or four bytes a pixel, read as B,G,R,A when red
+// sits at byte 2 and as R,G,B,A otherwise.
+inline bool IsInputFrameFormat(uint32_t pix_fmt) { return pixfmt::IsInputFrame(pix_fmt); }
+inline bool IsTwoPlaneYUV(uint32_t pix_fmt) { return pixfmt::IsTwoPlane(pix_fmt); }
+inline bool IsBgraFrame(uint32_t pix_fmt) {
+    return pixfmt::IsFourByteColour(pix_fmt) && pixfmt::Find(pix_fmt)->red_byte == 2;
+}
+
+// The colour matrix handed to the two-plane converter (yuv_matrix.cpp).
+std::shared_ptr<kernel::YUVCvtMatrix> MakeYUVMatrix(bool to_bgr, uint32_t pix_fmt);
+
+// The pipelines; each refuses a format that is not an input frame first.
+void StepwisePlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
+                    uint8_t pad_value);
+void StepwiseGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box,
+                  uint8_t pad_value);
+void OnePassPlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
+                   uint8_t pad);
+void OnePassGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box, uint8_t pad);
+
+}  // namespace internal
+}  // namespace kit
+}  // namespace quvas
+
+#endif  // QVN_KIT_SRC_CV_FRAME_CONVERT_H
