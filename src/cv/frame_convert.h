@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "../kit/qv_internal.h"
 #include "pixel_format.h"
 
 namespace quvas {
@@ -26,9 +27,6 @@ constexpr const char* kBadFormat = "Invaild pixel format of input image.";
 // The converters' output layouts: planar {C, H, W}, gray {H, W, 1}.
 constexpr int32_t kLayoutPlanar = runtime::layout::kCHW;
 constexpr int32_t kLayoutGray = runtime::layout::kHWC;
-
-// A quarter turn still to come: the resize makes the turned size.
-constexpr uint32_t kQuarterTurns = QVN_ORIENT_FMT_ROTATE_90R | QVN_ORIENT_FMT_ROTATE_90L;
 
 // Owned creator of one kind of u8 HWC tensor (Y, UV, BGRA, RGBA).
 using Creator = TensorPtr (runtime::DeviceCPU::*)(const unsigned&, const unsigned&, const void*);

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "../kit/qv_internal.h"
+
 namespace quvas {
 namespace kit {
 namespace internal {
@@ -65,14 +67,6 @@ PlaneViews MakePlaneViews(DeviceCPU* dev, const TensorPtr& frame) {
     return views;
 }
 
-// The orientation bits each stage of TurnAndMirror tests, lowest first: a
-// lower bit shadows a higher one. The box-only half turn (64) counts as a
-// half turn here, and both flips ask the core for its one mirror operation.
-constexpr uint32_t kTurnRight = QVN_ORIENT_FMT_ROTATE_90R;
-constexpr uint32_t kTurnLeft = QVN_ORIENT_FMT_ROTATE_90L;
-constexpr uint32_t kHalfTurn = QVN_ORIENT_FMT_ROTATE_180 | QVN_ORIENT_FMT_BOX_ROTATE_180;
-constexpr uint32_t kAnyFlip = QVN_ORIENT_FMT_FLIPV | QVN_ORIENT_FMT_MIRROR;
-
 }  // namespace
 
 // The operation codes are a fixed table per entry point, not read from the
@@ -112,14 +106,16 @@ void TurnAndMirror(TensorPtr& in, TensorPtr& out, QVN_ORIENT_FMT flags,
     DeviceCPU* dev = ctx->device;
     const uint32_t f = static_cast<uint32_t>(flags);
 
+    // The first stage takes the lowest turn bit set: a lower bit shadows a
+    // higher one, and the box-only half turn (64) counts as a half turn.
     TensorPtr mid;
-    if (f & kTurnRight) {
+    if (f & QVN_ORIENT_FMT_ROTATE_90R) {
         mid = dev->CreateTensor(turned, nullptr);
         Base(proc)->ConvertPixel(in, mid, code::kRotate270, ctx);
-    } else if (f & kTurnLeft) {
+    } else if (f & QVN_ORIENT_FMT_ROTATE_90L) {
         mid = dev->CreateTensor(turned, nullptr);
         Base(proc)->ConvertPixel(in, mid, code::kRotate90, ctx);
-    } else if (f & kHalfTurn) {
+    } else if (f & kHalfTurns) {
         mid = dev->CreateTensor(same, nullptr);
         Base(proc)->ConvertPixel(in, mid, code::kRotate180, ctx);
     } else {
@@ -129,7 +125,8 @@ void TurnAndMirror(TensorPtr& in, TensorPtr& out, QVN_ORIENT_FMT flags,
         mid = in;
     }
 
-    if (f & kAnyFlip) {
+    // Both flips ask the core for its one mirror operation.
+    if (f & kFlips) {
         Base(proc)->ConvertPixel(mid, out, code::kMirror, ctx);
     } else {
         out = mid;
