@@ -50,39 +50,44 @@ inline __m128i Sigmoid255(__m128 x) {
     return _mm_cvtps_epi32(_mm_mul_ps(s, _mm_set1_ps(255.0f)));
 }
 
+// Both converters: whole blocks of sixteen by the vector rule while the
+// block starts below n, then the last n mod 16 bytes again by the scalar
+// rule. The rules are template arguments, so each loop is compiled with its
+// own rule inlined.
+template <__m128i (*kVector)(__m128), unsigned char (*kScalar)(float)>
+inline void ConvertBlocks(const float* src, unsigned char* dst, int n) {
+    for (int i = 0; i < n; i += 16) {
+        const __m128i a = kVector(_mm_loadu_ps(src + i));
+        const __m128i b = kVector(_mm_loadu_ps(src + i + 4));
+        const __m128i c = kVector(_mm_loadu_ps(src + i + 8));
+        const __m128i d = kVector(_mm_loadu_ps(src + i + 12));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), PackToBytes(a, b, c, d));
+    }
+    const int rest = n % 16;
+    for (int i = n - rest; i < n; ++i) dst[i] = kScalar(src[i]);
+}
+
+inline unsigned char ScaleTail(float x) {
+    // Truncation toward zero; cvttss2si gives INT32_MIN when out of range.
+    const int v = _mm_cvttss_si32(_mm_set_ss(255.0f * x));
+    return static_cast<unsigned char>(v < 0 ? 0 : (v > 255 ? 255 : v));
+}
+
+inline unsigned char SigmoidTail(float x) {
+    const double e = std::exp(static_cast<double>(-x));
+    const double v = 1.0 / (e + 1.0) * 255.0;
+    // v lies in 0..255 (NaN input gives INT32_MIN); the low byte is kept.
+    return static_cast<unsigned char>(_mm_cvttsd_si32(_mm_set_sd(v)));
+}
+
 }  // namespace
 
 void FloatToBytes(const float* src, unsigned char* dst, int n) {
-    for (int i = 0; i < n; i += 16) {
-        const __m128i a = Scale255(_mm_loadu_ps(src + i));
-        const __m128i b = Scale255(_mm_loadu_ps(src + i + 4));
-        const __m128i c = Scale255(_mm_loadu_ps(src + i + 8));
-        const __m128i d = Scale255(_mm_loadu_ps(src + i + 12));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), PackToBytes(a, b, c, d));
-    }
-    const int rest = n % 16;
-    for (int i = n - rest; i < n; ++i) {
-        // Truncation toward zero; cvttss2si gives INT32_MIN when out of range.
-        const int v = _mm_cvttss_si32(_mm_set_ss(255.0f * src[i]));
-        dst[i] = static_cast<unsigned char>(v < 0 ? 0 : (v > 255 ? 255 : v));
-    }
+    ConvertBlocks<Scale255, ScaleTail>(src, dst, n);
 }
 
 void SigmoidToBytes(const float* src, unsigned char* dst, int n) {
-    for (int i = 0; i < n; i += 16) {
-        const __m128i a = Sigmoid255(_mm_loadu_ps(src + i));
-        const __m128i b = Sigmoid255(_mm_loadu_ps(src + i + 4));
-        const __m128i c = Sigmoid255(_mm_loadu_ps(src + i + 8));
-        const __m128i d = Sigmoid255(_mm_loadu_ps(src + i + 12));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), PackToBytes(a, b, c, d));
-    }
-    const int rest = n % 16;
-    for (int i = n - rest; i < n; ++i) {
-        const double e = std::exp(static_cast<double>(-src[i]));
-        const double v = 1.0 / (e + 1.0) * 255.0;
-        // v lies in 0..255 (NaN input gives INT32_MIN); the low byte is kept.
-        dst[i] = static_cast<unsigned char>(_mm_cvttsd_si32(_mm_set_sd(v)));
-    }
+    ConvertBlocks<Sigmoid255, SigmoidTail>(src, dst, n);
 }
 
 }  // namespace internal

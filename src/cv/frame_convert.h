@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "../kit/qv_internal.h"
 #include "pixel_format.h"
@@ -47,6 +48,34 @@ inline bool IsInputFrameFormat(uint32_t pix_fmt) { return pixfmt::IsInputFrame(p
 inline bool IsTwoPlaneYUV(uint32_t pix_fmt) { return pixfmt::IsTwoPlane(pix_fmt); }
 inline bool IsBgraFrame(uint32_t pix_fmt) {
     return pixfmt::IsFourByteColour(pix_fmt) && pixfmt::Find(pix_fmt)->red_byte == 2;
+}
+
+// Refuses, through the core's Assert, a frame that is not an input frame;
+// every pipeline asks this first.
+inline bool RefusedFormat(const QVN_Image* img) {
+    if (IsInputFrameFormat(img->pix_fmt)) return false;
+    utility::Assert(false, "%s", kBadFormat);
+    return true;
+}
+
+// The output's size (t_h, t_w: the planar output's dims 1 and 2, the gray
+// output's dims 0 and 1) and the size the resize makes (r_h, r_w): exchanged
+// while a quarter turn is still to come, so that the turn lands on the
+// output's size. The gray output is never turned, but its resize size is
+// exchanged all the same.
+struct Sizes {
+    int t_h, t_w, r_h, r_w;
+};
+
+inline Sizes OutputSizes(const QVN_Image* img, const TensorPtr& o_tensor, bool gray) {
+    const std::vector<int32_t>& dims = o_tensor->shape().dims;
+    Sizes s;
+    s.t_h = gray ? dims[0] : dims[1];
+    s.t_w = gray ? dims[1] : dims[2];
+    const bool quarter = (img->ori_fmt & kQuarterTurns) != 0;
+    s.r_h = quarter ? s.t_w : s.t_h;
+    s.r_w = quarter ? s.t_h : s.t_w;
+    return s;
 }
 
 // The colour matrix handed to the two-plane converter (yuv_matrix.cpp).

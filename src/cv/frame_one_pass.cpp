@@ -194,22 +194,15 @@ constexpr const char* kOnePassGray =
 
 void OnePassPlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
                    uint8_t pad) {
-    if (!IsInputFrameFormat(img->pix_fmt)) {
-        utility::Assert(false, "%s", kBadFormat);
-        return;
-    }
+    if (RefusedFormat(img)) return;
     if (!OutputFits(o_tensor, false)) {
         utility::Assert(false, "%s: o_tensor must be a u8 CHW tensor {3, H, W} with storage",
                         kOnePassPlanar);
         return;
     }
     DeviceCPU* dev = o_tensor->device();
-    const std::vector<int32_t>& dims = o_tensor->shape().dims;
-    const int t_h = dims[1];
-    const int t_w = dims[2];
-    const bool quarter = (img->ori_fmt & kQuarterTurns) != 0;
-    const int r_h = quarter ? t_w : t_h;
-    const int r_w = quarter ? t_h : t_w;
+    const Sizes size = OutputSizes(img, o_tensor, /*gray=*/false);
+    const int t_h = size.t_h, t_w = size.t_w, r_h = size.r_h, r_w = size.r_w;
     const int fh = img->height;
     const int fw = img->width;
     uint8_t* out = o_tensor->data();
@@ -275,20 +268,15 @@ void OnePassPlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, const
 }
 
 void OnePassGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box, uint8_t pad) {
-    if (!IsInputFrameFormat(img->pix_fmt)) {
-        utility::Assert(false, "%s", kBadFormat);
-        return;
-    }
+    if (RefusedFormat(img)) return;
     if (!OutputFits(o_tensor, true)) {
         utility::Assert(false, "%s: o_tensor must be a u8 HWC tensor {H, W, 1} with storage",
                         kOnePassGray);
         return;
     }
     DeviceCPU* dev = o_tensor->device();
-    const std::vector<int32_t>& dims = o_tensor->shape().dims;
-    const int t_h = dims[0];
-    const int t_w = dims[1];
-    const bool quarter = (img->ori_fmt & kQuarterTurns) != 0;
+    const Sizes size = OutputSizes(img, o_tensor, /*gray=*/true);
+    const int t_h = size.t_h, t_w = size.t_w;
     const int fh = img->height;
     const int fw = img->width;
     const bool yuv = IsTwoPlaneYUV(img->pix_fmt);
@@ -310,11 +298,9 @@ void OnePassGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box, 
     }
     // Resized to the swapped size when a quarter turn is pending, never
     // turned: that picture fills the output row after row.
-    const int r_h = quarter ? t_w : t_h;
-    const int r_w = quarter ? t_h : t_w;
     const size_t n = static_cast<size_t>(t_h) * t_w;
     Scratch s({SlotBytes(in), n * 4});
-    ResizeRegion(in, s[0], s[1], r_w, r_h);
+    ResizeRegion(in, s[0], s[1], size.r_w, size.r_h);
     kernels::BgraToGray(s[1], o_tensor->data(), n);
 }
 

@@ -119,19 +119,13 @@ int WrapFrame(const QVN_Image* img, DeviceCPU* dev, Plane* planes, bool luma_onl
 
 void StepwisePlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
                     uint8_t pad_value) {
-    if (!IsInputFrameFormat(img->pix_fmt)) {
-        utility::Assert(false, "%s", kBadFormat);
-        return;
-    }
+    if (RefusedFormat(img)) return;
     DeviceCPU* dev = o_tensor->device();
-    const std::vector<int32_t>& dims = o_tensor->shape().dims;
-    const unsigned t_h = static_cast<unsigned>(dims[1]);
-    const unsigned t_w = static_cast<unsigned>(dims[2]);
-    // With a quarter turn still to come, resize to the turned size so that the
-    // turn lands on the output's size.
-    const bool quarter = (img->ori_fmt & kQuarterTurns) != 0;
-    const unsigned r_h = quarter ? t_w : t_h;
-    const unsigned r_w = quarter ? t_h : t_w;
+    const Sizes size = OutputSizes(img, o_tensor, /*gray=*/false);
+    const unsigned t_h = static_cast<unsigned>(size.t_h);
+    const unsigned t_w = static_cast<unsigned>(size.t_w);
+    const unsigned r_h = static_cast<unsigned>(size.r_h);
+    const unsigned r_w = static_cast<unsigned>(size.r_w);
 
     Plane planes[2] = {};
     const int count = WrapFrame(img, dev, planes);
@@ -158,19 +152,11 @@ void StepwisePlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, cons
 
 void StepwiseGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box,
                   uint8_t pad_value) {
-    if (!IsInputFrameFormat(img->pix_fmt)) {
-        utility::Assert(false, "%s", kBadFormat);
-        return;
-    }
+    if (RefusedFormat(img)) return;
     DeviceCPU* dev = o_tensor->device();
-    const std::vector<int32_t>& dims = o_tensor->shape().dims;
-    const unsigned t_h = static_cast<unsigned>(dims[0]);
-    const unsigned t_w = static_cast<unsigned>(dims[1]);
     // The gray output is never turned: the orientation only moves the crop box
     // and swaps the resize size.
-    const bool quarter = (img->ori_fmt & kQuarterTurns) != 0;
-    const unsigned r_h = quarter ? t_w : t_h;
-    const unsigned r_w = quarter ? t_h : t_w;
+    const Sizes size = OutputSizes(img, o_tensor, /*gray=*/true);
 
     Plane planes[2] = {};
     // Gray needs luma only: the chroma plane of a YUV frame is never touched.
@@ -182,7 +168,8 @@ void StepwiseGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box,
     }
     // RGBA frames go through the same B,G,R,A gray kernel (red and blue
     // weights in swapped roles): the behaviour detectors were tuned with.
-    StepPlanes(planes, 1, dev, r_h, r_w, nullptr);
+    StepPlanes(planes, 1, dev, static_cast<unsigned>(size.r_h), static_cast<unsigned>(size.r_w),
+               nullptr);
     F::F_ColorCvt_BGRA8888_To_Gray8_Fallback(planes[0].t, o_tensor);
 }
 
