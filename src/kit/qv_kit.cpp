@@ -1,13 +1,14 @@
-// qv_kit.cpp - the flat interface and its validators: version, log control,
-// image byte sizes and release of object-count results here; the entry
-// points of the validators (validators.cpp), of the result transforms
-// (result_transforms.h, result_calls.h) and of the image turns
+// qv_kit.cpp - the flat interface's services (version, log control, image
+// byte sizes, release of object-count results), and the entry points of the
+// validators (validators.cpp), the result transforms (result_transforms.h,
+// with the calls' refusals in result_calls.h) and the image turns
 // (image_turns.cpp), each a thin call into the code of its concern.
 #include <qvn_kit/qvn_kit.hpp>
 
 #include <quvas/utility/log.h>
 
 #include <cstdlib>
+#include <exception>
 
 #include "image_turns.h"
 #include "pixel_format.h"
