@@ -1,6 +1,8 @@
-// qv_cv_utils.cpp - crop geometry and affine matrices per orientation,
-// scalar inverse-affine bilinear warps, planar-to-interleaved conversion,
-// and small dense matrix utilities.
+// qv_cv_utils.cpp - crop geometry and affine matrices per orientation
+// (the matrices themselves in orientation_matrices.cpp), the scalar
+// inverse-affine bilinear warps (their kernel in scalar_warp.h) with their
+// image dispatcher, planar-to-interleaved conversion, and small dense matrix
+// utilities.
 #include <qvn_kit/qvn_kit.hpp>
 
 #include <quvas/utility/log.h>
@@ -14,6 +16,8 @@
 #include "kernels/planar.h"
 #include "kernels/row.h"
 #include "../kit/qv_internal.h"
+#include "orientation_matrices.h"
+#include "scalar_warp.h"
 
 // ===========================================================================
 // Affine matrices and crop geometry
@@ -22,73 +26,10 @@
 namespace quvas {
 namespace kit {
 
-namespace {
-
-// Writes six coefficients m0 m1 m2 / m3 m4 m5.
-inline void geom_put6(float* m, float a, float b, float c, float d, float e, float f) {
-    m[0] = a;
-    m[1] = b;
-    m[2] = c;
-    m[3] = d;
-    m[4] = e;
-    m[5] = f;
-}
-
-// The orientation flags by name.
-constexpr unsigned kTurnRight = QVN_ORIENT_FMT_ROTATE_90R;
-constexpr unsigned kTurnLeft = QVN_ORIENT_FMT_ROTATE_90L;
-constexpr unsigned kHalfTurn = QVN_ORIENT_FMT_ROTATE_180;
-constexpr unsigned kFlipV = QVN_ORIENT_FMT_FLIPV;
-constexpr unsigned kMirror = QVN_ORIENT_FMT_MIRROR;
-
-// The matrix tables switch on the whole orientation word: a flip combined
-// with a turn is its own entry (each equal to another word's matrix), and 64
-// (a half turn meant for boxes only) is not listed, so matrices treat it as
-// the identity.
-void geom_forward_matrix(unsigned ori, int width, int height, float* m) {
-    const float W = static_cast<float>(width) - 1.0f;
-    const float H = static_cast<float>(height) - 1.0f;
-    switch (ori) {
-        case kTurnRight: geom_put6(m, 0.f, -1.f, W, 1.f, 0.f, 0.f); break;
-        case kTurnLeft: geom_put6(m, 0.f, 1.f, 0.f, -1.f, 0.f, H); break;
-        case kHalfTurn: geom_put6(m, -1.f, 0.f, W, 0.f, -1.f, H); break;
-        case kFlipV:
-        case kHalfTurn | kMirror: geom_put6(m, 1.f, 0.f, 0.f, 0.f, -1.f, H); break;
-        case kFlipV | kTurnRight:
-        case kMirror | kTurnLeft: geom_put6(m, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f); break;
-        case kFlipV | kTurnLeft:
-        case kMirror | kTurnRight: geom_put6(m, 0.f, -1.f, W, -1.f, 0.f, H); break;
-        case kFlipV | kHalfTurn:
-        case kMirror: geom_put6(m, -1.f, 0.f, W, 0.f, 1.f, 0.f); break;
-        default: geom_put6(m, 1.f, 0.f, 0.f, 0.f, 1.f, 0.f); break;
-    }
-}
-
-void geom_inverse_matrix(unsigned ori, int width, int height, float* m) {
-    const float W = static_cast<float>(width) - 1.0f;
-    const float H = static_cast<float>(height) - 1.0f;
-    switch (ori) {
-        case kTurnRight: geom_put6(m, 0.f, 1.f, 0.f, -1.f, 0.f, W); break;
-        case kTurnLeft: geom_put6(m, 0.f, -1.f, H, 1.f, 0.f, 0.f); break;
-        case kHalfTurn: geom_put6(m, -1.f, 0.f, W, 0.f, -1.f, H); break;
-        case kFlipV:
-        case kHalfTurn | kMirror: geom_put6(m, 1.f, 0.f, 0.f, 0.f, -1.f, H); break;
-        case kFlipV | kTurnRight:
-        case kMirror | kTurnLeft: geom_put6(m, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f); break;
-        case kFlipV | kTurnLeft:
-        case kMirror | kTurnRight: geom_put6(m, 0.f, -1.f, H, -1.f, 0.f, W); break;
-        case kFlipV | kHalfTurn:
-        case kMirror: geom_put6(m, -1.f, 0.f, W, 0.f, 1.f, 0.f); break;
-        default: geom_put6(m, 1.f, 0.f, 0.f, 0.f, 1.f, 0.f); break;
-    }
-}
-
-}  // namespace
-
 void getAffineTransform(const unsigned& ori, const int& width, const int& height,
                         std::vector<float>& m) {
     // The caller hands a vector that already holds six elements.
-    geom_forward_matrix(ori, width, height, m.data());
+    internal::OrientationMatrix(ori, width, height, m.data());
 }
 
 void getAffineTransformInv(const unsigned& ori, const int& width, const int& height,
@@ -96,7 +37,7 @@ void getAffineTransformInv(const unsigned& ori, const int& width, const int& hei
     // Long-standing interface: the vector ends up empty and the coefficients
     // live in its reserved storage, read back through m.data().
     m.clear();
-    geom_inverse_matrix(ori, width, height, m.data());
+    internal::InverseOrientationMatrix(ori, width, height, m.data());
 }
 
 void Cropbox_Rectify(const QVN_Image* img, const bool& normalized, float& x0, float& y0,
@@ -130,19 +71,19 @@ void Cropbox_Rectify(QVN_ORIENT_FMT ori, float& x0, float& y0, float& x1, float&
     const float w = x1 - x0;
     const float h = y1 - y0;
     // One flip at most: a vertical flip takes precedence over a mirror.
-    if (o & kFlipV) {
+    if (o & QVN_ORIENT_FMT_FLIPV) {
         b = 1.0f - y1;
         d = 1.0f - y0;
-    } else if (o & kMirror) {
+    } else if (o & QVN_ORIENT_FMT_MIRROR) {
         a = 1.0f - x1;
         c = 1.0f - x0;
     }
-    if (o & kTurnLeft) {
+    if (o & QVN_ORIENT_FMT_ROTATE_90L) {
         x0 = b;
         y0 = 1.0f - (a + w);
         x1 = b + h;
         y1 = 1.0f - a;
-    } else if (o & kTurnRight) {
+    } else if (o & QVN_ORIENT_FMT_ROTATE_90R) {
         x0 = 1.0f - (b + h);
         y0 = a;
         x1 = 1.0f - b;
@@ -169,16 +110,16 @@ int rectify_cropbox(const QVN_Image* img, int& x0, int& y0, int& x1, int& y1, in
     const int x0in = x0;
     int ya = y0;
     int yb = y1;
-    if (o & kFlipV) {
+    if (o & QVN_ORIENT_FMT_FLIPV) {
         ya = B - (h + y0);
         yb = B - 1 - y0;
     }
-    if (o & kTurnLeft) {
+    if (o & QVN_ORIENT_FMT_ROTATE_90L) {
         x0 = ya;
         y0 = A - (w + x0in);
         x1 = ya + h - 1;
         y1 = A - 1 - x0in;
-    } else if (o & kTurnRight) {
+    } else if (o & QVN_ORIENT_FMT_ROTATE_90R) {
         x0 = B - (h + ya);
         y0 = x0in;
         x1 = B - 1 - ya;
@@ -335,76 +276,24 @@ void cal_crop_resize_inv_float_param(float x, float y, float crop_w, float crop_
 namespace quvas {
 namespace kit {
 
-namespace {
-
-// Truncation toward zero (internal::TruncToInt) gives INT_MIN for values out
-// of the int range or NaN, which then simply count as outside.
-using internal::TruncToInt;
-
-// Bilinear inverse-affine warp of K interleaved byte channels. Only points
-// whose 2 x 2 neighbourhood lies wholly in the source are sampled; every
-// other destination pixel keeps `border`.
-template <int K>
-void geom_affine_inv_bilinear(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
-                              int dst_w, int dst_h, unsigned char border, const float* M) {
-    std::memset(dst, border, static_cast<size_t>(dst_w) * static_cast<size_t>(dst_h) * K);
-    if (dst_h == 0 || dst_w == 0) return;
-    const float m0 = M[0], m1 = M[1], m2 = M[2], m3 = M[3], m4 = M[4], m5 = M[5];
-    const float right_edge = static_cast<float>(src_w - 1);
-    const float bottom_edge = static_cast<float>(src_h - 1);
-    const size_t pitch = static_cast<size_t>(src_w) * K;
-    for (int y = 0; y < dst_h; ++y) {
-        const float fy_pos = static_cast<float>(y);
-        unsigned char* out = dst + static_cast<size_t>(y) * dst_w * K;
-        for (int x = 0; x < dst_w; ++x, out += K) {
-            const float fx_pos = static_cast<float>(x);
-            const float sx = std::fma(fx_pos, m0, fy_pos * m1) + m2;
-            const int xi = TruncToInt(sx);
-            if (xi < 0) continue;
-            const float sy = std::fma(fy_pos, m4, fx_pos * m3) + m5;
-            const int yi = TruncToInt(sy);
-            if (yi < 0 || xi >= src_w - 1 || yi >= src_h - 1) continue;
-
-            // A point in (-1, 0) truncates onto row or column 0 and takes it whole.
-            const float fx = sx >= 0.0f ? sx - static_cast<float>(xi) : 0.0f;
-            const float fy = sy >= 0.0f ? sy - static_cast<float>(yi) : 0.0f;
-            const unsigned char* p00 = src + static_cast<size_t>(yi) * pitch + static_cast<size_t>(xi) * K;
-            const unsigned char* p01 = (sx > 0.0f && sx < right_edge) ? p00 + K : p00;
-            const size_t down = (sy >= 0.0f && sy < bottom_edge) ? pitch : 0;
-            const unsigned char* p10 = p00 + down;
-            const unsigned char* p11 = p01 + down;
-            const float gx = 1.0f - fx;
-            const float gy = 1.0f - fy;
-            for (int c = 0; c < K; ++c) {
-                const float top = std::fma(static_cast<float>(p00[c]), gx, static_cast<float>(p01[c]) * fx);
-                const float bottom = std::fma(static_cast<float>(p10[c]), gx, static_cast<float>(p11[c]) * fx);
-                const float v = std::fma(top, gy, bottom * fy);
-                out[c] = v > 255.0f ? 255 : static_cast<unsigned char>(static_cast<int>(v));
-            }
-        }
-    }
-}
-
-}  // namespace
-
 void affine_inv_image_bilinear_c1(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
                                   int dst_w, int dst_h, unsigned char border, float* M) {
-    geom_affine_inv_bilinear<1>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+    internal::AffineInvBilinear<1>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
 }
 
 void affine_inv_image_bilinear_c2(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
                                   int dst_w, int dst_h, unsigned char border, float* M) {
-    geom_affine_inv_bilinear<2>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+    internal::AffineInvBilinear<2>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
 }
 
 void affine_inv_image_bilinear_c3(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
                                   int dst_w, int dst_h, unsigned char border, float* M) {
-    geom_affine_inv_bilinear<3>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+    internal::AffineInvBilinear<3>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
 }
 
 void affine_inv_image_bilinear_c4(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
                                   int dst_w, int dst_h, unsigned char border, float* M) {
-    geom_affine_inv_bilinear<4>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+    internal::AffineInvBilinear<4>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
 }
 
 void affine_inv_qvimage_bilinear(const QVN_Image* src, QVN_Image* dst, unsigned char border,
