@@ -1,11 +1,11 @@
-// qv_cv_utils.cpp - crop geometry and affine matrices per orientation,
-// scalar inverse-affine bilinear warps, planar-to-interleaved conversion,
-// and small dense matrix utilities.
+// qv_cv_utils.cpp - crop geometry and affine matrices per orientation
+// (the matrices themselves in orientation_matrices.cpp), the scalar
+// inverse-affine bilinear warps (their kernel in scalar_warp.h) with their
+// image dispatcher, planar-to-interleaved conversion, and small dense matrix
+// utilities.
 #include <qvn_kit/qvn_kit.hpp>
 
 #include <quvas/utility/log.h>
-
-#include <immintrin.h>
 
 #include <algorithm>
 #include <cmath>
@@ -16,6 +16,8 @@
 #include "kernels/planar.h"
 #include "kernels/row.h"
 #include "../kit/qv_internal.h"
+#include "orientation_matrices.h"
+#include "scalar_warp.h"
 
 // ===========================================================================
 // Affine matrices and crop geometry
@@ -24,65 +26,10 @@
 namespace quvas {
 namespace kit {
 
-namespace {
-
-// Writes six coefficients m0 m1 m2 / m3 m4 m5.
-inline void geom_put6(float* m, float a, float b, float c, float d, float e, float f) {
-    m[0] = a;
-    m[1] = b;
-    m[2] = c;
-    m[3] = d;
-    m[4] = e;
-    m[5] = f;
-}
-
-// The matrix tables switch on the whole orientation word: a flip combined
-// with a turn is its own entry, and 64 (a half turn meant for boxes only)
-// is not listed, so matrices treat it as the identity.
-void geom_forward_matrix(unsigned ori, int width, int height, float* m) {
-    const float W = static_cast<float>(width) - 1.0f;
-    const float H = static_cast<float>(height) - 1.0f;
-    switch (ori) {
-        case 1: geom_put6(m, 0.f, -1.f, W, 1.f, 0.f, 0.f); break;
-        case 2: geom_put6(m, 0.f, 1.f, 0.f, -1.f, 0.f, H); break;
-        case 4: geom_put6(m, -1.f, 0.f, W, 0.f, -1.f, H); break;
-        case 8:
-        case 20: geom_put6(m, 1.f, 0.f, 0.f, 0.f, -1.f, H); break;
-        case 9:
-        case 18: geom_put6(m, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f); break;
-        case 10:
-        case 17: geom_put6(m, 0.f, -1.f, W, -1.f, 0.f, H); break;
-        case 12:
-        case 16: geom_put6(m, -1.f, 0.f, W, 0.f, 1.f, 0.f); break;
-        default: geom_put6(m, 1.f, 0.f, 0.f, 0.f, 1.f, 0.f); break;
-    }
-}
-
-void geom_inverse_matrix(unsigned ori, int width, int height, float* m) {
-    const float W = static_cast<float>(width) - 1.0f;
-    const float H = static_cast<float>(height) - 1.0f;
-    switch (ori) {
-        case 1: geom_put6(m, 0.f, 1.f, 0.f, -1.f, 0.f, W); break;
-        case 2: geom_put6(m, 0.f, -1.f, H, 1.f, 0.f, 0.f); break;
-        case 4: geom_put6(m, -1.f, 0.f, W, 0.f, -1.f, H); break;
-        case 8:
-        case 20: geom_put6(m, 1.f, 0.f, 0.f, 0.f, -1.f, H); break;
-        case 9:
-        case 18: geom_put6(m, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f); break;
-        case 10:
-        case 17: geom_put6(m, 0.f, -1.f, H, -1.f, 0.f, W); break;
-        case 12:
-        case 16: geom_put6(m, -1.f, 0.f, W, 0.f, 1.f, 0.f); break;
-        default: geom_put6(m, 1.f, 0.f, 0.f, 0.f, 1.f, 0.f); break;
-    }
-}
-
-}  // namespace
-
 void getAffineTransform(const unsigned& ori, const int& width, const int& height,
                         std::vector<float>& m) {
     // The caller hands a vector that already holds six elements.
-    geom_forward_matrix(ori, width, height, m.data());
+    internal::OrientationMatrix(ori, width, height, m.data());
 }
 
 void getAffineTransformInv(const unsigned& ori, const int& width, const int& height,
@@ -90,7 +37,7 @@ void getAffineTransformInv(const unsigned& ori, const int& width, const int& hei
     // Long-standing interface: the vector ends up empty and the coefficients
     // live in its reserved storage, read back through m.data().
     m.clear();
-    geom_inverse_matrix(ori, width, height, m.data());
+    internal::InverseOrientationMatrix(ori, width, height, m.data());
 }
 
 void Cropbox_Rectify(const QVN_Image* img, const bool& normalized, float& x0, float& y0,
@@ -124,24 +71,24 @@ void Cropbox_Rectify(QVN_ORIENT_FMT ori, float& x0, float& y0, float& x1, float&
     const float w = x1 - x0;
     const float h = y1 - y0;
     // One flip at most: a vertical flip takes precedence over a mirror.
-    if (o & 8u) {
+    if (o & QVN_ORIENT_FMT_FLIPV) {
         b = 1.0f - y1;
         d = 1.0f - y0;
-    } else if (o & 16u) {
+    } else if (o & QVN_ORIENT_FMT_MIRROR) {
         a = 1.0f - x1;
         c = 1.0f - x0;
     }
-    if (o & 2u) {
+    if (o & QVN_ORIENT_FMT_ROTATE_90L) {
         x0 = b;
         y0 = 1.0f - (a + w);
         x1 = b + h;
         y1 = 1.0f - a;
-    } else if (o & 1u) {
+    } else if (o & QVN_ORIENT_FMT_ROTATE_90R) {
         x0 = 1.0f - (b + h);
         y0 = a;
         x1 = 1.0f - b;
         y1 = a + w;
-    } else if (!(o & 4u) && !(o & 64u)) {
+    } else if (!(o & internal::kHalfTurns)) {
         x0 = a;
         y0 = b;
         x1 = c;
@@ -159,25 +106,25 @@ int rectify_cropbox(const QVN_Image* img, int& x0, int& y0, int& x1, int& y1, in
     const unsigned o = img->ori_fmt;
     int A = img->width;
     int B = img->height;
-    if (o & 3u) std::swap(A, B);
+    if (o & internal::kQuarterTurns) std::swap(A, B);
     const int x0in = x0;
     int ya = y0;
     int yb = y1;
-    if (o & 8u) {
+    if (o & QVN_ORIENT_FMT_FLIPV) {
         ya = B - (h + y0);
         yb = B - 1 - y0;
     }
-    if (o & 2u) {
+    if (o & QVN_ORIENT_FMT_ROTATE_90L) {
         x0 = ya;
         y0 = A - (w + x0in);
         x1 = ya + h - 1;
         y1 = A - 1 - x0in;
-    } else if (o & 1u) {
+    } else if (o & QVN_ORIENT_FMT_ROTATE_90R) {
         x0 = B - (h + ya);
         y0 = x0in;
         x1 = B - 1 - ya;
         y1 = x0in + w - 1;
-    } else if ((o & 4u) || (o & 64u)) {
+    } else if (o & internal::kHalfTurns) {
         x0 = (A - 1) - x1;
         y0 = (B - 1) - yb;
         x1 = (A - 1) - x0in;
@@ -230,6 +177,9 @@ void crop_for_image(const QVN_Image* src, QVN_Image& dst, int x0, int y0, int x1
     const int c1 = std::min(x1, src->width - 1);
     const int left = std::max(-x0, 0);
 
+    // This copy's own list of formats, not the pixel-format table's: it cuts
+    // only the two-plane formats 8 and 9 (whole chroma pairs) and format 1,
+    // and refuses gray; callers depend on exactly this list.
     switch (src->pix_fmt) {
         case QVN_PIX_FMT_BGRA8888:
         case QVN_PIX_FMT_RGBA8888:
@@ -326,76 +276,24 @@ void cal_crop_resize_inv_float_param(float x, float y, float crop_w, float crop_
 namespace quvas {
 namespace kit {
 
-namespace {
-
-// Truncation toward zero (internal::TruncToInt) gives INT_MIN for values out
-// of the int range or NaN, which then simply count as outside.
-using internal::TruncToInt;
-
-// Bilinear inverse-affine warp of K interleaved byte channels. Only points
-// whose 2 x 2 neighbourhood lies wholly in the source are sampled; every
-// other destination pixel keeps `border`.
-template <int K>
-void geom_affine_inv_bilinear(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
-                              int dst_w, int dst_h, unsigned char border, const float* M) {
-    std::memset(dst, border, static_cast<size_t>(dst_w) * static_cast<size_t>(dst_h) * K);
-    if (dst_h == 0 || dst_w == 0) return;
-    const float m0 = M[0], m1 = M[1], m2 = M[2], m3 = M[3], m4 = M[4], m5 = M[5];
-    const float right_edge = static_cast<float>(src_w - 1);
-    const float bottom_edge = static_cast<float>(src_h - 1);
-    const size_t pitch = static_cast<size_t>(src_w) * K;
-    for (int y = 0; y < dst_h; ++y) {
-        const float fy_pos = static_cast<float>(y);
-        unsigned char* out = dst + static_cast<size_t>(y) * dst_w * K;
-        for (int x = 0; x < dst_w; ++x, out += K) {
-            const float fx_pos = static_cast<float>(x);
-            const float sx = std::fma(fx_pos, m0, fy_pos * m1) + m2;
-            const int xi = TruncToInt(sx);
-            if (xi < 0) continue;
-            const float sy = std::fma(fy_pos, m4, fx_pos * m3) + m5;
-            const int yi = TruncToInt(sy);
-            if (yi < 0 || xi >= src_w - 1 || yi >= src_h - 1) continue;
-
-            // A point in (-1, 0) truncates onto row or column 0 and takes it whole.
-            const float fx = sx >= 0.0f ? sx - static_cast<float>(xi) : 0.0f;
-            const float fy = sy >= 0.0f ? sy - static_cast<float>(yi) : 0.0f;
-            const unsigned char* p00 = src + static_cast<size_t>(yi) * pitch + static_cast<size_t>(xi) * K;
-            const unsigned char* p01 = (sx > 0.0f && sx < right_edge) ? p00 + K : p00;
-            const size_t down = (sy >= 0.0f && sy < bottom_edge) ? pitch : 0;
-            const unsigned char* p10 = p00 + down;
-            const unsigned char* p11 = p01 + down;
-            const float gx = 1.0f - fx;
-            const float gy = 1.0f - fy;
-            for (int c = 0; c < K; ++c) {
-                const float top = std::fma(static_cast<float>(p00[c]), gx, static_cast<float>(p01[c]) * fx);
-                const float bottom = std::fma(static_cast<float>(p10[c]), gx, static_cast<float>(p11[c]) * fx);
-                const float v = std::fma(top, gy, bottom * fy);
-                out[c] = v > 255.0f ? 255 : static_cast<unsigned char>(static_cast<int>(v));
-            }
-        }
-    }
-}
-
-}  // namespace
-
 void affine_inv_image_bilinear_c1(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
                                   int dst_w, int dst_h, unsigned char border, float* M) {
-    geom_affine_inv_bilinear<1>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+    internal::AffineInvBilinear<1>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
 }
 
 void affine_inv_image_bilinear_c2(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
                                   int dst_w, int dst_h, unsigned char border, float* M) {
-    geom_affine_inv_bilinear<2>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+    internal::AffineInvBilinear<2>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
 }
 
 void affine_inv_image_bilinear_c3(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
                                   int dst_w, int dst_h, unsigned char border, float* M) {
-    geom_affine_inv_bilinear<3>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+    internal::AffineInvBilinear<3>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
 }
 
 void affine_inv_image_bilinear_c4(const unsigned char* src, int src_w, int src_h, unsigned char* dst,
                                   int dst_w, int dst_h, unsigned char border, float* M) {
-    geom_affine_inv_bilinear<4>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
+    internal::AffineInvBilinear<4>(src, src_w, src_h, dst, dst_w, dst_h, border, M);
 }
 
 void affine_inv_qvimage_bilinear(const QVN_Image* src, QVN_Image* dst, unsigned char border,
@@ -408,6 +306,11 @@ void affine_inv_qvimage_bilinear(const QVN_Image* src, QVN_Image* dst, unsigned 
     const unsigned char kChromaBorder = 128;
     const size_t sn = static_cast<size_t>(sw) * sh;
     const size_t dn = static_cast<size_t>(dw) * dh;
+    // The dispatch is this function's own, not the pixel-format table's: it
+    // leaves out formats 2, 3 and 4 and fills both chroma planes with 128
+    // whatever `border` says, where the vector dispatcher
+    // (AffineInvQvimageBilinearSSE) takes their border from `border`'s
+    // bytes 1 and 2. Both are what their callers rely on.
     switch (src->pix_fmt) {
         case QVN_PIX_FMT_BGRA8888:
         case QVN_PIX_FMT_RGBA8888:
