@@ -8,6 +8,7 @@
 #ifndef QVN_KIT_SRC_CV_FRAME_CONVERT_H
 #define QVN_KIT_SRC_CV_FRAME_CONVERT_H
 
+#include <qvn_kit/frame_view.hpp>
 #include <qvn_kit/qvn_kit.hpp>
 
 #include <quvas/qvn_core.h>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "../kit/qv_internal.h"
+#include "kernels/row.h"
 #include "pixel_format.h"
 
 namespace quvas {
@@ -67,28 +69,57 @@ struct Sizes {
     int t_h, t_w, r_h, r_w;
 };
 
-inline Sizes OutputSizes(const QVN_Image* img, const TensorPtr& o_tensor, bool gray) {
+inline Sizes OutputSizes(uint32_t ori_fmt, const TensorPtr& o_tensor, bool gray) {
     const std::vector<int32_t>& dims = o_tensor->shape().dims;
     Sizes s;
     s.t_h = gray ? dims[0] : dims[1];
     s.t_w = gray ? dims[1] : dims[2];
-    const bool quarter = (img->ori_fmt & kQuarterTurns) != 0;
+    const bool quarter = (ori_fmt & kQuarterTurns) != 0;
     s.r_h = quarter ? s.t_w : s.t_h;
     s.r_w = quarter ? s.t_h : s.t_w;
     return s;
 }
 
+// The crop box of the upright view moved into the frame (crop_w * crop_h > 0
+// activates it), and the output checks that report and let the work go on
+// (qv2_image_process.cpp).
+CropBox FrameCropBox(const QVN_Image* img, int crop_x, int crop_y, int crop_w, int crop_h);
+void CheckOutput(const TensorPtr& o_tensor, int32_t layout);
+
 // The colour matrix handed to the two-plane converter (yuv_matrix.cpp).
 std::shared_ptr<kernel::YUVCvtMatrix> MakeYUVMatrix(bool to_bgr, uint32_t pix_fmt);
 
-// The pipelines; each refuses a format that is not an input frame first.
+// A packed QVN_Image as a view over its memory: rows of width x bytes per
+// pixel, (w/2) x (h/2) chroma pairs right after the luma plane, the format's
+// own colour. Nothing is checked beyond what the format needs.
+FrameView ViewOfImage(const QVN_Image* img);
+
+// The fixed-point colour weights of a 4:2:0 view for the one-pass converter:
+// the format's own matrix where the view keeps the default description,
+// otherwise the textbook BT.601 / BT.709 conversion in the view's range, with
+// the chroma samples c0, c1 in the order they lie in memory (three-plane
+// frames are interleaved U, V). Limited range is expanded by the weights and
+// the bias, so it costs nothing extra (yuv_matrix.cpp).
+kernels::YuvFixed ViewYuvFixed(const FrameView& view, bool to_bgr);
+// The range a 4:2:0 view is read in, defaults resolved: the two-plane
+// formats are full range, three-plane frames limited (what an untagged
+// video stream is).
+bool ViewIsLimited(const FrameView& view);
+// n limited-range luma bytes stretched to full range in place:
+// round((Y - 16) * 255 / 219), clamped to 0..255.
+void ExpandLimitedLuma(uint8_t* data, size_t n);
+
+// The pipelines. The step-by-step ones refuse a format that is not an input
+// frame first; the one-pass ones take a view whose format the caller has
+// checked, and name `caller` in their refusal of an output they cannot fill.
 void StepwisePlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
                     uint8_t pad_value);
 void StepwiseGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box,
                   uint8_t pad_value);
-void OnePassPlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
-                   uint8_t pad);
-void OnePassGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box, uint8_t pad);
+void OnePassPlanar(const FrameView& view, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
+                   uint8_t pad, const char* caller);
+void OnePassGray(const FrameView& view, TensorPtr& o_tensor, const CropBox& box, uint8_t pad,
+                 const char* caller);
 
 }  // namespace internal
 }  // namespace kit

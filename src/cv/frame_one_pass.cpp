@@ -48,9 +48,9 @@ struct Region {
     uint8_t* slot[2];     // w * c bytes each, for rows that need padding
 };
 
-Region MakeRegion(const uint8_t* plane, int pw, int ph, int c, int x, int y, int w, int h,
+Region MakeRegion(const FramePlane& plane, int pw, int ph, int c, int x, int y, int w, int h,
                   uint8_t pad) {
-    Region r{plane, static_cast<ptrdiff_t>(pw) * c, pw, ph, x, y, w, h, c, pad, false, {}};
+    Region r{plane.data, plane.stride, pw, ph, x, y, w, h, c, pad, false, {}};
     r.columns_inside = x >= 0 && static_cast<int64_t>(x) + w <= pw;
     return r;
 }
@@ -185,76 +185,97 @@ bool OutputFits(const TensorPtr& o, bool gray) {
     return o->byte_size() >= bytes;
 }
 
-constexpr const char* kOnePassPlanar =
-    "QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU";
-constexpr const char* kOnePassGray =
-    "QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU";
+// Every byte of a w x h plane, read as the sample the crop region's
+// resize expects: the region of `box` (halved for chroma) or the whole plane.
+Region PlaneRegion(const FramePlane& plane, int pw, int ph, int c, const CropBox& box, bool half,
+                   uint8_t pad) {
+    if (!box.active) return MakeRegion(plane, pw, ph, c, 0, 0, pw, ph, pad);
+    if (!half) return MakeRegion(plane, pw, ph, c, box.x, box.y, box.w, box.h, pad);
+    return MakeRegion(plane, pw, ph, c, box.x / 2, box.y / 2, box.w / 2, box.h / 2, pad);
+}
+
+// n samples of one chroma plane into every second byte of interleaved pairs.
+void InterleaveInto(const uint8_t* src, uint8_t* dst, size_t n) {
+    for (size_t i = 0; i < n; ++i) dst[2 * i] = src[i];
+}
 
 }  // namespace
 
-void OnePassPlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
-                   uint8_t pad) {
-    if (RefusedFormat(img)) return;
+void OnePassPlanar(const FrameView& view, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
+                   uint8_t pad, const char* caller) {
     if (!OutputFits(o_tensor, false)) {
         utility::Assert(false, "%s: o_tensor must be a u8 CHW tensor {3, H, W} with storage",
-                        kOnePassPlanar);
+                        caller);
         return;
     }
     DeviceCPU* dev = o_tensor->device();
-    const Sizes size = OutputSizes(img, o_tensor, /*gray=*/false);
+    const Sizes size = OutputSizes(view.ori_fmt, o_tensor, /*gray=*/false);
     const int t_h = size.t_h, t_w = size.t_w, r_h = size.r_h, r_w = size.r_w;
-    const int fh = img->height;
-    const int fw = img->width;
+    const int fh = view.height;
+    const int fw = view.width;
     uint8_t* out = o_tensor->data();
     const size_t plane = static_cast<size_t>(t_h) * t_w;
+    const pixfmt::Layout layout = pixfmt::LayoutOf(view.pix_fmt);
 
-    if (IsTwoPlaneYUV(img->pix_fmt)) {
-        // The sizes the step-by-step path makes tensors of, in its order.
+    if (layout == pixfmt::Layout::kTwoPlane420 || layout == pixfmt::Layout::kThreePlane420) {
+        // The sizes the step-by-step path makes tensors of, in its order. A
+        // three-plane frame's chroma planes are the two bytes of its pairs.
+        const bool three = layout == pixfmt::Layout::kThreePlane420;
+        const Creator chroma_make =
+            three ? &DeviceCPU::CreateYPlane8BitTensor : &DeviceCPU::CreateUVPlane8BitTensor;
+        const int cc = three ? 1 : 2;
         MustBeCreatable(dev, &DeviceCPU::CreateYPlane8BitTensor, fh, fw, 1);
-        MustBeCreatable(dev, &DeviceCPU::CreateUVPlane8BitTensor, fh >> 1, fw >> 1, 2);
-        Region y = MakeRegion(img->data, fw, fh, 1, 0, 0, fw, fh, pad);
-        Region uv = MakeRegion(img->data + static_cast<size_t>(fh) * fw, fw >> 1, fh >> 1, 2, 0,
-                               0, fw >> 1, fh >> 1, pad);
+        MustBeCreatable(dev, chroma_make, fh >> 1, fw >> 1, cc);
         if (box.active) {
             MustBeCreatable(dev, &DeviceCPU::CreateYPlane8BitTensor, box.h, box.w, 1);
-            MustBeCreatable(dev, &DeviceCPU::CreateUVPlane8BitTensor, box.h / 2, box.w / 2, 2);
-            y = MakeRegion(img->data, fw, fh, 1, box.x, box.y, box.w, box.h, pad);
-            uv = MakeRegion(uv.plane, fw >> 1, fh >> 1, 2, box.x / 2, box.y / 2, box.w / 2,
-                            box.h / 2, pad);
+            MustBeCreatable(dev, chroma_make, box.h / 2, box.w / 2, cc);
         }
         MustBeCreatable(dev, &DeviceCPU::CreateYPlane8BitTensor, r_h, r_w, 1);
-        MustBeCreatable(dev, &DeviceCPU::CreateUVPlane8BitTensor, r_h >> 1, r_w >> 1, 2);
+        MustBeCreatable(dev, chroma_make, r_h >> 1, r_w >> 1, cc);
+        Region y = PlaneRegion(view.planes[0], fw, fh, 1, box, false, pad);
+        Region c0 = PlaneRegion(view.planes[1], fw >> 1, fh >> 1, cc, box, true, pad);
+        Region c1 = three ? PlaneRegion(view.planes[2], fw >> 1, fh >> 1, 1, box, true, pad) : c0;
         const size_t y_bytes = plane;
-        const size_t uv_bytes = static_cast<size_t>(t_h >> 1) * (t_w >> 1) * 2;
-        Scratch s({SlotBytes(y), SlotBytes(uv), y_bytes, y_bytes, y_bytes, uv_bytes, uv_bytes,
-                   uv_bytes});
+        const size_t pairs = static_cast<size_t>(t_h >> 1) * (t_w >> 1);
+        const size_t c_bytes = pairs * cc;
+        Scratch s({SlotBytes(y), SlotBytes(c0), y_bytes, y_bytes, y_bytes, c_bytes, c_bytes,
+                   c_bytes, three ? 2 * pairs : 0});
         ResizeRegion(y, s[0], s[2], r_w, r_h);
-        ResizeRegion(uv, s[1], s[5], r_w >> 1, r_h >> 1);
-        const uint8_t* yo = Orient(img->ori_fmt, s[2], r_w, r_h, 1, s[3], s[4]);
-        const uint8_t* uvo = Orient(img->ori_fmt, s[5], r_w >> 1, r_h >> 1, 2, s[6], s[7]);
-        std::shared_ptr<kernel::YUVCvtMatrix> matrix = MakeYUVMatrix(to_bgr, img->pix_fmt);
-        kernels::YuvFixed fixed;
-        kernels::MakeYuvFixed(matrix->m, &fixed);  // the kit's matrices are all in range
+        const uint8_t* yo = Orient(view.ori_fmt, s[2], r_w, r_h, 1, s[3], s[4]);
+        const uint8_t* uvo = nullptr;
+        if (!three) {
+            ResizeRegion(c0, s[1], s[5], r_w >> 1, r_h >> 1);
+            uvo = Orient(view.ori_fmt, s[5], r_w >> 1, r_h >> 1, 2, s[6], s[7]);
+        } else {
+            // U and V resized and turned one after the other as planes (the
+            // same arithmetic and moves, byte for byte, as interleaved
+            // pairs), then interleaved at the output's size.
+            for (int k = 0; k < 2; ++k) {
+                Region& c = k == 0 ? c0 : c1;
+                ResizeRegion(c, s[1], s[5], r_w >> 1, r_h >> 1);
+                const uint8_t* co = Orient(view.ori_fmt, s[5], r_w >> 1, r_h >> 1, 1, s[6], s[7]);
+                InterleaveInto(co, s[8] + k, pairs);
+            }
+            uvo = s[8];
+        }
+        const kernels::YuvFixed fixed = ViewYuvFixed(view, to_bgr);
         kernels::YuvToPlanes(yo, t_w, uvo, static_cast<ptrdiff_t>(t_w >> 1) * 2, t_w >> 1,
                              t_h >> 1, fixed, out, t_w, plane, t_w, t_h);
         return;
     }
-    const Creator make = IsBgraFrame(img->pix_fmt) ? &DeviceCPU::CreateBGRA8888Tensor
+    const Creator make = IsBgraFrame(view.pix_fmt) ? &DeviceCPU::CreateBGRA8888Tensor
                                                    : &DeviceCPU::CreateRGBA8888Tensor;
     MustBeCreatable(dev, make, fh, fw, 4);
-    Region in = MakeRegion(img->data, fw, fh, 4, 0, 0, fw, fh, pad);
-    if (box.active) {
-        MustBeCreatable(dev, make, box.h, box.w, 4);
-        in = MakeRegion(img->data, fw, fh, 4, box.x, box.y, box.w, box.h, pad);
-    }
+    if (box.active) MustBeCreatable(dev, make, box.h, box.w, 4);
+    Region in = PlaneRegion(view.planes[0], fw, fh, 4, box, false, pad);
     MustBeCreatable(dev, make, r_h, r_w, 4);
     Scratch s({SlotBytes(in), plane * 4, plane * 3, plane});
     ResizeRegion(in, s[0], s[1], r_w, r_h);
     // Plane p takes byte pick[p]: B,G,R output reads the pixels the other way.
-    const bool reads_as_bgra = IsBgraFrame(img->pix_fmt) != to_bgr;
+    const bool reads_as_bgra = IsBgraFrame(view.pix_fmt) != to_bgr;
     uint8_t* by_byte[3];
     for (int p = 0; p < 3; ++p) by_byte[reads_as_bgra ? 2 - p : p] = out + plane * p;
-    if ((img->ori_fmt & kOrientBits) == 0) {
+    if ((view.ori_fmt & kOrientBits) == 0) {
         kernels::SplitPlanes(s[1], 4, plane, by_byte[0], by_byte[1], by_byte[2]);
         return;
     }
@@ -263,42 +284,41 @@ void OnePassPlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, const
     uint8_t* split = s[2];
     kernels::SplitPlanes(s[1], 4, plane, split, split + plane, split + 2 * plane);
     for (int p = 0; p < 3; ++p) {
-        OrientInto(img->ori_fmt, split + plane * p, r_w, r_h, 1, by_byte[p], s[3]);
+        OrientInto(view.ori_fmt, split + plane * p, r_w, r_h, 1, by_byte[p], s[3]);
     }
 }
 
-void OnePassGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box, uint8_t pad) {
-    if (RefusedFormat(img)) return;
+void OnePassGray(const FrameView& view, TensorPtr& o_tensor, const CropBox& box, uint8_t pad,
+                 const char* caller) {
     if (!OutputFits(o_tensor, true)) {
         utility::Assert(false, "%s: o_tensor must be a u8 HWC tensor {H, W, 1} with storage",
-                        kOnePassGray);
+                        caller);
         return;
     }
     DeviceCPU* dev = o_tensor->device();
-    const Sizes size = OutputSizes(img, o_tensor, /*gray=*/true);
+    const Sizes size = OutputSizes(view.ori_fmt, o_tensor, /*gray=*/true);
     const int t_h = size.t_h, t_w = size.t_w;
-    const int fh = img->height;
-    const int fw = img->width;
-    const bool yuv = IsTwoPlaneYUV(img->pix_fmt);
+    const int fh = view.height;
+    const int fw = view.width;
+    const bool yuv = pixfmt::IsFourTwoZero(view.pix_fmt);
     const int c = yuv ? 1 : 4;
     const Creator make = yuv ? &DeviceCPU::CreateYPlane8BitTensor
-                         : IsBgraFrame(img->pix_fmt) ? &DeviceCPU::CreateBGRA8888Tensor
+                         : IsBgraFrame(view.pix_fmt) ? &DeviceCPU::CreateBGRA8888Tensor
                                                      : &DeviceCPU::CreateRGBA8888Tensor;
     MustBeCreatable(dev, make, fh, fw, c);
-    Region in = MakeRegion(img->data, fw, fh, c, 0, 0, fw, fh, pad);
-    if (box.active) {
-        MustBeCreatable(dev, make, box.h, box.w, c);
-        in = MakeRegion(img->data, fw, fh, c, box.x, box.y, box.w, box.h, pad);
-    }
+    if (box.active) MustBeCreatable(dev, make, box.h, box.w, c);
+    Region in = PlaneRegion(view.planes[0], fw, fh, c, box, false, pad);
+    const size_t n = static_cast<size_t>(t_h) * t_w;
     if (yuv) {
-        // Luma resized straight into the output, at the output's own size.
+        // Luma resized straight into the output, at the output's own size;
+        // limited-range luma is then stretched to 0..255 in place.
         Scratch s({SlotBytes(in)});
         ResizeRegion(in, s[0], o_tensor->data(), t_w, t_h);
+        if (ViewIsLimited(view)) ExpandLimitedLuma(o_tensor->data(), n);
         return;
     }
     // Resized to the swapped size when a quarter turn is pending, never
     // turned: that picture fills the output row after row.
-    const size_t n = static_cast<size_t>(t_h) * t_w;
     Scratch s({SlotBytes(in), n * 4});
     ResizeRegion(in, s[0], s[1], size.r_w, size.r_h);
     kernels::BgraToGray(s[1], o_tensor->data(), n);

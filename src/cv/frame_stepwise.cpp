@@ -121,7 +121,7 @@ void StepwisePlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, cons
                     uint8_t pad_value) {
     if (RefusedFormat(img)) return;
     DeviceCPU* dev = o_tensor->device();
-    const Sizes size = OutputSizes(img, o_tensor, /*gray=*/false);
+    const Sizes size = OutputSizes(img->ori_fmt, o_tensor, /*gray=*/false);
     const unsigned t_h = static_cast<unsigned>(size.t_h);
     const unsigned t_w = static_cast<unsigned>(size.t_w);
     const unsigned r_h = static_cast<unsigned>(size.r_h);
@@ -156,7 +156,7 @@ void StepwiseGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box,
     DeviceCPU* dev = o_tensor->device();
     // The gray output is never turned: the orientation only moves the crop box
     // and swaps the resize size.
-    const Sizes size = OutputSizes(img, o_tensor, /*gray=*/true);
+    const Sizes size = OutputSizes(img->ori_fmt, o_tensor, /*gray=*/true);
 
     Plane planes[2] = {};
     // Gray needs luma only: the chroma plane of a YUV frame is never touched.

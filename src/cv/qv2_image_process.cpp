@@ -22,12 +22,15 @@ using internal::CropBox;
 using internal::kLayoutGray;
 using internal::kLayoutPlanar;
 
-namespace {
+namespace internal {
 
-using internal::TruncToInt;
-using internal::WrapAdd;
-using internal::WrapMul;
-using internal::WrapSub;
+namespace {
+constexpr const char* kOnePassPlanar =
+    "QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU";
+constexpr const char* kOnePassGray =
+    "QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU";
+}  // namespace
+
 using runtime::data_type::kUInt8;
 using runtime::location::kMainMemory;
 
@@ -60,7 +63,10 @@ void CheckOutput(const TensorPtr& o_tensor, int32_t layout) {
                     "o_tensor must be a MainMemory Location Tensor.");
 }
 
-}  // namespace
+}  // namespace internal
+
+using internal::CheckOutput;
+using internal::FrameCropBox;
 
 QVN_API void QV_BinlinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
     const QVN_Image* img, TensorPtr& o_tensor, const bool& to_bgr) {
@@ -101,7 +107,9 @@ QVN_API void QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_T
     const int& crop_y, const int& crop_w, const int& crop_h, const unsigned char& pad_value) {
     CheckOutput(o_tensor, kLayoutPlanar);
     const CropBox box = FrameCropBox(img, crop_x, crop_y, crop_w, crop_h);
-    internal::OnePassPlanar(img, o_tensor, to_bgr, box, pad_value);
+    if (internal::RefusedFormat(img)) return;
+    internal::OnePassPlanar(internal::ViewOfImage(img), o_tensor, to_bgr, box, pad_value,
+                            internal::kOnePassPlanar);
 }
 
 QVN_API void QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
@@ -109,7 +117,9 @@ QVN_API void QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_T
     const int& crop_w, const int& crop_h, const unsigned char& pad_value) {
     CheckOutput(o_tensor, kLayoutGray);
     const CropBox box = FrameCropBox(img, crop_x, crop_y, crop_w, crop_h);
-    internal::OnePassGray(img, o_tensor, box, pad_value);
+    if (internal::RefusedFormat(img)) return;
+    internal::OnePassGray(internal::ViewOfImage(img), o_tensor, box, pad_value,
+                          internal::kOnePassGray);
 }
 
 }  // namespace kit

@@ -16,7 +16,7 @@ namespace internal {
 // alive on a thread at a time: the pieces of a second would share the bytes.
 class Scratch {
 public:
-    // Carves `sizes[i]` bytes for piece i (at most eight), each 64-byte aligned.
+    // Carves `sizes[i]` bytes for piece i (at most twelve), each 64-byte aligned.
     explicit Scratch(std::initializer_list<size_t> sizes);
     // A buffer grown past kKeepBytes for an unusually large output is given
     // back here, when the call ends.
@@ -28,7 +28,7 @@ public:
     static constexpr size_t kKeepBytes = size_t{16} << 20;
 
 private:
-    size_t offsets_[8] = {};
+    size_t offsets_[12] = {};
     int count_ = 0;
     uint8_t* base_ = nullptr;
 };
