@@ -16,9 +16,17 @@
 // OpenCV converts NV21 with its own BT.601 video-range weights, so its bytes
 // differ from the kit's matrix; the work per pixel is the same.
 //
+// I420 is a decoder's frame (FFmpeg's yuv420p): three planes whose rows are
+// padded to a 64-byte multiple plus one cache line, as decoders pad them,
+// read in place through a FrameView in BT.601 limited range (an untagged
+// standard-definition stream is read so; here the description is given).
+// OpenCV's pipelines work plane by plane and convert with COLOR_YUV2RGB_I420
+// (BT.601 limited) on the small image.
+//
 // The Step_* benchmarks time each core kernel of the kit's path on its own,
 // with the tensors made beforehand; Alloc_* time making a zero-filled owned
 // tensor of that size.
+#include <qvn_kit/frame_view.hpp>
 #include <qvn_kit/qvn_kit.hpp>
 
 #include <quvas/qvn_core.h>
@@ -57,6 +65,27 @@ struct Setup {
         bgra.resize(static_cast<size_t>(kW) * kH * 4);
         for (uint8_t& b : nv21) b = static_cast<uint8_t>(rng() >> 24);
         for (uint8_t& b : bgra) b = static_cast<uint8_t>(rng() >> 24);
+        i420.resize(static_cast<size_t>(kLumaStride) * kH + 2 * kChromaStride * (kH / 2));
+        for (uint8_t& b : i420) b = static_cast<uint8_t>(rng() >> 24);
+    }
+    static constexpr int kLumaStride = kW + 64, kChromaStride = kW / 2 + 64;
+    uint8_t* I420Plane(int p) {
+        return i420.data() + (p == 0 ? 0
+                                     : static_cast<size_t>(kLumaStride) * kH +
+                                           static_cast<size_t>(p - 1) * kChromaStride * (kH / 2));
+    }
+    quvas::kit::FrameView View() {
+        quvas::kit::FrameView v;
+        v.pix_fmt = QVN_PIX_FMT_YUV420_A;
+        v.ori_fmt = kOri;
+        v.width = kW;
+        v.height = kH;
+        v.planes[0] = {I420Plane(0), kLumaStride};
+        v.planes[1] = {I420Plane(1), kChromaStride};
+        v.planes[2] = {I420Plane(2), kChromaStride};
+        v.matrix = quvas::kit::YuvMatrix::kBT601;
+        v.range = quvas::kit::YuvRange::kLimited;
+        return v;
     }
     QVN_Image Image(uint32_t fmt) {
         QVN_Image img{};
@@ -69,7 +98,7 @@ struct Setup {
         img.data = fmt == QVN_PIX_FMT_BGRA8888 ? bgra.data() : nv21.data();
         return img;
     }
-    std::vector<uint8_t> nv21, bgra;
+    std::vector<uint8_t> nv21, bgra, i420;
     DeviceCPU device;
 };
 
@@ -121,6 +150,16 @@ void BM_Kit(benchmark::State& state) {
             kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
                 &img, out, false, kCropX, kCropY, kCropSize, kCropSize, 0);
         }
+        benchmark::DoNotOptimize(out->data());
+    });
+}
+
+void BM_Kit_I420_View(benchmark::State& state) {
+    const quvas::kit::FrameView view = S().View();
+    TensorPtr out = S().device.CreateTensor(TensorShape({3, kOut, kOut}, 7, 0), nullptr);
+    TimeFrames(state, [&] {
+        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(
+            view, out, false, kCropX, kCropY, kCropSize, kCropSize, 0);
         benchmark::DoNotOptimize(out->data());
     });
 }
@@ -229,6 +268,54 @@ void BM_CV_BGRA_Planar_Warp(benchmark::State& state) {
         cv::warpAffine(in, t, m, cv::Size(kOut, kOut), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
                        cv::BORDER_CONSTANT, cv::Scalar::all(0));
         BgraToPlanes(t, out.data());
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+
+// The three turned planes laid out as one I420 image, then converted.
+void I420ToPlanes(const cv::Mat* planes, cv::Mat& i420, cv::Mat& rgb, uint8_t* out) {
+    planes[0].copyTo(i420(cv::Rect(0, 0, kOut, kOut)));
+    const int q = (kOut / 2) * (kOut / 2);
+    std::memcpy(i420.ptr(kOut), planes[1].data, q);
+    std::memcpy(i420.ptr(kOut) + q, planes[2].data, q);
+    cv::cvtColor(i420, rgb, cv::COLOR_YUV2RGB_I420);
+    SplitInto(rgb, out);
+}
+
+cv::Mat I420Mat(int p) {
+    const int div = p == 0 ? 1 : 2;
+    return cv::Mat(kH / div, kW / div, CV_8UC1, S().I420Plane(p),
+                   p == 0 ? Setup::kLumaStride : Setup::kChromaStride);
+}
+
+void BM_CV_I420_Planar_Steps(benchmark::State& state) {
+    std::vector<uint8_t> out(3 * kOut * kOut);
+    cv::Mat r[3], t[3], i420(kOut * 3 / 2, kOut, CV_8UC1), rgb;
+    for (auto _ : state) {
+        for (int p = 0; p < 3; ++p) {
+            const int div = p == 0 ? 1 : 2;
+            cv::resize(PaddedCrop(I420Mat(p), kFx / div, kFy / div, kCropSize / div, kCropSize / div),
+                       r[p], cv::Size(kOut / div, kOut / div), 0, 0, cv::INTER_LINEAR);
+            cv::rotate(r[p], t[p], cv::ROTATE_90_CLOCKWISE);
+        }
+        I420ToPlanes(t, i420, rgb, out.data());
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+
+void BM_CV_I420_Planar_Warp(benchmark::State& state) {
+    std::vector<uint8_t> out(3 * kOut * kOut);
+    const cv::Mat m[2] = {TurnedCropMap(kFx, kFy, kCropSize, kOut),
+                          TurnedCropMap(kFx / 2, kFy / 2, kCropSize / 2, kOut / 2)};
+    cv::Mat t[3], i420(kOut * 3 / 2, kOut, CV_8UC1), rgb;
+    for (auto _ : state) {
+        for (int p = 0; p < 3; ++p) {
+            const int div = p == 0 ? 1 : 2;
+            cv::warpAffine(I420Mat(p), t[p], m[p == 0 ? 0 : 1], cv::Size(kOut / div, kOut / div),
+                           cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_CONSTANT,
+                           cv::Scalar::all(0));
+        }
+        I420ToPlanes(t, i420, rgb, out.data());
         benchmark::DoNotOptimize(out.data());
     }
 }
@@ -374,6 +461,9 @@ BENCHMARK(BM_Kit<QVN_PIX_FMT_YUV420SP_D, false, false>)->Name("FrameToTensor_NV2
 BENCHMARK(BM_Kit<QVN_PIX_FMT_YUV420SP_D, false, true>)->Name("FrameToTensor_NV21_Planar/ours-onepass")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_NV21_Planar_Steps)->Name("FrameToTensor_NV21_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_NV21_Planar_Warp)->Name("FrameToTensor_NV21_Planar/opencv-warp")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Kit_I420_View)->Name("FrameToTensor_I420_Planar/ours-onepass")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_I420_Planar_Steps)->Name("FrameToTensor_I420_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_I420_Planar_Warp)->Name("FrameToTensor_I420_Planar/opencv-warp")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Kit<QVN_PIX_FMT_BGRA8888, false, false>)->Name("FrameToTensor_BGRA_Planar/ours")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Kit<QVN_PIX_FMT_BGRA8888, false, true>)->Name("FrameToTensor_BGRA_Planar/ours-onepass")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CV_BGRA_Planar_Steps)->Name("FrameToTensor_BGRA_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);

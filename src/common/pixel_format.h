@@ -37,31 +37,34 @@ struct Format {
     int8_t red_byte;        // packed colour: where R sits in a pixel; -1 for none
     bool chroma_vu;         // 4:2:0: the V sample precedes the U sample
     int8_t yuv_weights;     // 4:2:0 input frames: row of the converters' weight table; -1 none
-    bool input_frame;       // the frame-to-tensor converters take it
+    bool input_frame;       // the QVN_Image frame-to-tensor converters take it
     bool input_image;       // the image validator accepts it as an input
+    bool view_frame;        // the FrameView converters take it
 };
 
-// Rows in QVN_PIX_FMT order, so Find() is an index. The weight rows are the
+// Rows in QVN_PIX_FMT order, so Find() is an index. Three-plane 4:2:0
+// ("i420": Y, U, V planes, FFmpeg's yuv420p) is taken only by the FrameView
+// converters, whose planes are always given as Y, U, V. The weight rows are the
 // order of the converters' YUV weight table: 0 BT.709, 1 BT.601 full range,
 // 2 BT.601 in 64ths, 3 the same with V first. Two-plane formats 2, 3 and 8
 // carry U first; the chroma order of format 9 lives in its weights as well.
 constexpr Format kFormats[] = {
-    {QVN_PIX_FMT_UNKNOW, nullptr, Layout::kInvalid, 0, -1, false, -1, false, false},
-    {QVN_PIX_FMT_YUV420_A, nullptr, Layout::kThreePlane420, 1, -1, false, -1, false, true},
-    {QVN_PIX_FMT_YUV420SP_A, "yuv420sp_a", Layout::kTwoPlane420, 1, -1, false, 0, true, true},
-    {QVN_PIX_FMT_YUV420SP_B, "yuv420sp_b", Layout::kTwoPlane420, 1, -1, false, 1, true, true},
-    {QVN_PIX_FMT_YUV420_B, nullptr, Layout::kThreePlane420, 1, -1, false, -1, false, true},
-    {QVN_PIX_FMT_BGRA8888, "bgra", Layout::kPacked, 4, 2, false, -1, true, true},
-    {QVN_PIX_FMT_RGBA8888, "rgba", Layout::kPacked, 4, 0, false, -1, true, true},
-    {QVN_PIX_FMT_GRAY8, nullptr, Layout::kPacked, 1, -1, false, -1, false, false},
-    {QVN_PIX_FMT_YUV420SP_C, "nv12", Layout::kTwoPlane420, 1, -1, false, 2, true, true},
-    {QVN_PIX_FMT_YUV420SP_D, "nv21", Layout::kTwoPlane420, 1, -1, true, 3, true, true},
-    {QVN_PIX_FMT_RGB888, nullptr, Layout::kPacked, 3, 0, false, -1, false, true},
-    {QVN_PIX_FMT_BGR888, nullptr, Layout::kPacked, 3, 2, false, -1, false, true},
-    {QVN_PIX_FMT_4BPP, nullptr, Layout::kPacked, 4, -1, false, -1, false, false},
-    {QVN_PIX_FMT_U8_CN, nullptr, Layout::kChannels, 0, -1, false, -1, false, false},
-    {QVN_PIX_FMT_F32_CN, nullptr, Layout::kFloatChannels, 0, -1, false, -1, false, false},
-    {QVN_PIX_FMT_ERROR, nullptr, Layout::kInvalid, 0, -1, false, -1, false, false},
+    {QVN_PIX_FMT_UNKNOW, nullptr, Layout::kInvalid, 0, -1, false, -1, false, false, false},
+    {QVN_PIX_FMT_YUV420_A, "i420", Layout::kThreePlane420, 1, -1, false, -1, false, true, true},
+    {QVN_PIX_FMT_YUV420SP_A, "yuv420sp_a", Layout::kTwoPlane420, 1, -1, false, 0, true, true, true},
+    {QVN_PIX_FMT_YUV420SP_B, "yuv420sp_b", Layout::kTwoPlane420, 1, -1, false, 1, true, true, true},
+    {QVN_PIX_FMT_YUV420_B, nullptr, Layout::kThreePlane420, 1, -1, false, -1, false, true, false},
+    {QVN_PIX_FMT_BGRA8888, "bgra", Layout::kPacked, 4, 2, false, -1, true, true, true},
+    {QVN_PIX_FMT_RGBA8888, "rgba", Layout::kPacked, 4, 0, false, -1, true, true, true},
+    {QVN_PIX_FMT_GRAY8, nullptr, Layout::kPacked, 1, -1, false, -1, false, false, false},
+    {QVN_PIX_FMT_YUV420SP_C, "nv12", Layout::kTwoPlane420, 1, -1, false, 2, true, true, true},
+    {QVN_PIX_FMT_YUV420SP_D, "nv21", Layout::kTwoPlane420, 1, -1, true, 3, true, true, true},
+    {QVN_PIX_FMT_RGB888, nullptr, Layout::kPacked, 3, 0, false, -1, false, true, false},
+    {QVN_PIX_FMT_BGR888, nullptr, Layout::kPacked, 3, 2, false, -1, false, true, false},
+    {QVN_PIX_FMT_4BPP, nullptr, Layout::kPacked, 4, -1, false, -1, false, false, false},
+    {QVN_PIX_FMT_U8_CN, nullptr, Layout::kChannels, 0, -1, false, -1, false, false, false},
+    {QVN_PIX_FMT_F32_CN, nullptr, Layout::kFloatChannels, 0, -1, false, -1, false, false, false},
+    {QVN_PIX_FMT_ERROR, nullptr, Layout::kInvalid, 0, -1, false, -1, false, false, false},
 };
 constexpr size_t kFormatCount = sizeof(kFormats) / sizeof(kFormats[0]);
 
@@ -114,6 +117,11 @@ constexpr bool IsFourByteColour(uint32_t id) {
 }
 
 constexpr bool IsInputFrame(uint32_t id) { return Find(id) != nullptr && Find(id)->input_frame; }
+constexpr bool IsViewFrame(uint32_t id) { return Find(id) != nullptr && Find(id)->view_frame; }
+
+// Three-plane 4:2:0 in one buffer comes in two plane orders; both are the
+// three-plane format, the second with its chroma planes exchanged.
+constexpr const char* kYV12Name = "yv12";  // Y, then V, then U
 
 // Bytes of a tightly packed image in 64-bit arithmetic; 0 for a format with
 // no layout or for sides that are not positive. 4:2:0 frames count

@@ -5,8 +5,6 @@
 
 #include <quvas/utility/log.h>
 
-#include <immintrin.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -36,24 +34,32 @@ inline void geom_put6(float* m, float a, float b, float c, float d, float e, flo
     m[5] = f;
 }
 
+// The orientation flags by name.
+constexpr unsigned kTurnRight = QVN_ORIENT_FMT_ROTATE_90R;
+constexpr unsigned kTurnLeft = QVN_ORIENT_FMT_ROTATE_90L;
+constexpr unsigned kHalfTurn = QVN_ORIENT_FMT_ROTATE_180;
+constexpr unsigned kFlipV = QVN_ORIENT_FMT_FLIPV;
+constexpr unsigned kMirror = QVN_ORIENT_FMT_MIRROR;
+
 // The matrix tables switch on the whole orientation word: a flip combined
-// with a turn is its own entry, and 64 (a half turn meant for boxes only)
-// is not listed, so matrices treat it as the identity.
+// with a turn is its own entry (each equal to another word's matrix), and 64
+// (a half turn meant for boxes only) is not listed, so matrices treat it as
+// the identity.
 void geom_forward_matrix(unsigned ori, int width, int height, float* m) {
     const float W = static_cast<float>(width) - 1.0f;
     const float H = static_cast<float>(height) - 1.0f;
     switch (ori) {
-        case 1: geom_put6(m, 0.f, -1.f, W, 1.f, 0.f, 0.f); break;
-        case 2: geom_put6(m, 0.f, 1.f, 0.f, -1.f, 0.f, H); break;
-        case 4: geom_put6(m, -1.f, 0.f, W, 0.f, -1.f, H); break;
-        case 8:
-        case 20: geom_put6(m, 1.f, 0.f, 0.f, 0.f, -1.f, H); break;
-        case 9:
-        case 18: geom_put6(m, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f); break;
-        case 10:
-        case 17: geom_put6(m, 0.f, -1.f, W, -1.f, 0.f, H); break;
-        case 12:
-        case 16: geom_put6(m, -1.f, 0.f, W, 0.f, 1.f, 0.f); break;
+        case kTurnRight: geom_put6(m, 0.f, -1.f, W, 1.f, 0.f, 0.f); break;
+        case kTurnLeft: geom_put6(m, 0.f, 1.f, 0.f, -1.f, 0.f, H); break;
+        case kHalfTurn: geom_put6(m, -1.f, 0.f, W, 0.f, -1.f, H); break;
+        case kFlipV:
+        case kHalfTurn | kMirror: geom_put6(m, 1.f, 0.f, 0.f, 0.f, -1.f, H); break;
+        case kFlipV | kTurnRight:
+        case kMirror | kTurnLeft: geom_put6(m, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f); break;
+        case kFlipV | kTurnLeft:
+        case kMirror | kTurnRight: geom_put6(m, 0.f, -1.f, W, -1.f, 0.f, H); break;
+        case kFlipV | kHalfTurn:
+        case kMirror: geom_put6(m, -1.f, 0.f, W, 0.f, 1.f, 0.f); break;
         default: geom_put6(m, 1.f, 0.f, 0.f, 0.f, 1.f, 0.f); break;
     }
 }
@@ -62,17 +68,17 @@ void geom_inverse_matrix(unsigned ori, int width, int height, float* m) {
     const float W = static_cast<float>(width) - 1.0f;
     const float H = static_cast<float>(height) - 1.0f;
     switch (ori) {
-        case 1: geom_put6(m, 0.f, 1.f, 0.f, -1.f, 0.f, W); break;
-        case 2: geom_put6(m, 0.f, -1.f, H, 1.f, 0.f, 0.f); break;
-        case 4: geom_put6(m, -1.f, 0.f, W, 0.f, -1.f, H); break;
-        case 8:
-        case 20: geom_put6(m, 1.f, 0.f, 0.f, 0.f, -1.f, H); break;
-        case 9:
-        case 18: geom_put6(m, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f); break;
-        case 10:
-        case 17: geom_put6(m, 0.f, -1.f, H, -1.f, 0.f, W); break;
-        case 12:
-        case 16: geom_put6(m, -1.f, 0.f, W, 0.f, 1.f, 0.f); break;
+        case kTurnRight: geom_put6(m, 0.f, 1.f, 0.f, -1.f, 0.f, W); break;
+        case kTurnLeft: geom_put6(m, 0.f, -1.f, H, 1.f, 0.f, 0.f); break;
+        case kHalfTurn: geom_put6(m, -1.f, 0.f, W, 0.f, -1.f, H); break;
+        case kFlipV:
+        case kHalfTurn | kMirror: geom_put6(m, 1.f, 0.f, 0.f, 0.f, -1.f, H); break;
+        case kFlipV | kTurnRight:
+        case kMirror | kTurnLeft: geom_put6(m, 0.f, 1.f, 0.f, 1.f, 0.f, 0.f); break;
+        case kFlipV | kTurnLeft:
+        case kMirror | kTurnRight: geom_put6(m, 0.f, -1.f, H, -1.f, 0.f, W); break;
+        case kFlipV | kHalfTurn:
+        case kMirror: geom_put6(m, -1.f, 0.f, W, 0.f, 1.f, 0.f); break;
         default: geom_put6(m, 1.f, 0.f, 0.f, 0.f, 1.f, 0.f); break;
     }
 }
@@ -124,24 +130,24 @@ void Cropbox_Rectify(QVN_ORIENT_FMT ori, float& x0, float& y0, float& x1, float&
     const float w = x1 - x0;
     const float h = y1 - y0;
     // One flip at most: a vertical flip takes precedence over a mirror.
-    if (o & 8u) {
+    if (o & kFlipV) {
         b = 1.0f - y1;
         d = 1.0f - y0;
-    } else if (o & 16u) {
+    } else if (o & kMirror) {
         a = 1.0f - x1;
         c = 1.0f - x0;
     }
-    if (o & 2u) {
+    if (o & kTurnLeft) {
         x0 = b;
         y0 = 1.0f - (a + w);
         x1 = b + h;
         y1 = 1.0f - a;
-    } else if (o & 1u) {
+    } else if (o & kTurnRight) {
         x0 = 1.0f - (b + h);
         y0 = a;
         x1 = 1.0f - b;
         y1 = a + w;
-    } else if (!(o & 4u) && !(o & 64u)) {
+    } else if (!(o & internal::kHalfTurns)) {
         x0 = a;
         y0 = b;
         x1 = c;
@@ -159,25 +165,25 @@ int rectify_cropbox(const QVN_Image* img, int& x0, int& y0, int& x1, int& y1, in
     const unsigned o = img->ori_fmt;
     int A = img->width;
     int B = img->height;
-    if (o & 3u) std::swap(A, B);
+    if (o & internal::kQuarterTurns) std::swap(A, B);
     const int x0in = x0;
     int ya = y0;
     int yb = y1;
-    if (o & 8u) {
+    if (o & kFlipV) {
         ya = B - (h + y0);
         yb = B - 1 - y0;
     }
-    if (o & 2u) {
+    if (o & kTurnLeft) {
         x0 = ya;
         y0 = A - (w + x0in);
         x1 = ya + h - 1;
         y1 = A - 1 - x0in;
-    } else if (o & 1u) {
+    } else if (o & kTurnRight) {
         x0 = B - (h + ya);
         y0 = x0in;
         x1 = B - 1 - ya;
         y1 = x0in + w - 1;
-    } else if ((o & 4u) || (o & 64u)) {
+    } else if (o & internal::kHalfTurns) {
         x0 = (A - 1) - x1;
         y0 = (B - 1) - yb;
         x1 = (A - 1) - x0in;
@@ -230,6 +236,9 @@ void crop_for_image(const QVN_Image* src, QVN_Image& dst, int x0, int y0, int x1
     const int c1 = std::min(x1, src->width - 1);
     const int left = std::max(-x0, 0);
 
+    // This copy's own list of formats, not the pixel-format table's: it cuts
+    // only the two-plane formats 8 and 9 (whole chroma pairs) and format 1,
+    // and refuses gray; callers depend on exactly this list.
     switch (src->pix_fmt) {
         case QVN_PIX_FMT_BGRA8888:
         case QVN_PIX_FMT_RGBA8888:
@@ -408,6 +417,11 @@ void affine_inv_qvimage_bilinear(const QVN_Image* src, QVN_Image* dst, unsigned 
     const unsigned char kChromaBorder = 128;
     const size_t sn = static_cast<size_t>(sw) * sh;
     const size_t dn = static_cast<size_t>(dw) * dh;
+    // The dispatch is this function's own, not the pixel-format table's: it
+    // leaves out formats 2, 3 and 4 and fills both chroma planes with 128
+    // whatever `border` says, where the vector dispatcher
+    // (AffineInvQvimageBilinearSSE) takes their border from `border`'s
+    // bytes 1 and 2. Both are what their callers rely on.
     switch (src->pix_fmt) {
         case QVN_PIX_FMT_BGRA8888:
         case QVN_PIX_FMT_RGBA8888:

@@ -15,11 +15,8 @@ namespace kit {
 
 namespace {
 
-// Shapes are trusted; products wrap like the 32-bit arithmetic they stand for
-// instead of being undefined on overflow.
-inline int32_t Mul32(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
-}
+// Shapes are trusted; products wrap like the 32-bit arithmetic they stand for.
+using internal::WrapMul;
 
 inline int32_t RoundUp4(int32_t n) {
     return static_cast<int32_t>((static_cast<uint32_t>(n) + 3u) & ~3u);
@@ -75,10 +72,10 @@ SoftArgMax::SoftArgMax(const int& width_, const int& height_, const int& channel
     : width(width_),
       height(height_),
       channels(channels_),
-      heatmap_bytes(Mul32(Mul32(Mul32(width_, height_), channels_), 4)),
+      heatmap_bytes(WrapMul(WrapMul(WrapMul(width_, height_), channels_), 4)),
       beta(beta_) {
-    const int32_t plane = Mul32(width, height);
-    exp_buffer = AllocFloats(Mul32(plane, channels));
+    const int32_t plane = WrapMul(width, height);
+    exp_buffer = AllocFloats(WrapMul(plane, channels));
     weight_sum = AllocFloats(channels);
     x_out = AllocFloats(channels);
     y_out = AllocFloats(channels);
@@ -147,14 +144,14 @@ void SoftArgMax::Decode_WithConfidenceNoSqrt_CHW_F32(const float* data, const in
     if (data == nullptr || channels_ != channels || height_ != height || width_ != width) return;
 
     // A negative 32-bit count throws std::bad_array_new_length here.
-    float* temp = new float[Mul32(height, width)];
+    float* temp = new float[WrapMul(height, width)];
     for (int c = 0; c < channels; ++c) {
         x_out[c] = 0.0f;
         y_out[c] = 0.0f;
     }
 
     if (channels > 0) {
-        const int64_t plane_size = Mul32(height, width);
+        const int64_t plane_size = WrapMul(height, width);
         PlaneSums next = PlanePass<false, true>(data, beta, temp, line_x, line_y, width, height,
                                            0.0f, 0.0f);
         for (int c = 0; c < channels; ++c) {

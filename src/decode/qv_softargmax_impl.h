@@ -1,5 +1,6 @@
 // qv_softargmax_impl.h - pieces shared by the scalar and vector heatmap
-// decoders: the normalised pixel coordinate and the bit-pattern exponential.
+// decoders: the normalised pixel coordinate and the bit-pattern exponential
+// (its constants are the kit's, in qv_internal.h, shared with the masks' sigmoid).
 #ifndef QVN_SRC_DECODE_QV_SOFTARGMAX_IMPL_H
 #define QVN_SRC_DECODE_QV_SOFTARGMAX_IMPL_H
 
@@ -9,15 +10,11 @@
 #include <cstdint>
 #include <cstring>
 
+#include "../kit/qv_internal.h"
+
 namespace quvas {
 namespace kit {
 namespace detail {
-
-// Schraudolph-style exponential: the scaled argument plus the exponent bias
-// lands in the upper word of an IEEE double. Scale 2^20 / ln 2 = 1512775;
-// bias 1023 * 2^20 minus 60800, which centres the relative error.
-constexpr float kExpScale = 1512775.0f;
-constexpr float kExpBias = 1072632448.0f;
 
 // Pixel `index` of an axis with `count` samples, mapped to [-1, 1]: the first
 // sample is -1, the last +1. A one-sample axis divides by zero (NaN).
@@ -37,7 +34,7 @@ inline float DoubleFromUpperWord(int32_t upper) {
 // The conversion goes through cvttss2si so that out-of-range sums give
 // INT32_MIN (the pattern of -0.0) rather than undefined behaviour.
 inline float FastExp(float v) {
-    const float s = std::fmaf(v, kExpScale, kExpBias);
+    const float s = std::fmaf(v, internal::kExpScale, internal::kExpBias);
     return DoubleFromUpperWord(_mm_cvttss_si32(_mm_set_ss(s)));
 }
 

@@ -20,16 +20,15 @@ namespace kit {
 
 namespace {
 
-inline int32_t Mul32(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
-}
+// Shapes are trusted; products wrap like the 32-bit arithmetic they stand for.
+using internal::WrapMul;
 
 // Four-wide bit-pattern exponential of v (already multiplied by beta). Unlike
 // the scalar version the sum is converted with rounding to nearest (the
 // default MXCSR mode); each integer becomes the upper word of a double, which
 // is then narrowed to f32.
 inline __m128 FastExp4(__m128 v) {
-    const __m128 s = _mm_fmadd_ps(v, _mm_set1_ps(detail::kExpScale), _mm_set1_ps(detail::kExpBias));
+    const __m128 s = _mm_fmadd_ps(v, _mm_set1_ps(internal::kExpScale), _mm_set1_ps(internal::kExpBias));
     const __m128i k = _mm_cvtps_epi32(s);
     const __m128i zero = _mm_setzero_si128();
     const __m128d lo = _mm_castsi128_pd(_mm_unpacklo_epi32(zero, k));  // lanes 0, 1
@@ -115,7 +114,7 @@ __m128 SpreadPass(int H, int groups, int W, const float* row, const float* col, 
 
 // Eight-wide exponential: FastExp4 on each half.
 inline __m256 FastExp8(__m256 v) {
-    const __m256 s = _mm256_fmadd_ps(v, _mm256_set1_ps(detail::kExpScale), _mm256_set1_ps(detail::kExpBias));
+    const __m256 s = _mm256_fmadd_ps(v, _mm256_set1_ps(internal::kExpScale), _mm256_set1_ps(internal::kExpBias));
     const __m256i k = _mm256_cvtps_epi32(s);
     const __m256i zero = _mm256_setzero_si256();
     // (k0 k1 | k4 k5) and (k2 k3 | k6 k7) as doubles, narrowed to f32.
@@ -185,7 +184,7 @@ void DecodeWithConfidence4(const SoftArgMax& sam, const float* data) {
     // are deliberately not used here).
     std::unique_ptr<float[]> col(new float[W]);
     std::unique_ptr<float[]> row(new float[H]);
-    std::unique_ptr<float[]> ebuf(new float[Mul32(H, W)]());
+    std::unique_ptr<float[]> ebuf(new float[WrapMul(H, W)]());
     for (int k = 0; k < W; ++k) col[k] = detail::NormalisedCoord(k, W);
     for (int r = 0; r < H; ++r) row[r] = detail::NormalisedCoord(r, H);
     for (int c = 0; c < C; ++c) {

@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <qvn_kit/qvn_kit.h>
+
 namespace quvas {
 namespace kit {
 namespace internal {
@@ -36,7 +38,15 @@ inline bool RangesOverlap(const void* a, size_t a_len, const void* b, size_t b_l
     return pa < pb + b_len && pb < pa + a_len;
 }
 
-// The bit-pattern exponential: round(x * 2^20 / ln 2 + kExpBias), as the
+// Groups of orientation flags (QVN_ORIENT_FMT) that the kit tests together.
+// Either quarter turn: sizes exchange width and height.
+constexpr uint32_t kQuarterTurns = QVN_ORIENT_FMT_ROTATE_90R | QVN_ORIENT_FMT_ROTATE_90L;
+// Either half turn; the box-only one (64) is the identity for matrices.
+constexpr uint32_t kHalfTurns = QVN_ORIENT_FMT_ROTATE_180 | QVN_ORIENT_FMT_BOX_ROTATE_180;
+// Either flip: where only one flip operation exists, both ask for it.
+constexpr uint32_t kFlips = QVN_ORIENT_FMT_FLIPV | QVN_ORIENT_FMT_MIRROR;
+
+// The bit-pattern exponential (the heatmap decoders and the masks' sigmoid): round(x * 2^20 / ln 2 + kExpBias), as the
 // upper word of an IEEE double whose lower word is zero, is about e^x.
 // kExpBias is the exponent bias 1023 * 2^20 less 60800, which centres the
 // relative error.
