@@ -235,7 +235,7 @@ std::string ReadFrameArg(py::handle frame, py::handle format, py::handle matrix,
     f.fmt = ParseFrameFormat(format, f.yv12);
     f.matrix = ParseMatrix(matrix);
     f.range = ParseRange(range);
-    f.planes = PyTuple_Check(frame.ptr()) || PyList_Check(frame.ptr());
+    f.planes = PyTuple_Check(frame.ptr());
     std::string error;
     if (f.planes) {
         error = PlanesError(frame, f);
@@ -327,7 +327,7 @@ py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py:
     const uint32_t ori = ParseOrient(orient, "orient");
     if (gray && bgr) throw py::value_error("bgr and gray exclude each other");
     CheckedInt(pad, "pad", 0, 255);
-    if (!PyTuple_Check(frame.ptr()) && !PyList_Check(frame.ptr())) {
+    if (!PyTuple_Check(frame.ptr())) {
         CheckedArray<uint8_t>(frame, "frame");
     }
     if (!pixfmt::IsViewFrame(f.fmt)) throw py::value_error(NotInputFrameText(f.fmt));
