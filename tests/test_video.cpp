@@ -6,11 +6,23 @@
 #include "jpeg_planes.hpp"
 #include "test_support.h"
 
+#include <qvn_kit/frame_view.hpp>
+#include <quvas/runtime/tensor.h>
+
 #include <gtest/gtest.h>
 #include <jpeglib.h>
 #include <turbojpeg.h>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +31,137 @@
 #include <string>
 #include <vector>
 
+#ifndef QVN_KIT_TOOL
+#error "QVN_KIT_TOOL must name the qvn-kit binary"
+#endif
+
 namespace {
+
+using quvas::kit::FrameView;
+using quvas::kit::YuvMatrix;
+using quvas::kit::YuvRange;
+
+const char* const kVtest = "/usr/share/doc/opencv-doc/examples/data/vtest.avi";
+
+std::string Slurp(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream f(path, std::ios::binary);
+    f << bytes;
+}
+
+struct RunResult {
+    int code = -1;
+    std::string out, err;
+};
+
+RunResult RunTool(const qvntest::ScratchDir& dir, const std::string& args) {
+    const std::string cmd = std::string("'") + QVN_KIT_TOOL + "' " + args + " >'" + dir / ".out" +
+                            "' 2>'" + dir / ".err" + "'";
+    const int status = std::system(cmd.c_str());
+    RunResult r;
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = Slurp(dir / ".out");
+    r.err = Slurp(dir / ".err");
+    std::remove((dir / ".out").c_str());
+    std::remove((dir / ".err").c_str());
+    return r;
+}
+
+// A uint8 .npy: its shape text ("(2, 3, 96, 128)") and body.
+struct NpyU8 {
+    std::string shape;
+    std::string body;
+};
+
+NpyU8 ReadNpy(const std::string& path) {
+    const std::string s = Slurp(path);
+    NpyU8 n;
+    if (s.size() < 10 || s.compare(0, 6, "\x93NUMPY") != 0) return n;
+    const size_t len = static_cast<uint8_t>(s[8]) | static_cast<size_t>(static_cast<uint8_t>(s[9])) << 8;
+    const std::string header = s.substr(10, len);
+    EXPECT_NE(header.find("'descr': '|u1'"), std::string::npos) << header;
+    const size_t a = header.find('('), b = header.find(')');
+    n.shape = header.substr(a, b - a + 1);
+    n.body = s.substr(10 + len);
+    return n;
+}
+
+// The one-pass converter run here on a view: C x H x W bytes (gray: H x W).
+std::string Converted(const FrameView& view, int c, int h, int w, bool bgr,
+                      const std::array<int, 4>& crop) {
+    using namespace quvas::runtime;
+    DeviceCPU device;
+    TensorPtr t = c == 1 ? device.CreateTensor(
+                               TensorShape({h, w, 1}, data_type::kUInt8, layout::kHWC), nullptr)
+                         : device.CreateTensor(
+                               TensorShape({c, h, w}, data_type::kUInt8, layout::kCHW), nullptr);
+    if (c == 1) {
+        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_Gray8_TensorCPU(
+            view, t, crop[0], crop[1], crop[2], crop[3], 0);
+    } else {
+        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(
+            view, t, bgr, crop[0], crop[1], crop[2], crop[3], 0);
+    }
+    return std::string(reinterpret_cast<const char*>(t->data()), static_cast<size_t>(c) * h * w);
+}
+
+// The first `count` frames of a video, each plane copied out row by row
+// with a plain FFmpeg decode loop written here.
+struct Planes420 {
+    int w = 0, h = 0;
+    std::vector<uint8_t> y, u, v;
+};
+
+std::vector<Planes420> DecodeVideo(const std::string& path, int count) {
+    std::vector<Planes420> out;
+    AVFormatContext* fmt = nullptr;
+    if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0) return out;
+    avformat_find_stream_info(fmt, nullptr);
+    const AVCodec* codec = nullptr;
+    const int stream = av_find_best_stream(fmt, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
+    AVCodecContext* ctx = avcodec_alloc_context3(codec);
+    avcodec_parameters_to_context(ctx, fmt->streams[stream]->codecpar);
+    avcodec_open2(ctx, codec, nullptr);
+    AVPacket* pkt = av_packet_alloc();
+    AVFrame* f = av_frame_alloc();
+    auto take = [&] {
+        while (static_cast<int>(out.size()) < count && avcodec_receive_frame(ctx, f) == 0) {
+            EXPECT_EQ(f->format, AV_PIX_FMT_YUV420P);
+            Planes420 p;
+            p.w = f->width;
+            p.h = f->height;
+            for (int y = 0; y < p.h; ++y) {
+                p.y.insert(p.y.end(), f->data[0] + y * f->linesize[0],
+                           f->data[0] + y * f->linesize[0] + p.w);
+            }
+            for (int y = 0; y < p.h / 2; ++y) {
+                p.u.insert(p.u.end(), f->data[1] + y * f->linesize[1],
+                           f->data[1] + y * f->linesize[1] + p.w / 2);
+                p.v.insert(p.v.end(), f->data[2] + y * f->linesize[2],
+                           f->data[2] + y * f->linesize[2] + p.w / 2);
+            }
+            out.push_back(std::move(p));
+        }
+    };
+    while (static_cast<int>(out.size()) < count && av_read_frame(fmt, pkt) >= 0) {
+        if (pkt->stream_index == stream) avcodec_send_packet(ctx, pkt);
+        av_packet_unref(pkt);
+        take();
+    }
+    avcodec_send_packet(ctx, nullptr);
+    take();
+    av_frame_free(&f);
+    av_packet_free(&pkt);
+    avcodec_free_context(&ctx);
+    avformat_close_input(&fmt);
+    return out;
+}
 
 // A JPEG of `rgb` (w x h, R,G,B) compressed by TurboJPEG with the given
 // chroma sampling; flags add TJFLAG_PROGRESSIVE. Gray sampling stores luma only.
@@ -180,6 +322,84 @@ TEST(JpegPlanes, FourTwoZeroPlanesAreWhatLibjpegDecodes) {
     EXPECT_THROW(qvntool::DecodeJpegPlanes("big.jpg", full, 8, planes), qvntool::ToolError);
     qvntool::ToolLimits().max_pixels = saved;
     EXPECT_EQ(planes.plane[0], nullptr);
+}
+
+// `qvn-kit video` on real footage: --frames A:B is half-open, --every N
+// keeps A, A + N, ...; each shard row is the one-pass converter run here on
+// the same frame decoded here, as BT.601 limited range (what an untagged
+// 576-line stream is); time stamps are frame number x 1/10 s (vtest's time
+// base).
+TEST(VideoCommand, ShardRowsAreTheConverterOnTheDecodedFrames) {
+    qvntest::ScratchDir dir;
+    const RunResult r = RunTool(dir, std::string("video ") + kVtest + " '" + dir / "out" +
+                                         "' --frames 3:20 --every 4 --tensor 3x96x128 "
+                                         "--crop 40,30,600,500 --orient rotate90r --shard 2 --bgr");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("video: 5 frames to 3 shard(s)"), std::string::npos) << r.out;
+    EXPECT_EQ(Slurp(dir / "out/index.csv"),
+              "shard,row,frame,seconds\n"
+              "frames_00000.npy,0,3,0.300000\nframes_00000.npy,1,7,0.700000\n"
+              "frames_00001.npy,0,11,1.100000\nframes_00001.npy,1,15,1.500000\n"
+              "frames_00002.npy,0,19,1.900000\n");
+    const std::vector<Planes420> frames = DecodeVideo(kVtest, 20);
+    ASSERT_EQ(frames.size(), 20u);
+    const int kept[] = {3, 7, 11, 15, 19};
+    for (int i = 0; i < 5; ++i) {
+        const Planes420& p = frames[static_cast<size_t>(kept[i])];
+        ASSERT_EQ(p.w, 768);
+        FrameView view;
+        view.pix_fmt = QVN_PIX_FMT_YUV420_A;
+        view.ori_fmt = QVN_ORIENT_FMT_ROTATE_90R;
+        view.width = p.w;
+        view.height = p.h;
+        view.planes[0] = {p.y.data(), p.w};
+        view.planes[1] = {p.u.data(), p.w / 2};
+        view.planes[2] = {p.v.data(), p.w / 2};
+        view.matrix = YuvMatrix::kBT601;
+        view.range = YuvRange::kLimited;
+        const std::string want = Converted(view, 3, 96, 128, true, {40, 30, 600, 500});
+        char name[32];
+        std::snprintf(name, sizeof name, "out/frames_%05d.npy", i / 2);
+        const NpyU8 shard = ReadNpy(dir / name);
+        EXPECT_EQ(shard.shape, i < 4 ? "(2, 3, 96, 128)" : "(1, 3, 96, 128)");
+        const size_t bytes = 3 * 96 * 128;
+        EXPECT_TRUE(shard.body.compare((i % 2) * bytes, bytes, want) == 0) << "frame " << kept[i];
+    }
+}
+
+// A video cut short, a file that is not a video and frame options that
+// select nothing: one line, exit 3 or 2, and no directory, shard or index.
+TEST(VideoCommand, FailuresLeaveNothing) {
+    qvntest::ScratchDir dir;
+    WriteFile(dir / "cut.avi", Slurp(kVtest).substr(0, 2000000));
+    WriteFile(dir / "notes.avi", "frame,x,y\n0,1,2\n");
+    ASSERT_EQ(::mkdir((dir / "kept").c_str(), 0777), 0);
+    struct Case {
+        std::string args;
+        int code;
+        std::string message;
+    };
+    const Case cases[] = {
+        {dir / "cut.avi" + " " + dir / "out", 3, "ends early: 194 of the 795 frames"},
+        {dir / "cut.avi" + " " + dir / "kept" + " --shard 8", 3, "the file is cut short"},
+        {dir / "notes.avi" + " " + dir / "out", 3, "cannot open video"},
+        {dir / "missing.avi" + " " + dir / "out", 3, "No such file"},
+        {std::string(kVtest) + " " + dir / "out --frames 5:5", 2, "selects no frame"},
+        {std::string(kVtest) + " " + dir / "out --frames -3:", 2, "needs frame numbers"},
+        {std::string(kVtest) + " " + dir / "out --every 0", 2, "--every 0"},
+        {std::string(kVtest) + " " + dir / "out --frames 900:", 3, "has no frame"},
+    };
+    for (const Case& c : cases) {
+        const RunResult r = RunTool(dir, "video " + c.args);
+        EXPECT_EQ(r.code, c.code) << c.args << "\n" << r.err;
+        EXPECT_EQ(r.err.rfind("qvn-kit: ", 0), 0u) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.args << "\n" << r.err;
+        struct stat st{};
+        EXPECT_NE(::stat((dir / "out").c_str(), &st), 0) << c.args;
+        EXPECT_EQ(std::system(("test -z \"$(ls -A '" + dir / "kept" + "')\"").c_str()), 0)
+            << c.args;
+    }
 }
 
 }  // namespace
