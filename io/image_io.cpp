@@ -272,7 +272,9 @@ PictureKind KindOf(const std::string& path, const uint8_t* bytes, size_t size) {
 
 }  // namespace
 
-Picture ReadPicture(const std::string& path) {
+Picture ReadPicture(const std::string& path) { return DecodePicture(path, ReadPictureBytes(path)); }
+
+std::vector<uint8_t> ReadPictureBytes(const std::string& path) {
     // Another kind of file is refused from its first bytes, and a file longer
     // than any picture within --max-pixels before it is read whole.
     ReadCap cap;
@@ -281,7 +283,11 @@ Picture ReadPicture(const std::string& path) {
                    std::to_string(ToolLimits().max_pixels) + " pixels can be (" +
                    std::to_string((cap.bytes + (1u << 20) - 1) >> 20) + " MiB, --max-pixels)";
     cap.check_start = [&path](const uint8_t* data, size_t size) { KindOf(path, data, size); };
-    return DecodePicture(path, ReadFileBytes(path, cap));
+    return ReadFileBytes(path, cap);
+}
+
+bool IsJpeg(const std::vector<uint8_t>& bytes) {
+    return bytes.size() >= 3 && bytes[0] == 0xFF && bytes[1] == 0xD8 && bytes[2] == 0xFF;
 }
 
 Picture DecodePicture(const std::string& path, const std::vector<uint8_t>& bytes) {

@@ -33,6 +33,12 @@ struct Picture {
 Picture ReadPicture(const std::string& path);
 // The same from bytes in memory; `path` only names them in messages.
 Picture DecodePicture(const std::string& path, const std::vector<uint8_t>& bytes);
+// The bytes of a picture file, under the same checks as ReadPicture (a
+// file of another kind, or longer than any picture within --max-pixels,
+// is refused), for a caller that picks its decoder by the kind of file.
+std::vector<uint8_t> ReadPictureBytes(const std::string& path);
+// True when the bytes start like a JPEG (the test DecodePicture makes).
+bool IsJpeg(const std::vector<uint8_t>& bytes);
 
 // Writes a PNG atomically (see WriteAtomically). `bgr` says the pixels are
 // stored B,G,R(,A).

@@ -20,6 +20,12 @@ Format = Union[str, int, SupportsIndex]
 Box = Union[Sequence[float], F32]
 # As open() takes them: a str is encoded as os.fsencode does; no NUL byte.
 Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
+# One array, or three-plane 4:2:0 as a decoder hands it over: (y, u, v) for
+# 'i420', (y, v, u) for 'yv12', each plane with its own row stride.
+Frame = Union[U8, Tuple[U8, U8, U8]]
+# 'bt601' | 'bt709'; 'limited' | 'full'; None: the format's own.
+Matrix = Optional[str]
+Range = Optional[str]
 
 __version__: str
 kit_version: Tuple[int, int]
@@ -27,9 +33,19 @@ core_version: Tuple[int, int]
 
 def read_picture(path: Path) -> U8: ...
 def make_frame(picture: U8, format: Format = "nv21", bgr: bool = False) -> U8: ...
-def validate_frame(frame: U8, format: Format, orient: Orient = 0, for_input: bool = True) -> bool: ...
+def read_jpeg_planes(path: Path, reduce: int = 1) -> Optional[Tuple[U8, U8, U8]]: ...
+def jpeg_header(path: Path) -> Optional[Tuple[int, int, str, str]]: ...
+def validate_frame(
+    frame: Frame,
+    format: Format,
+    orient: Orient = 0,
+    for_input: bool = True,
+    *,
+    matrix: Matrix = None,
+    range: Range = None,
+) -> bool: ...
 def preprocess(
-    frame: U8,
+    frame: Frame,
     format: Format,
     orient: Orient = 0,
     crop: Optional[Sequence[int]] = None,
@@ -39,6 +55,9 @@ def preprocess(
     pad: int = 0,
     fast: bool = False,
     out: Optional[U8] = None,
+    *,
+    matrix: Matrix = None,
+    range: Range = None,
 ) -> U8: ...
 def rotate(image: U8, angle: int) -> U8: ...
 def mirror(image: U8) -> U8: ...

@@ -3,6 +3,15 @@
 against a loop of one `qvn-kit preprocess` process per picture.
 
     python3 python/bench/dataset_speed.py [--count 200] [--dir /tmp/qvn-1080p]
+    taskset -c 1 python3 python/bench/dataset_speed.py --jpeg [--count 60]
+
+With --jpeg: 1920x1080 4:2:0 JPEGs made from the real photos of opencv-doc
+(upscaled, quality 90), each converted in this process by the data set's
+per-picture path (qvn_dataset.route.convert_picture: planes at full size,
+planes with --reduce 4, the RGB route), and by the cv2 recipe (imread,
+cvtColor, resize, rotate, CHW), the four one after another on every
+picture; per-picture medians over --rounds passes, as pictures per second
+of one core (pin it with taskset).
 
 Generates COUNT 1920x1080 PNGs (gradients and noise) once, then times each
 configuration on the same folder: nv21, rotate90r, 3x256x256. Every run
@@ -76,11 +85,89 @@ def run_tool_loop(folder):
     return len(pictures) / seconds
 
 
+PHOTOS = ["aloeL.jpg", "building.jpg", "fruits.jpg", "baboon.jpg", "home.jpg", "lena.jpg",
+          "pca_test1.jpg", "messi5.jpg", "leuvenA.jpg", "orange.jpg", "board.jpg", "apple.jpg"]
+
+
+def generate_jpegs(folder, count):
+    import cv2
+
+    folder.mkdir(parents=True, exist_ok=True)
+    data = Path("/usr/share/doc/opencv-doc/examples/data")
+    photos = [data / p for p in PHOTOS if (data / p).exists()]
+    for i in range(count):
+        path = folder / f"j{i:04d}.jpg"
+        if not path.exists():
+            pic = cv2.resize(cv2.imread(str(photos[i % len(photos)])), (1920, 1080),
+                             interpolation=cv2.INTER_CUBIC)
+            cv2.imwrite(str(path), pic, [cv2.IMWRITE_JPEG_QUALITY, 90])
+    return sorted(folder.glob("j*.jpg"))[:count]
+
+
+def jpeg_per_picture(folder, count, rounds):
+    import statistics
+
+    import cv2
+    import qvn_kit
+
+    sys.path.insert(0, str(ROOT / "python"))
+    from qvn_dataset.prepare import keep_freed_memory
+    from qvn_dataset.route import convert_picture
+
+    cv2.setNumThreads(1)
+    keep_freed_memory()  # as a data-set worker does
+    pictures = [str(p) for p in generate_jpegs(folder, count)]
+    base = {"format": "nv21", "orient": "rotate90r", "tensor": [3, 256, 256], "crop": None,
+            "bgr": False, "gray": False, "pad": 0}
+    out = np.empty((3, 256, 256), np.uint8)
+
+    def recipe(path):
+        bgr = cv2.imread(path)
+        rgb = cv2.cvtColor(bgr, cv2.COLOR_BGR2RGB)
+        small = cv2.resize(rgb, (256, 256), interpolation=cv2.INTER_LINEAR)
+        out[...] = cv2.rotate(small, cv2.ROTATE_90_CLOCKWISE).transpose(2, 0, 1)
+
+    ways = {
+        "planes, full size": lambda p: convert_picture(qvn_kit, p, dict(base, jpeg="planes",
+                                                                        reduce=1), out),
+        "planes, --reduce 4": lambda p: convert_picture(qvn_kit, p, dict(base, jpeg="planes",
+                                                                         reduce=4), out),
+        "RGB route (before)": lambda p: convert_picture(qvn_kit, p, dict(base, jpeg="rgb",
+                                                                         reduce=1), out),
+        "cv2 recipe": recipe,
+    }
+    # Wall time, and the thread's CPU time, which leaves out the time other
+    # processes on the same core took (a shared machine).
+    wall = {k: [] for k in ways}
+    cpu = {k: [] for k in ways}
+    for _ in range(rounds):
+        for p in pictures:
+            for name, way in ways.items():
+                t0, c0 = time.perf_counter(), time.thread_time()
+                way(p)
+                c1, t1 = time.thread_time(), time.perf_counter()
+                wall[name].append(t1 - t0)
+                cpu[name].append(c1 - c0)
+    print(f"{len(pictures)} JPEGs 1920x1080 4:2:0 -> nv21 rotate90r 3x256x256, one process, "
+          f"{rounds} rounds, load average {os.getloadavg()[0]:.2f}; per picture, medians")
+    for label, times in (("wall", wall), ("CPU", cpu)):
+        med = {k: statistics.median(v) for k, v in times.items()}
+        for name, m in med.items():
+            print(f"  {label:4s} {name:20s} {m * 1e3:7.3f} ms  {1 / m:7.1f} pictures/s")
+        for name in ("planes, full size", "planes, --reduce 4"):
+            print(f"  {label:4s} {name} / cv2 recipe: {med['cv2 recipe'] / med[name]:.2f}x")
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--count", type=int, default=200)
     ap.add_argument("--dir", default="/tmp/qvn-1080p")
+    ap.add_argument("--jpeg", action="store_true", help="the per-picture JPEG comparison only")
+    ap.add_argument("--rounds", type=int, default=3)
     args = ap.parse_args()
+    if args.jpeg:
+        jpeg_per_picture(Path(args.dir + "-jpeg"), min(args.count, 60), args.rounds)
+        return
     folder = Path(args.dir)
     generate(folder, args.count)
     cores = os.cpu_count() or 1

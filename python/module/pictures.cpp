@@ -8,9 +8,11 @@
 #include "common.hpp"
 #include "frames.hpp"
 #include "image_io.hpp"
+#include "jpeg_planes.hpp"
 #include "pixel_format.h"
 
 #include <algorithm>
+#include <memory>
 #include <cstring>
 #include <utility>
 
@@ -95,6 +97,64 @@ py::array ReadPicture(py::handle path_arg) {
     return std::move(out);
 }
 
+// A JPEG's Y, Cb, Cr planes as three arrays over one buffer, which the
+// arrays keep alive together; nothing is copied.
+py::object ReadJpegPlanes(py::handle path_arg, int reduce) {
+    LogFlush flush;
+    const std::string path = PathArg(path_arg);
+    if (reduce != 1 && reduce != 2 && reduce != 4 && reduce != 8) {
+        throw py::value_error("reduce must be 1, 2, 4 or 8, not " + std::to_string(reduce));
+    }
+    auto planes = std::make_unique<qvntool::JpegPlanes>();
+    bool decoded = false;
+    std::string error;
+    {
+        py::gil_scoped_release release;
+        try {
+            const std::vector<uint8_t> bytes = qvntool::ReadPictureBytes(path);
+            decoded = qvntool::IsJpeg(bytes) &&
+                      qvntool::DecodeJpegPlanes(path, bytes, reduce, *planes);
+        } catch (const qvntool::ToolError& e) {
+            error = e.what();
+        }
+    }
+    if (!error.empty()) ThrowValueError(error);
+    if (!decoded) return py::none();
+    qvntool::JpegPlanes* raw = planes.release();
+    py::capsule owner(raw, [](void* p) { delete static_cast<qvntool::JpegPlanes*>(p); });
+    const py::ssize_t h[3] = {raw->height, raw->height / 2, raw->height / 2};
+    const py::ssize_t w[3] = {raw->width, raw->width / 2, raw->width / 2};
+    py::tuple result(3);
+    for (int c = 0; c < 3; ++c) {
+        result[c] = py::array_t<uint8_t>({h[c], w[c]},
+                                         {static_cast<py::ssize_t>(raw->stride[c]), py::ssize_t{1}},
+                                         raw->plane[c], owner);
+    }
+    return std::move(result);
+}
+
+// What a JPEG's header says, or None for a file that is not a JPEG.
+py::object JpegHeader(py::handle path_arg) {
+    LogFlush flush;
+    const std::string path = PathArg(path_arg);
+    qvntool::JpegHeader header;
+    bool jpeg = false;
+    std::string error;
+    {
+        py::gil_scoped_release release;
+        try {
+            const std::vector<uint8_t> bytes = qvntool::ReadPictureBytes(path);
+            jpeg = qvntool::IsJpeg(bytes);
+            if (jpeg) header = qvntool::ReadJpegHeader(bytes);
+        } catch (const qvntool::ToolError& e) {
+            error = e.what();
+        }
+    }
+    if (!error.empty()) ThrowValueError(error);
+    if (!jpeg) return py::none();
+    return py::make_tuple(header.width, header.height, header.sampling, header.colour);
+}
+
 }  // namespace
 
 void RegisterPictures(py::module_& m) {
@@ -111,6 +171,19 @@ void RegisterPictures(py::module_& m) {
           "colour channels as B,G,R. format: 'nv12' or 'nv21' give (H * 3 / 2, W) (luma rows,\n"
           "then interleaved chroma rows; an odd picture gets its last column or row repeated,\n"
           "as the tool does), 'bgra' or 'rgba' give (H, W, 4).");
+    m.def("read_jpeg_planes", &ReadJpegPlanes, py::arg("path"), py::arg("reduce") = 1,
+          "A 4:2:0 YCbCr JPEG decoded to its own planes (TurboJPEG), without upsampling or\n"
+          "colour conversion: a tuple (y, u, v) of uint8 arrays, y (H, W) and u, v\n"
+          "(H / 2, W / 2), rows padded to the decoder's strides, that preprocess takes as a\n"
+          "three-plane frame (format 'i420', matrix='bt601', range='full': what JFIF stores).\n"
+          "reduce: 1, 2, 4 or 8 decodes at that scale in the DCT. An odd decoded side loses\n"
+          "its last column or row. None when the file is a JPEG of another sampling or colour\n"
+          "(4:4:4, 4:2:2, gray, CMYK, ...) or not a JPEG at all (read_picture reads those).\n"
+          "ValueError with the tool's message for a missing, unreadable or damaged file.");
+    m.def("jpeg_header", &JpegHeader, py::arg("path"),
+          "(width, height, sampling, colour) of a JPEG as its header gives them, sampling\n"
+          "'4:2:0', '4:2:2', '4:4:4', '4:4:0', '4:1:1', 'gray' or 'unknown', colour 'YCbCr',\n"
+          "'RGB', 'gray', 'CMYK', 'YCCK' or 'unknown'; None for a file that is not a JPEG.");
 }
 
 }  // namespace qvnpy

@@ -6,16 +6,22 @@
 
 #include "pixel_format.h"
 
+#include <qvn_kit/frame_view.hpp>
 #include <qvn_kit/qvn_kit.hpp>
 #include <quvas/runtime/tensor.h>
 
 #include <algorithm>
+#include <cstring>
+#include <utility>
 
 namespace qvnpy {
 namespace {
 
 namespace pixfmt = quvas::kit::pixfmt;
 using pixfmt::Layout;
+using quvas::kit::FrameView;
+using quvas::kit::YuvMatrix;
+using quvas::kit::YuvRange;
 using quvas::runtime::DeviceCPU;
 using quvas::runtime::TensorPtr;
 using quvas::runtime::TensorShape;
@@ -94,8 +100,8 @@ std::string FrameShapeError(const py::array& a, uint32_t fmt, FrameGeometry& g) 
 
 std::string NotInputFrameText(uint32_t fmt) {
     return "format " + std::to_string(fmt) +
-           " is not an input frame format (use nv12, nv21, bgra, rgba, yuv420sp_a or "
-           "yuv420sp_b)";
+           " is not an input frame format (use nv12, nv21, bgra, rgba, yuv420sp_a, "
+           "yuv420sp_b, i420 or yv12)";
 }
 
 QVN_Image FrameImage(const FrameGeometry& g, uint32_t fmt, uint32_t orient, const void* data) {
@@ -110,45 +116,228 @@ QVN_Image FrameImage(const FrameGeometry& g, uint32_t fmt, uint32_t orient, cons
     return image;
 }
 
-bool ValidateFrame(py::handle frame, py::handle format, py::handle orient, bool for_input) {
+// The format argument. "yv12" is the three-plane format with its chroma
+// planes exchanged (Y, V, U), which the table has no row for; "i420" is
+// looked up here too, since the table's names are those of the QVN_Image
+// input frames.
+uint32_t ParseFrameFormat(py::handle format, bool& yv12) {
+    yv12 = false;
+    if (PyUnicode_Check(format.ptr())) {
+        Py_ssize_t len = 0;
+        const char* text = PyUnicode_AsUTF8AndSize(format.ptr(), &len);
+        if (text == nullptr) {
+            PyErr_Clear();  // ParseFormat says what is wrong with it
+        } else {
+            const std::string name(text, static_cast<size_t>(len));
+            if (name == pixfmt::kYV12Name) yv12 = true;
+            if (yv12 || name == pixfmt::NameOf(QVN_PIX_FMT_YUV420_A)) return QVN_PIX_FMT_YUV420_A;
+        }
+    }
+    return ParseFormat(format, "format");
+}
+
+YuvMatrix ParseMatrix(py::handle obj) {
+    if (obj.is_none()) return YuvMatrix::kDefault;
+    if (PyUnicode_Check(obj.ptr())) {
+        const char* text = PyUnicode_AsUTF8(obj.ptr());
+        if (text == nullptr) PyErr_Clear();
+        if (text != nullptr && std::strcmp(text, "bt601") == 0) return YuvMatrix::kBT601;
+        if (text != nullptr && std::strcmp(text, "bt709") == 0) return YuvMatrix::kBT709;
+    }
+    throw py::value_error("matrix must be 'bt601', 'bt709' or None, not " +
+                          std::string(py::repr(obj)));
+}
+
+YuvRange ParseRange(py::handle obj) {
+    if (obj.is_none()) return YuvRange::kDefault;
+    if (PyUnicode_Check(obj.ptr())) {
+        const char* text = PyUnicode_AsUTF8(obj.ptr());
+        if (text == nullptr) PyErr_Clear();
+        if (text != nullptr && std::strcmp(text, "limited") == 0) return YuvRange::kLimited;
+        if (text != nullptr && std::strcmp(text, "full") == 0) return YuvRange::kFull;
+    }
+    throw py::value_error("range must be 'limited', 'full' or None, not " +
+                          std::string(py::repr(obj)));
+}
+
+// A frame argument as the converters read it: the arrays (the caller's, or
+// one copy where a plane's rows are not contiguous bytes) and the view over
+// them.
+struct FrameArg {
+    uint32_t fmt = QVN_PIX_FMT_UNKNOW;
+    bool yv12 = false;
+    bool planes = false;  // a (y, u, v) tuple rather than one array
+    py::array arrays[3];
+    FrameGeometry g;
+    YuvMatrix matrix = YuvMatrix::kDefault;
+    YuvRange range = YuvRange::kDefault;
+    bool Described() const {
+        return matrix != YuvMatrix::kDefault || range != YuvRange::kDefault;
+    }
+};
+
+// A plane is read in place when its bytes within a row are contiguous and
+// rows are a positive stride apart that holds a row (a decoder's padded
+// rows, a slice of a wider array); any other plane (a column slice with a
+// step, a flipped view) is copied once.
+bool InPlace(const py::array& a) {
+    return a.strides(1) == 1 && (a.shape(0) == 1 || a.strides(0) >= a.shape(1));
+}
+
+ptrdiff_t RowStride(const py::array& a) {
+    return a.shape(0) == 1 ? static_cast<ptrdiff_t>(a.shape(1))
+                           : static_cast<ptrdiff_t>(a.strides(0));
+}
+
+// Checks a (y, u, v) tuple: y (H, W) with both sides at least 2, u and v
+// (H / 2, W / 2) with the halves rounded down or up (decoders round up).
+// Returns why it is no such frame, "" when it is one.
+std::string PlanesError(py::handle frame, FrameArg& f) {
+    py::sequence seq = py::reinterpret_borrow<py::sequence>(frame);
+    if (py::len(seq) != 3) {
+        return "a frame given as planes must be a tuple (y, u, v) of three arrays, not " +
+               std::to_string(py::len(seq));
+    }
+    static const char* const kNames[3] = {"plane y", "plane u", "plane v"};
+    for (int p = 0; p < 3; ++p) f.arrays[p] = CheckedArray<uint8_t>(seq[p], kNames[p]);
+    if (f.fmt != QVN_PIX_FMT_YUV420_A) {
+        return "a tuple of planes is a three-plane frame: give format 'i420' for (y, u, v) or "
+               "'yv12' for (y, v, u), not format " + std::to_string(f.fmt);
+    }
+    const py::array& y = f.arrays[0];
+    bool ok = y.ndim() == 2 && y.shape(0) >= 2 && y.shape(1) >= 2;
+    for (int p = 1; ok && p < 3; ++p) {
+        const py::array& c = f.arrays[p];
+        ok = c.ndim() == 2;
+        for (int d = 0; ok && d < 2; ++d) {
+            ok = c.shape(d) == y.shape(d) / 2 || c.shape(d) == (y.shape(d) + 1) / 2;
+        }
+    }
+    if (!ok) {
+        return "planes must be y (H, W) with H and W at least 2, and u, v (H / 2, W / 2) "
+               "(halves rounded down or up), not " + ShapeText(f.arrays[0]) + ", " +
+               ShapeText(f.arrays[1]) + ", " + ShapeText(f.arrays[2]);
+    }
+    if (y.shape(0) > kMaxSide || y.shape(1) > kMaxSide) {
+        return "frame of shape " + ShapeText(y) + " is larger than " + std::to_string(kMaxSide) +
+               " pixels on a side";
+    }
+    f.g.height = static_cast<int>(y.shape(0));
+    f.g.width = static_cast<int>(y.shape(1));
+    return "";
+}
+
+// Reads the frame, format and colour arguments into `f`, without copying.
+// Returns why the frame is refused, "" when it is taken; TypeError and
+// ValueError for arguments of the wrong kind or value are raised.
+std::string ReadFrameArg(py::handle frame, py::handle format, py::handle matrix,
+                         py::handle range, FrameArg& f) {
+    f.fmt = ParseFrameFormat(format, f.yv12);
+    f.matrix = ParseMatrix(matrix);
+    f.range = ParseRange(range);
+    f.planes = PyTuple_Check(frame.ptr());
+    std::string error;
+    if (f.planes) {
+        error = PlanesError(frame, f);
+    } else {
+        f.arrays[0] = CheckedArray<uint8_t>(frame, "frame");
+        error = FrameShapeError(f.arrays[0], f.fmt, f.g);
+    }
+    if (error.empty() && f.Described() && !pixfmt::IsFourTwoZero(f.fmt)) {
+        error = std::string("matrix and range describe 4:2:0 frames, not a ") +
+                pixfmt::NameOf(f.fmt) + " frame";
+    }
+    return error;
+}
+
+// The view the FrameView converters read; call after `f` was read without
+// error. `copy`: replace planes that cannot be read in place by copies.
+FrameView MakeView(FrameArg& f, uint32_t orient, bool copy) {
+    FrameView v;
+    v.pix_fmt = f.fmt;
+    v.ori_fmt = orient;
+    v.width = f.g.width;
+    v.height = f.g.height;
+    v.matrix = f.matrix;
+    v.range = f.range;
+    if (f.planes) {
+        for (int p = 0; p < 3; ++p) {
+            if (copy && !InPlace(f.arrays[p])) f.arrays[p] = Contiguous<uint8_t>(f.arrays[p]);
+            v.planes[p] = {static_cast<const uint8_t*>(f.arrays[p].data()), RowStride(f.arrays[p])};
+        }
+    } else {
+        // One array: the packed layout of the kit's frames, read as a whole
+        // (a three-plane array's chroma planes do not follow its rows).
+        if (copy) f.arrays[0] = Contiguous<uint8_t>(f.arrays[0]);
+        QVN_Image image = FrameImage(f.g, f.fmt, orient, f.arrays[0].data());
+        quvas::kit::FrameView_From_QVN_Image(&image, &v);
+        v.matrix = f.matrix;
+        v.range = f.range;
+    }
+    if (f.yv12) std::swap(v.planes[1], v.planes[2]);
+    return v;
+}
+
+bool ValidateFrame(py::handle frame, py::handle format, py::handle orient, bool for_input,
+                   py::handle matrix, py::handle range) {
     LogFlush flush;
-    const uint32_t fmt = ParseFormat(format, "format");
+    FrameArg f;
     const uint32_t ori = ParseOrient(orient, "orient");
     // Only the record is checked, never the pixels: no contiguous copy.
-    py::array a = CheckedArray<uint8_t>(frame, "frame");
-    FrameGeometry g;
-    std::string error = FrameShapeError(a, fmt, g);
+    std::string error = ReadFrameArg(frame, format, matrix, range, f);
     if (!error.empty()) {
         NoteLogLine(error);
         return false;
     }
-    QVN_Image img = FrameImage(g, fmt, ori, a.size() > 0 ? a.data() : nullptr);
     bool ok;
-    {
+    if (for_input && (f.fmt == QVN_PIX_FMT_YUV420_A || f.Described())) {
+        // What preprocess hands to the FrameView converters.
+        FrameView view = MakeView(f, ori, false);
+        if (f.planes) {
+            // A plane preprocess would copy: its copy's stride holds a row.
+            for (int p = 0; p < 3; ++p) {
+                if (!InPlace(f.arrays[p])) view.planes[p].stride = f.arrays[p].shape(1);
+            }
+        }
         py::gil_scoped_release release;
-        ok = quvas::kit::Is_Valid_QVN_Image_For_CPU(&img, for_input);
-    }
-    // The kit also passes three-plane and three-byte frames as inputs, which
-    // no converter preprocess calls takes.
-    if (ok && for_input && !pixfmt::IsInputFrame(fmt)) {
-        NoteLogLine(NotInputFrameText(fmt));
-        ok = false;
+        ok = quvas::kit::Is_Valid_FrameView(view);
+    } else {
+        const py::array& a = f.arrays[0];
+        QVN_Image img = FrameImage(f.g, f.fmt, ori, a.size() > 0 ? a.data() : nullptr);
+        {
+            py::gil_scoped_release release;
+            ok = quvas::kit::Is_Valid_QVN_Image_For_CPU(&img, for_input);
+        }
+        // The kit also passes three-byte frames as inputs, which no converter
+        // preprocess calls takes.
+        if (ok && for_input && !pixfmt::IsViewFrame(f.fmt)) {
+            NoteLogLine(NotInputFrameText(f.fmt));
+            ok = false;
+        }
     }
     return ok;
 }
 
 py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py::handle crop,
-                     py::handle size, bool bgr, bool gray, int pad, bool fast, py::handle out) {
+                     py::handle size, bool bgr, bool gray, int pad, bool fast, py::handle out,
+                     py::handle matrix, py::handle range) {
     LogFlush flush;
-    const uint32_t fmt = ParseFormat(format, "format");
+    FrameArg f;
+    f.fmt = ParseFrameFormat(format, f.yv12);
     const uint32_t ori = ParseOrient(orient, "orient");
     if (gray && bgr) throw py::value_error("bgr and gray exclude each other");
     CheckedInt(pad, "pad", 0, 255);
-    py::array a = CheckedArray<uint8_t>(frame, "frame");
-    if (!pixfmt::IsInputFrame(fmt)) throw py::value_error(NotInputFrameText(fmt));
-    FrameGeometry g;
-    std::string error = FrameShapeError(a, fmt, g);
+    if (!PyTuple_Check(frame.ptr())) {
+        CheckedArray<uint8_t>(frame, "frame");
+    }
+    if (!pixfmt::IsViewFrame(f.fmt)) throw py::value_error(NotInputFrameText(f.fmt));
+    std::string error = ReadFrameArg(frame, format, matrix, range, f);
     if (!error.empty()) throw py::value_error(error);
+    const FrameGeometry& g = f.g;
+    // Three-plane frames and frames with a colour description go through the
+    // FrameView converter, which is one pass whatever `fast` says (no
+    // step-by-step converter takes them).
+    const bool use_view = f.fmt == QVN_PIX_FMT_YUV420_A || f.Described();
 
     int cx = 0, cy = 0, cw = 0, ch = 0;
     if (!crop.is_none()) {
@@ -170,22 +359,34 @@ py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py:
             tw = static_cast<int>(std::min<py::ssize_t>(o.shape(gray ? 1 : 2), kMaxSide));
         }
     }
-    // The two-plane colour path resizes the half-size chroma plane to
+    // The 4:2:0 colour path resizes the half-size chroma plane to
     // (H / 2, W / 2), which must not be empty.
-    if (pixfmt::IsTwoPlane(fmt) && !gray && (th < 2 || tw < 2)) {
+    if (pixfmt::IsFourTwoZero(f.fmt) && !gray && (th < 2 || tw < 2)) {
         throw py::value_error("size (" + std::to_string(th) + ", " + std::to_string(tw) +
-                              ") is too small: a two-plane frame needs at least (2, 2)");
+                              ") is too small: a " +
+                              (pixfmt::IsTwoPlane(f.fmt) ? "two" : "three") +
+                              "-plane frame needs at least (2, 2)");
     }
     CheckBytes(th, tw, gray ? 1 : 4, "size");  // four-byte frames resize in 4 channels
     std::vector<py::ssize_t> shape =
         gray ? std::vector<py::ssize_t>{th, tw} : std::vector<py::ssize_t>{3, th, tw};
     CArray<uint8_t> result = out.is_none() ? CArray<uint8_t>(shape)
                                            : OutputArray<uint8_t>(out, "out", shape);
-    if (!out.is_none()) CheckNoOverlap(result, a, "out", "frame");
-    // Last, once nothing can be refused any more: the copy of a frame that
-    // is not C-contiguous.
-    CArray<uint8_t> pixels = Contiguous<uint8_t>(a);
-    QVN_Image image = FrameImage(g, fmt, ori, pixels.data());
+    if (!out.is_none()) {
+        for (int p = 0; p < (f.planes ? 3 : 1); ++p) {
+            CheckNoOverlap(result, f.arrays[p], "out", f.planes ? "a plane" : "frame");
+        }
+    }
+    // Last, once nothing can be refused any more: the copy of a frame (or
+    // plane) that cannot be read in place.
+    FrameView view;
+    QVN_Image image{};
+    if (use_view) {
+        view = MakeView(f, ori, true);
+    } else {
+        f.arrays[0] = Contiguous<uint8_t>(f.arrays[0]);
+        image = FrameImage(g, f.fmt, ori, f.arrays[0].data());
+    }
     uint8_t* dst = result.mutable_data();
     {
         py::gil_scoped_release release;
@@ -201,7 +402,13 @@ py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py:
         TensorPtr tensor = device.CreateTensorExternal(ts, dst);
         const unsigned char padv = static_cast<unsigned char>(pad);
         namespace kit = quvas::kit;
-        if (gray) {
+        if (use_view && gray) {
+            kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_Gray8_TensorCPU(
+                view, tensor, cx, cy, cw, ch, padv);
+        } else if (use_view) {
+            kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(
+                view, tensor, bgr, cx, cy, cw, ch, padv);
+        } else if (gray) {
             (fast ? kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU
                   : kit::QV_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU)(
                 &image, tensor, cx, cy, cw, ch, padv);
@@ -218,25 +425,40 @@ py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py:
 
 void RegisterPreprocess(py::module_& m) {
     m.def("validate_frame", &ValidateFrame, py::arg("frame"), py::arg("format"),
-          py::arg("orient") = 0, py::arg("for_input") = true,
-          "The kit's check of a frame record (Is_Valid_QVN_Image_For_CPU), after the\n"
-          "check of the array's shape that preprocess makes: an array preprocess refuses\n"
-          "as a frame is refused here too. A rejection returns False and logs the reason\n"
-          "to the 'qvn_kit' logger.");
+          py::arg("orient") = 0, py::arg("for_input") = true, py::kw_only(),
+          py::arg("matrix") = py::none(), py::arg("range") = py::none(),
+          "The kit's check of a frame record (Is_Valid_QVN_Image_For_CPU, or\n"
+          "Is_Valid_FrameView for the frames preprocess reads through a view), after the\n"
+          "check of the array's shape that preprocess makes: a frame preprocess refuses is\n"
+          "refused here too. A rejection returns False and logs the reason to the 'qvn_kit'\n"
+          "logger; a matrix or range that is no such name raises ValueError.");
     m.def("preprocess", &Preprocess, py::arg("frame"), py::arg("format"), py::arg("orient") = 0,
           py::arg("crop") = py::none(), py::arg("size") = py::none(), py::arg("bgr") = false,
           py::arg("gray") = false, py::arg("pad") = 0, py::arg("fast") = false,
-          py::arg("out") = py::none(),
+          py::arg("out") = py::none(), py::kw_only(), py::arg("matrix") = py::none(),
+          py::arg("range") = py::none(),
           "A camera frame to a network input, through the kit's crop converters.\n\n"
-          "frame: uint8 (H * 3 / 2, W) for 'nv12', 'nv21', 'yuv420sp_a', 'yuv420sp_b'; (H, W, 4)\n"
-          "for 'bgra', 'rgba'. orient: the frame's orientation flags (int 0..127 or names such\n"
+          "frame: uint8 (H * 3 / 2, W) for 'nv12', 'nv21', 'yuv420sp_a', 'yuv420sp_b', and for\n"
+          "three-plane 'i420' (Y, U, V planes one after the other) and 'yv12' (Y, V, U);\n"
+          "(H, W, 4) for 'bgra', 'rgba'; or, for 'i420', a tuple (y, u, v) of 2-D planes, y\n"
+          "(H, W) and u, v (H / 2, W / 2) with halves rounded down or up, as a decoder hands\n"
+          "them over (PyAV's frame.planes); 'yv12' takes (y, v, u). Planes are read in\n"
+          "place, each with its own row stride; a plane whose rows are not contiguous bytes\n"
+          "is copied once. orient: the frame's orientation flags (int 0..127 or names such\n"
           "as 'rotate90r|mirror'), undone by the conversion. crop: (x, y, w, h) in pixels of the\n"
           "upright view, or None for the whole frame; pixels outside the frame read `pad`.\n"
           "size: (H, W) of the result, (256, 256) unless `out` gives it. Returns uint8\n"
           "(3, H, W) planes R,G,B (B,G,R with bgr=True), or (H, W) with gray=True. out: a\n"
           "C-contiguous uint8 array of that shape to write into (e.g. one row of a batch),\n"
           "sharing no memory with the frame.\n"
-          "fast=True runs the one-pass converter: the same bytes, without intermediate tensors.");
+          "matrix: 'bt601' or 'bt709'; range: 'limited' (Y 16..235, chroma 16..240) or\n"
+          "'full'. None keeps the format's own colour for the two-plane formats and, for\n"
+          "three-plane frames, takes what players assume of an untagged stream: BT.601 up to\n"
+          "576 lines, BT.709 above, limited range. Gray output of a limited-range frame is\n"
+          "its luma expanded to full range. 4:2:0 frames only.\n"
+          "fast=True runs the one-pass converter: the same bytes, without intermediate\n"
+          "tensors. Three-plane frames and frames given a matrix or range always take the\n"
+          "one-pass converter, whatever `fast` says.");
 }
 
 }  // namespace qvnpy

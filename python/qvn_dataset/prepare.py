@@ -25,6 +25,8 @@ import numpy as np
 from .failures import (EXIT_CLUSTER, EXIT_CODES_HELP, EXIT_INPUT, EXIT_NOTHING, EXIT_OUTPUT,
                        Failure, UsageError, memory_failure, output_failure, report, shown,
                        task_failure, host)
+from .route import (JPEG_ROUTES, REDUCE_FACTORS, ROUTE_BEFORE, convert_frame,
+                    convert_picture)
 
 PICTURE_SUFFIXES = (".png", ".jpg", ".jpeg")
 MANIFEST = "manifest.json"
@@ -59,6 +61,13 @@ def parse_args(argv):
     p.add_argument("--bgr", action="store_true", help="planes in B,G,R order")
     p.add_argument("--gray", action="store_true", help="one gray plane")
     p.add_argument("--pad", type=int, default=0, help="value of crop pixels outside the frame")
+    p.add_argument("--jpeg", default="planes", choices=JPEG_ROUTES,
+                   help="planes: 4:2:0 JPEGs go from their own YCbCr planes to the tensor "
+                        "(BT.601 full range); rgb: through RGB and a --format frame, as data "
+                        "sets were made before (planes)")
+    p.add_argument("--reduce", type=int, default=1, choices=REDUCE_FACTORS,
+                   help="with --jpeg planes, decode at 1/2, 1/4 or 1/8 scale where the crop "
+                        "is at least that much larger than the tensor (1: full size)")
     p.add_argument("--shard", type=int, default=None,
                    help=f"pictures a shard ({DEFAULT_SHARD}, or fewer where a shard of "
                         f"{DEFAULT_SHARD} would pass --max-shard-mb)")
@@ -113,7 +122,10 @@ def conversion_options(args):
             raise UsageError(f"--crop {args.crop!r} is not x,y,w,h")
     options = {"format": args.format, "orient": args.orient, "tensor": [c, h, w],
                "crop": crop, "bgr": args.bgr, "gray": args.gray, "pad": args.pad,
+               "jpeg": args.jpeg, "reduce": args.reduce,
                "shard": shard_rows(args, c * h * w, tensor)}
+    if args.reduce != 1 and args.jpeg != "planes":
+        raise UsageError("--reduce decodes JPEG planes: it needs --jpeg planes")
     # Let the module refuse bad values now rather than once a picture.
     probe = qvn_kit.make_frame(np.zeros((2, 2, 3), np.uint8), args.format)
     try:
@@ -171,22 +183,6 @@ def check_where(args):
 # Work of one shard (runs on a worker)
 # ---------------------------------------------------------------------------
 
-def convert_frame(qvn_kit, frame, options, out=None):
-    c, h, w = options["tensor"]
-    if out is not None and options["gray"]:
-        out = out[0]
-    return qvn_kit.preprocess(frame, options["format"], options["orient"],
-                              crop=options["crop"], size=(h, w), bgr=options["bgr"],
-                              gray=options["gray"], pad=options["pad"], fast=True, out=out)
-
-
-def picture_to_frame(qvn_kit, pic, fmt):
-    """The tool's frame of a picture. 4:2:0 frames need an even size: a
-    picture with an odd width or height gets its last column or row
-    repeated, as the tool does."""
-    return qvn_kit.make_frame(pic, fmt)
-
-
 _MALLOC_TUNED = False
 
 
@@ -243,13 +239,12 @@ def convert_shard(index, paths, input_dir, out_dir, options):
                 rel.encode("utf-8")
             except UnicodeEncodeError:
                 raise ValueError(NOT_UTF8) from None
-            pic = qvn_kit.read_picture(os.path.join(input_dir, rel))
-            frame = picture_to_frame(qvn_kit, pic, options["format"])
-            convert_frame(qvn_kit, frame, options, out=batch[rows])
+            width, height = convert_picture(qvn_kit, os.path.join(input_dir, rel), options,
+                                            batch[rows])
         except (ValueError, MemoryError) as e:
             errors.append([shown(rel), str(e) or type(e).__name__])
             continue
-        sizes.append([int(pic.shape[1]), int(pic.shape[0])])
+        sizes.append([width, height])
         rows += 1
     name = shard_name(index)
     digest = hashlib.sha256()
@@ -419,7 +414,8 @@ def load_resumable(path, manifest, slices, stamps):
             or old.get("format_version") != FORMAT_VERSION
             or not isinstance(old.get("shards"), list)):
         raise damaged("not a qvn-dataset manifest of this version")
-    if (old.get("options") != manifest["options"]
+    # A set made before the JPEG routes existed was made with the RGB one.
+    if (dict(ROUTE_BEFORE, **(old.get("options") or {})) != manifest["options"]
             or old.get("inputs_sha256") != manifest["inputs_sha256"]):
         raise UsageError("--resume: the options or the input pictures differ from the "
                          "run recorded in " + str(path))

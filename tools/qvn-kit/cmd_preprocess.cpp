@@ -11,8 +11,10 @@
 #include "console.hpp"
 #include "frames.hpp"
 #include "image_io.hpp"
+#include "jpeg_planes.hpp"
 #include "npy.hpp"
 #include "pixel_format.h"
+#include "plane_views.hpp"
 #include "preprocess.hpp"
 
 #include <qvn_kit/qvn_kit.hpp>
@@ -20,6 +22,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <new>
 
@@ -54,31 +58,46 @@ quvas::runtime::TensorPtr MakeOutputTensor(quvas::runtime::DeviceCPU& device,
         TensorShape({target.c, target.h, target.w}, data_type::kUInt8, layout::kCHW), nullptr);
 }
 
-void ConvertFrame(const QVN_Image& frame, const TensorTarget& target, bool bgr,
-                  const std::vector<int>& crop, unsigned char pad,
-                  quvas::runtime::TensorPtr& tensor) {
-    if (TooSmallForChroma(frame.pix_fmt, target.gray, target.w, target.h)) {
+namespace {
+
+// The tool's checks on the tensor and the crop before a converter runs:
+// the sizes the kit would refuse or silently misread, said in the tool's
+// words.
+void CheckTensorAndCrop(uint32_t pix_fmt, const TensorTarget& target,
+                        const std::vector<int>& crop) {
+    if (TooSmallForChroma(pix_fmt, target.gray, target.w, target.h)) {
         throw ToolError("tensor shape cannot hold the output: a two-plane frame needs a "
                             "tensor of at least 2x2 pixels",
                         kExitUsage);
     }
-    int cx = 0, cy = 0, cw = 0, ch = 0;
     if (!crop.empty()) {
-        cx = crop[0];
-        cy = crop[1];
-        cw = crop[2];
-        ch = crop[3];
+        const int cw = crop[2], ch = crop[3];
         // The converter multiplies the crop's sides in 32 bits and would
         // silently take the whole frame when the product wraps; the limit
         // keeps it far below that.
         CheckPixels(static_cast<uint64_t>(cw), static_cast<uint64_t>(ch), "crop", kExitUsage);
-        if (TooSmallForChroma(frame.pix_fmt, target.gray, cw, ch)) {
+        if (TooSmallForChroma(pix_fmt, target.gray, cw, ch)) {
             throw ToolError("crop " + std::to_string(cw) + "x" + std::to_string(ch) +
                                 " is too small: a two-plane frame needs a crop of at least 2x2 "
                                 "pixels",
                             kExitUsage);
         }
     }
+}
+
+// x, y, w, h of the crop; zeros (the whole frame) when none was given.
+std::array<int, 4> CropOf(const std::vector<int>& crop) {
+    if (crop.empty()) return {0, 0, 0, 0};
+    return {crop[0], crop[1], crop[2], crop[3]};
+}
+
+}  // namespace
+
+void ConvertFrame(const QVN_Image& frame, const TensorTarget& target, bool bgr,
+                  const std::vector<int>& crop, unsigned char pad,
+                  quvas::runtime::TensorPtr& tensor) {
+    CheckTensorAndCrop(frame.pix_fmt, target, crop);
+    const auto [cx, cy, cw, ch] = CropOf(crop);
     if (!quvas::kit::Is_Valid_QVN_Image_For_CPU(&frame, true)) {
         CheckLibrary("the library rejected the frame");
         throw ToolError("the library rejected the frame", kExitLibrary);
@@ -100,6 +119,37 @@ void ConvertFrame(const QVN_Image& frame, const TensorTarget& target, bool bgr,
                         kExitLibrary);
     }
     // A refusal leaves the tensor unfilled: never write it.
+    CheckLibrary("the library refused the conversion");
+}
+
+void ConvertView(const quvas::kit::FrameView& view, const TensorTarget& target, bool bgr,
+                 const std::vector<int>& crop, unsigned char pad,
+                 quvas::runtime::TensorPtr& tensor) {
+    // Three-plane 4:2:0 has the two-plane formats' 2x2 chroma blocks.
+    const bool four_two_zero = quvas::kit::pixfmt::IsFourTwoZero(view.pix_fmt);
+    CheckTensorAndCrop(four_two_zero ? uint32_t{QVN_PIX_FMT_YUV420SP_C} : view.pix_fmt, target,
+                       crop);
+    const auto [cx, cy, cw, ch] = CropOf(crop);
+    if (!quvas::kit::Is_Valid_FrameView(view)) {
+        CheckLibrary("the library rejected the frame");
+        throw ToolError("the library rejected the frame", kExitLibrary);
+    }
+    try {
+        if (target.gray) {
+            quvas::kit::
+                QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_Gray8_TensorCPU(
+                    view, tensor, cx, cy, cw, ch, pad);
+        } else {
+            quvas::kit::
+                QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(
+                    view, tensor, bgr, cx, cy, cw, ch, pad);
+        }
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw ToolError(std::string("the library failed on the frame: ") + e.what(),
+                        kExitLibrary);
+    }
     CheckLibrary("the library refused the conversion");
 }
 
@@ -155,10 +205,60 @@ long RawFrameCount(uint32_t pix_fmt, const std::string& size_text, size_t frame_
 namespace {
 
 struct PreprocessOptions {
-    std::string in, out, format = "nv21", size, orient = "0", crop, tensor;
+    std::string in, out, format = "nv21", size, orient = "0", crop, tensor, jpeg = "rgb";
     bool bgr = false, gray = false;
-    int pad = 0;
+    int pad = 0, reduce = 1;
 };
+
+// The DCT scale to decode a JPEG at: the largest of reduce, reduce / 2, ...
+// at which the crop (the whole picture when none is given), so scaled, is
+// still at least as large as the tensor on both sides.
+int ChooseReduce(int reduce, const JpegHeader& header, uint32_t ori,
+                 const std::vector<int>& crop, const TensorTarget& target) {
+    int64_t cw = header.width, ch = header.height;
+    const bool quarter_turn = ((ori & QVN_ORIENT_FMT_ROTATE_90R) != 0) !=
+                              ((ori & QVN_ORIENT_FMT_ROTATE_90L) != 0);
+    if (!crop.empty()) {
+        cw = crop[2];
+        ch = crop[3];
+    } else if (quarter_turn) {
+        std::swap(cw, ch);
+    }
+    while (reduce > 1 && (static_cast<int64_t>(target.w) * reduce > cw ||
+                          static_cast<int64_t>(target.h) * reduce > ch)) {
+        reduce /= 2;
+    }
+    return reduce;
+}
+
+// A crop of the full-size picture in the picture decoded at 1/reduce:
+// x and y divided and rounded down, width and height rounded to nearest
+// (at least 1).
+std::vector<int> ScaledCrop(const std::vector<int>& crop, int reduce) {
+    if (crop.empty() || reduce == 1) return crop;
+    auto floor_div = [reduce](int v) {
+        return v >= 0 ? v / reduce : -((-v + reduce - 1) / reduce);
+    };
+    auto near_div = [reduce](int v) { return std::max(1, (v + reduce / 2) / reduce); };
+    return {floor_div(crop[0]), floor_div(crop[1]), near_div(crop[2]), near_div(crop[3])};
+}
+
+// A 4:2:0 JPEG straight from its planes through the one-pass converter;
+// false when the picture is not one (the caller takes the RGB route).
+bool PreprocessJpegPlanes(const PreprocessOptions& o, const std::vector<uint8_t>& bytes,
+                          uint32_t ori, const std::vector<int>& crop,
+                          const TensorTarget& target, quvas::runtime::DeviceCPU& device) {
+    const JpegHeader header = ReadJpegHeader(bytes);
+    if (!header.planes420) return false;
+    const int reduce = ChooseReduce(o.reduce, header, ori, crop, target);
+    JpegPlanes planes;
+    if (!DecodeJpegPlanes(o.in, bytes, reduce, planes)) return false;
+    quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
+    ConvertView(JpegFrameView(planes, ori), target, o.bgr, ScaledCrop(crop, reduce),
+                static_cast<unsigned char>(o.pad), tensor);
+    WriteTensor(o.out, *tensor, o.bgr);
+    return true;
+}
 
 void RunPreprocess(const PreprocessOptions& o) {
     uint32_t pix_fmt = ParseFrameFormat(o.format);
@@ -180,8 +280,23 @@ void RunPreprocess(const PreprocessOptions& o) {
                         o.gray);
     quvas::runtime::DeviceCPU device;
 
+    if (o.jpeg != "rgb" && o.jpeg != "planes") {
+        throw ToolError("--jpeg '" + o.jpeg + "' is not rgb or planes", kExitUsage);
+    }
+    if (o.reduce != 1 && o.reduce != 2 && o.reduce != 4 && o.reduce != 8) {
+        throw ToolError("--reduce " + std::to_string(o.reduce) + " is not 1, 2, 4 or 8",
+                        kExitUsage);
+    }
+    if (o.reduce != 1 && o.jpeg != "planes") {
+        throw ToolError("--reduce needs --jpeg planes", kExitUsage);
+    }
     if (o.size.empty()) {
-        Picture pic = ReadPicture(o.in);
+        const std::vector<uint8_t> bytes = ReadPictureBytes(o.in);
+        if (o.jpeg == "planes" && IsJpeg(bytes) &&
+            PreprocessJpegPlanes(o, bytes, ori, crop, target, device)) {
+            return;
+        }
+        Picture pic = DecodePicture(o.in, bytes);
         Frame frame;
         PictureToFrame(pic, pix_fmt, ori, frame);
         quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
@@ -233,6 +348,16 @@ void AddPreprocessCommand(CLI::App& app) {
     cmd->add_flag("--bgr", opts->bgr, "Planes in B,G,R order");
     cmd->add_flag("--gray", opts->gray, "One gray plane");
     cmd->add_option("--pad", opts->pad, "Value 0..255 of crop pixels outside the frame (0)");
+    cmd->add_option("--jpeg", opts->jpeg,
+                    "How a JPEG becomes a frame: rgb (default) decodes to R,G,B and makes a "
+                    "--format frame for the step-by-step converter, as data sets made so far "
+                    "were; planes hands a 4:2:0 JPEG's own Y, Cb, Cr planes (BT.601 full range) "
+                    "to the one-pass converter, other JPEGs and PNGs take the rgb route");
+    cmd->add_option("--reduce", opts->reduce,
+                    "With --jpeg planes: decode a 4:2:0 JPEG at 1/2, 1/4 or 1/8 scale in the "
+                    "DCT (2, 4, 8), or the largest of those up to this one at which the crop "
+                    "(or the whole picture) stays at least as large as the tensor; the crop is "
+                    "divided by the scale (x, y rounded down, w, h to nearest)");
     cmd->callback([opts] { RunPreprocess(*opts); });
 }
 

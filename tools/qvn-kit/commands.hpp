@@ -16,6 +16,7 @@ void AddMaskCommand(CLI::App& app);
 void AddDecodeCommand(CLI::App& app);
 void AddTrackCommand(CLI::App& app);
 void AddDemoCommand(CLI::App& app);
+void AddVideoCommand(CLI::App& app);
 
 }  // namespace qvntool
 

@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
     qvntool::AddDecodeCommand(app);
     qvntool::AddTrackCommand(app);
     qvntool::AddDemoCommand(app);
+    qvntool::AddVideoCommand(app);
 
     int code = 0;
     try {

@@ -5,6 +5,7 @@
 
 #include "common.hpp"
 
+#include <qvn_kit/frame_view.hpp>
 #include <qvn_kit/qvn_kit.h>
 #include <quvas/runtime/tensor.h>
 
@@ -28,6 +29,11 @@ quvas::runtime::TensorPtr MakeOutputTensor(quvas::runtime::DeviceCPU& device,
 void ConvertFrame(const QVN_Image& frame, const TensorTarget& target, bool bgr,
                   const std::vector<int>& crop, unsigned char pad,
                   quvas::runtime::TensorPtr& tensor);
+// The same for a view of a decoder's planes, through the one-pass
+// converter that reads it in place.
+void ConvertView(const quvas::kit::FrameView& view, const TensorTarget& target, bool bgr,
+                 const std::vector<int>& crop, unsigned char pad,
+                 quvas::runtime::TensorPtr& tensor);
 // .npy or PNG by the name.
 void WriteTensor(const std::string& path, const quvas::runtime::Tensor& tensor, bool bgr);
 // Bytes of one raw frame of `size_text` ("WxH", parsed into `size`) in

@@ -1,0 +1,405 @@
+// test_video.cpp - the decoders' planes: JPEG straight to Y, Cb, Cr
+// (TurboJPEG) and video files (FFmpeg), checked against libjpeg's own RGB
+// decode and the textbook JFIF formula, and `qvn-kit video` and the JPEG
+// planes route of `qvn-kit preprocess` run as a user runs them.
+#include "common.hpp"
+#include "jpeg_planes.hpp"
+#include "test_support.h"
+
+#include <qvn_kit/frame_view.hpp>
+#include <quvas/runtime/tensor.h>
+
+#include <gtest/gtest.h>
+#include <jpeglib.h>
+#include <turbojpeg.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#ifndef QVN_KIT_TOOL
+#error "QVN_KIT_TOOL must name the qvn-kit binary"
+#endif
+
+namespace {
+
+using quvas::kit::FrameView;
+using quvas::kit::YuvMatrix;
+using quvas::kit::YuvRange;
+
+const char* const kVtest = "/usr/share/doc/opencv-doc/examples/data/vtest.avi";
+
+std::string Slurp(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream f(path, std::ios::binary);
+    f << bytes;
+}
+
+struct RunResult {
+    int code = -1;
+    std::string out, err;
+};
+
+RunResult RunTool(const qvntest::ScratchDir& dir, const std::string& args) {
+    const std::string cmd = std::string("'") + QVN_KIT_TOOL + "' " + args + " >'" + dir / ".out" +
+                            "' 2>'" + dir / ".err" + "'";
+    const int status = std::system(cmd.c_str());
+    RunResult r;
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = Slurp(dir / ".out");
+    r.err = Slurp(dir / ".err");
+    std::remove((dir / ".out").c_str());
+    std::remove((dir / ".err").c_str());
+    return r;
+}
+
+// A uint8 .npy: its shape text ("(2, 3, 96, 128)") and body.
+struct NpyU8 {
+    std::string shape;
+    std::string body;
+};
+
+NpyU8 ReadNpy(const std::string& path) {
+    const std::string s = Slurp(path);
+    NpyU8 n;
+    if (s.size() < 10 || s.compare(0, 6, "\x93NUMPY") != 0) return n;
+    const size_t len = static_cast<uint8_t>(s[8]) | static_cast<size_t>(static_cast<uint8_t>(s[9])) << 8;
+    const std::string header = s.substr(10, len);
+    EXPECT_NE(header.find("'descr': '|u1'"), std::string::npos) << header;
+    const size_t a = header.find('('), b = header.find(')');
+    n.shape = header.substr(a, b - a + 1);
+    n.body = s.substr(10 + len);
+    return n;
+}
+
+// The one-pass converter run here on a view: C x H x W bytes (gray: H x W).
+std::string Converted(const FrameView& view, int c, int h, int w, bool bgr,
+                      const std::array<int, 4>& crop) {
+    using namespace quvas::runtime;
+    DeviceCPU device;
+    TensorPtr t = c == 1 ? device.CreateTensor(
+                               TensorShape({h, w, 1}, data_type::kUInt8, layout::kHWC), nullptr)
+                         : device.CreateTensor(
+                               TensorShape({c, h, w}, data_type::kUInt8, layout::kCHW), nullptr);
+    if (c == 1) {
+        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_Gray8_TensorCPU(
+            view, t, crop[0], crop[1], crop[2], crop[3], 0);
+    } else {
+        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(
+            view, t, bgr, crop[0], crop[1], crop[2], crop[3], 0);
+    }
+    return std::string(reinterpret_cast<const char*>(t->data()), static_cast<size_t>(c) * h * w);
+}
+
+// The first `count` frames of a video, each plane copied out row by row
+// with a plain FFmpeg decode loop written here.
+struct Planes420 {
+    int w = 0, h = 0;
+    std::vector<uint8_t> y, u, v;
+};
+
+std::vector<Planes420> DecodeVideo(const std::string& path, int count) {
+    std::vector<Planes420> out;
+    AVFormatContext* fmt = nullptr;
+    if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0) return out;
+    avformat_find_stream_info(fmt, nullptr);
+    const AVCodec* codec = nullptr;
+    const int stream = av_find_best_stream(fmt, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
+    AVCodecContext* ctx = avcodec_alloc_context3(codec);
+    avcodec_parameters_to_context(ctx, fmt->streams[stream]->codecpar);
+    avcodec_open2(ctx, codec, nullptr);
+    AVPacket* pkt = av_packet_alloc();
+    AVFrame* f = av_frame_alloc();
+    auto take = [&] {
+        while (static_cast<int>(out.size()) < count && avcodec_receive_frame(ctx, f) == 0) {
+            EXPECT_EQ(f->format, AV_PIX_FMT_YUV420P);
+            Planes420 p;
+            p.w = f->width;
+            p.h = f->height;
+            for (int y = 0; y < p.h; ++y) {
+                p.y.insert(p.y.end(), f->data[0] + y * f->linesize[0],
+                           f->data[0] + y * f->linesize[0] + p.w);
+            }
+            for (int y = 0; y < p.h / 2; ++y) {
+                p.u.insert(p.u.end(), f->data[1] + y * f->linesize[1],
+                           f->data[1] + y * f->linesize[1] + p.w / 2);
+                p.v.insert(p.v.end(), f->data[2] + y * f->linesize[2],
+                           f->data[2] + y * f->linesize[2] + p.w / 2);
+            }
+            out.push_back(std::move(p));
+        }
+    };
+    while (static_cast<int>(out.size()) < count && av_read_frame(fmt, pkt) >= 0) {
+        if (pkt->stream_index == stream) avcodec_send_packet(ctx, pkt);
+        av_packet_unref(pkt);
+        take();
+    }
+    avcodec_send_packet(ctx, nullptr);
+    take();
+    av_frame_free(&f);
+    av_packet_free(&pkt);
+    avcodec_free_context(&ctx);
+    avformat_close_input(&fmt);
+    return out;
+}
+
+// A JPEG of `rgb` (w x h, R,G,B) compressed by TurboJPEG with the given
+// chroma sampling; flags add TJFLAG_PROGRESSIVE. Gray sampling stores luma only.
+std::vector<uint8_t> CompressJpeg(const std::vector<uint8_t>& rgb, int w, int h, int subsamp,
+                                  int flags = 0) {
+    tjhandle tj = tjInitCompress();
+    unsigned char* out = nullptr;
+    unsigned long size = 0;
+    const int rc = tjCompress2(tj, rgb.data(), w, 0, h, TJPF_RGB, &out, &size, subsamp, 92,
+                               flags);
+    EXPECT_EQ(rc, 0) << tjGetErrorStr2(tj);
+    std::vector<uint8_t> bytes(out, out + size);
+    tjFree(out);
+    tjDestroy(tj);
+    return bytes;
+}
+
+// Smooth colour with some detail, so chroma placement matters.
+std::vector<uint8_t> TestPicture(int w, int h, unsigned seed) {
+    std::vector<uint8_t> noise = qvntest::RandomBytes(static_cast<size_t>(w) * h * 3, seed);
+    std::vector<uint8_t> rgb(noise.size());
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            const size_t i = (static_cast<size_t>(y) * w + x) * 3;
+            rgb[i] = static_cast<uint8_t>(x * 255 / w / 2 + noise[i] / 4 + 40);
+            rgb[i + 1] = static_cast<uint8_t>(y * 255 / h / 2 + noise[i + 1] / 4 + 30);
+            rgb[i + 2] = static_cast<uint8_t>(200 - (x + y) * 100 / (w + h) + noise[i + 2] / 8);
+        }
+    }
+    return rgb;
+}
+
+// libjpeg's own decode to R,G,B at 1/reduce, with chroma replicated over
+// each 2x2 block (no smoothing), so each pixel follows from one Y and one
+// Cb, Cr sample.
+// With `gray`, libjpeg's gray output of a YCbCr file: its Y samples as they
+// are.
+std::vector<uint8_t> LibjpegDecode(const std::vector<uint8_t>& bytes, int reduce, bool gray,
+                                   int& w, int& h) {
+    jpeg_decompress_struct d;
+    jpeg_error_mgr e;
+    d.err = jpeg_std_error(&e);
+    jpeg_create_decompress(&d);
+    jpeg_mem_src(&d, bytes.data(), static_cast<unsigned long>(bytes.size()));
+    jpeg_read_header(&d, TRUE);
+    d.out_color_space = gray ? JCS_GRAYSCALE : JCS_RGB;
+    d.do_fancy_upsampling = FALSE;
+    d.scale_num = 1;
+    d.scale_denom = static_cast<unsigned>(reduce);
+    jpeg_start_decompress(&d);
+    w = static_cast<int>(d.output_width);
+    h = static_cast<int>(d.output_height);
+    const int c = gray ? 1 : 3;
+    std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * c);
+    while (d.output_scanline < d.output_height) {
+        JSAMPROW row = rgb.data() + static_cast<size_t>(d.output_scanline) * w * c;
+        jpeg_read_scanlines(&d, &row, 1);
+    }
+    jpeg_finish_decompress(&d);
+    jpeg_destroy_decompress(&d);
+    return rgb;
+}
+
+int Clamp255(double v) { return static_cast<int>(std::lround(std::min(255.0, std::max(0.0, v)))); }
+
+// The largest difference between libjpeg's R,G,B and the JFIF formula
+// applied to the planes (Y at each pixel, Cb and Cr of its 2x2 block).
+int LargestJfifDifference(const qvntool::JpegPlanes& p, const std::vector<uint8_t>& rgb, int w) {
+    int worst = 0;
+    for (int y = 0; y < p.height; ++y) {
+        for (int x = 0; x < p.width; ++x) {
+            const double Y = p.plane[0][y * p.stride[0] + x];
+            const double cb = p.plane[1][(y / 2) * p.stride[1] + x / 2] - 128.0;
+            const double cr = p.plane[2][(y / 2) * p.stride[2] + x / 2] - 128.0;
+            const int want[3] = {Clamp255(Y + 1.402 * cr),
+                                 Clamp255(Y - 0.344136 * cb - 0.714136 * cr),
+                                 Clamp255(Y + 1.772 * cb)};
+            for (int c = 0; c < 3; ++c) {
+                const int got = rgb[(static_cast<size_t>(y) * w + x) * 3 + c];
+                worst = std::max(worst, std::abs(got - want[c]));
+            }
+        }
+    }
+    return worst;
+}
+
+// 4:2:0 JPEGs, baseline and progressive, odd and even sides, at every DCT
+// scale: the planes hold what libjpeg decodes (the JFIF formula over them
+// gives libjpeg's R,G,B within its fixed-point rounding), the odd last
+// column and row are left out, and the other samplings are told apart.
+TEST(JpegPlanes, FourTwoZeroPlanesAreWhatLibjpegDecodes) {
+    struct Case {
+        int w, h, flags, reduce;
+    };
+    const Case cases[] = {{64, 48, 0, 1},  {35, 27, 0, 1},  {70, 54, TJFLAG_PROGRESSIVE, 1},
+                          {80, 64, 0, 2},  {99, 77, 0, 4},  {130, 96, TJFLAG_PROGRESSIVE, 8}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h) + " /" +
+                     std::to_string(c.reduce) + (c.flags != 0 ? " progressive" : ""));
+        const std::vector<uint8_t> jpg =
+            CompressJpeg(TestPicture(c.w, c.h, 7), c.w, c.h, TJSAMP_420, c.flags);
+        const qvntool::JpegHeader header = qvntool::ReadJpegHeader(jpg);
+        EXPECT_TRUE(header.planes420);
+        EXPECT_EQ(header.sampling, "4:2:0");
+        qvntool::JpegPlanes planes;
+        ASSERT_TRUE(qvntool::DecodeJpegPlanes("t.jpg", jpg, c.reduce, planes));
+        int w = 0, h = 0;
+        const std::vector<uint8_t> luma = LibjpegDecode(jpg, c.reduce, true, w, h);
+        EXPECT_EQ(planes.decoded_width, w);
+        EXPECT_EQ(planes.decoded_height, h);
+        // Scaled sides round up: ceil(side / reduce).
+        EXPECT_EQ(w, (c.w + c.reduce - 1) / c.reduce);
+        EXPECT_EQ(planes.width, w - w % 2);
+        EXPECT_EQ(planes.height, h - h % 2);
+        int luma_diff = 0;
+        for (int y = 0; y < planes.height; ++y) {
+            for (int x = 0; x < planes.width; ++x) {
+                luma_diff = std::max(luma_diff, std::abs(planes.plane[0][y * planes.stride[0] + x] -
+                                                         luma[static_cast<size_t>(y) * w + x]));
+            }
+        }
+        EXPECT_EQ(luma_diff, 0);
+        // Scaled, libjpeg's R,G,B decode enlarges chroma in its inverse DCT
+        // rather than repeating samples; at full size both repeat them.
+        if (c.reduce == 1) {
+            const std::vector<uint8_t> rgb = LibjpegDecode(jpg, 1, false, w, h);
+            EXPECT_LE(LargestJfifDifference(planes, rgb, w), 1);
+        }
+    }
+
+    // Other samplings and gray are not a 4:2:0 frame.
+    const std::vector<uint8_t> rgb = TestPicture(32, 32, 3);
+    const std::pair<int, const char*> others[] = {
+        {TJSAMP_444, "4:4:4"}, {TJSAMP_422, "4:2:2"}, {TJSAMP_GRAY, "gray"}};
+    for (const auto& o : others) {
+        const std::vector<uint8_t> jpg = CompressJpeg(rgb, 32, 32, o.first);
+        const qvntool::JpegHeader header = qvntool::ReadJpegHeader(jpg);
+        EXPECT_EQ(header.sampling, o.second);
+        EXPECT_FALSE(header.planes420);
+        qvntool::JpegPlanes planes;
+        EXPECT_FALSE(qvntool::DecodeJpegPlanes("t.jpg", jpg, 1, planes)) << o.second;
+    }
+
+    // A file cut short is refused, not filled with gray; so is a picture
+    // above --max-pixels, before it is decoded.
+    const std::vector<uint8_t> full = CompressJpeg(TestPicture(64, 64, 5), 64, 64, TJSAMP_420);
+    const std::vector<uint8_t> cut(full.begin(), full.begin() + full.size() / 2);
+    qvntool::JpegPlanes planes;
+    try {
+        qvntool::DecodeJpegPlanes("cut.jpg", cut, 1, planes);
+        ADD_FAILURE() << "a JPEG cut short decoded";
+    } catch (const qvntool::ToolError& e) {
+        EXPECT_EQ(e.code(), qvntool::kExitInput);
+        EXPECT_NE(std::string(e.what()).find("cannot decode JPEG 'cut.jpg'"), std::string::npos);
+    }
+    const uint64_t saved = qvntool::ToolLimits().max_pixels;
+    qvntool::ToolLimits().max_pixels = 64 * 64 - 1;
+    EXPECT_THROW(qvntool::DecodeJpegPlanes("big.jpg", full, 8, planes), qvntool::ToolError);
+    qvntool::ToolLimits().max_pixels = saved;
+    EXPECT_EQ(planes.plane[0], nullptr);
+}
+
+// `qvn-kit video` on real footage: --frames A:B is half-open, --every N
+// keeps A, A + N, ...; each shard row is the one-pass converter run here on
+// the same frame decoded here, as BT.601 limited range (what an untagged
+// 576-line stream is); time stamps are frame number x 1/10 s (vtest's time
+// base).
+TEST(VideoCommand, ShardRowsAreTheConverterOnTheDecodedFrames) {
+    qvntest::ScratchDir dir;
+    const RunResult r = RunTool(dir, std::string("video ") + kVtest + " '" + dir / "out" +
+                                         "' --frames 3:20 --every 4 --tensor 3x96x128 "
+                                         "--crop 40,30,600,500 --orient rotate90r --shard 2 --bgr");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("video: 5 frames to 3 shard(s)"), std::string::npos) << r.out;
+    EXPECT_EQ(Slurp(dir / "out/index.csv"),
+              "shard,row,frame,seconds\n"
+              "frames_00000.npy,0,3,0.300000\nframes_00000.npy,1,7,0.700000\n"
+              "frames_00001.npy,0,11,1.100000\nframes_00001.npy,1,15,1.500000\n"
+              "frames_00002.npy,0,19,1.900000\n");
+    const std::vector<Planes420> frames = DecodeVideo(kVtest, 20);
+    ASSERT_EQ(frames.size(), 20u);
+    const int kept[] = {3, 7, 11, 15, 19};
+    for (int i = 0; i < 5; ++i) {
+        const Planes420& p = frames[static_cast<size_t>(kept[i])];
+        ASSERT_EQ(p.w, 768);
+        FrameView view;
+        view.pix_fmt = QVN_PIX_FMT_YUV420_A;
+        view.ori_fmt = QVN_ORIENT_FMT_ROTATE_90R;
+        view.width = p.w;
+        view.height = p.h;
+        view.planes[0] = {p.y.data(), p.w};
+        view.planes[1] = {p.u.data(), p.w / 2};
+        view.planes[2] = {p.v.data(), p.w / 2};
+        view.matrix = YuvMatrix::kBT601;
+        view.range = YuvRange::kLimited;
+        const std::string want = Converted(view, 3, 96, 128, true, {40, 30, 600, 500});
+        char name[32];
+        std::snprintf(name, sizeof name, "out/frames_%05d.npy", i / 2);
+        const NpyU8 shard = ReadNpy(dir / name);
+        EXPECT_EQ(shard.shape, i < 4 ? "(2, 3, 96, 128)" : "(1, 3, 96, 128)");
+        const size_t bytes = 3 * 96 * 128;
+        EXPECT_TRUE(shard.body.compare((i % 2) * bytes, bytes, want) == 0) << "frame " << kept[i];
+    }
+}
+
+// A video cut short, a file that is not a video and frame options that
+// select nothing: one line, exit 3 or 2, and no directory, shard or index.
+TEST(VideoCommand, FailuresLeaveNothing) {
+    qvntest::ScratchDir dir;
+    WriteFile(dir / "cut.avi", Slurp(kVtest).substr(0, 2000000));
+    WriteFile(dir / "notes.avi", "frame,x,y\n0,1,2\n");
+    ASSERT_EQ(::mkdir((dir / "kept").c_str(), 0777), 0);
+    struct Case {
+        std::string args;
+        int code;
+        std::string message;
+    };
+    const Case cases[] = {
+        {dir / "cut.avi" + " " + dir / "out", 3, "ends early: 194 of the 795 frames"},
+        {dir / "cut.avi" + " " + dir / "kept" + " --shard 8", 3, "the file is cut short"},
+        {dir / "notes.avi" + " " + dir / "out", 3, "cannot open video"},
+        {dir / "missing.avi" + " " + dir / "out", 3, "No such file"},
+        {std::string(kVtest) + " " + dir / "out --frames 5:5", 2, "selects no frame"},
+        {std::string(kVtest) + " " + dir / "out --frames -3:", 2, "needs frame numbers"},
+        {std::string(kVtest) + " " + dir / "out --every 0", 2, "--every 0"},
+        {std::string(kVtest) + " " + dir / "out --frames 900:", 3, "has no frame"},
+    };
+    for (const Case& c : cases) {
+        const RunResult r = RunTool(dir, "video " + c.args);
+        EXPECT_EQ(r.code, c.code) << c.args << "\n" << r.err;
+        EXPECT_EQ(r.err.rfind("qvn-kit: ", 0), 0u) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << c.args << "\n" << r.err;
+        struct stat st{};
+        EXPECT_NE(::stat((dir / "out").c_str(), &st), 0) << c.args;
+        EXPECT_EQ(std::system(("test -z \"$(ls -A '" + dir / "kept" + "')\"").c_str()), 0)
+            << c.args;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,284 @@
+// cmd_video.cpp - `qvn-kit video IN OUT_DIR`: the frames of a video file,
+// straight from the decoder's planes through the one-pass converter, into
+// .npy shards of N x C x H x W bytes with an index of frame numbers and time
+// stamps.
+//
+// Every shard and the index are prepared as temporaries and appear together
+// when the whole run succeeded (the index last); a run that fails, a video
+// cut short included, leaves none of them.
+#include "commands.hpp"
+#include "common.hpp"
+#include "console.hpp"
+#include "npy.hpp"
+#include "plane_views.hpp"
+#include "preprocess.hpp"
+#include "video_reader.hpp"
+
+#include <qvn_kit/frame_view.hpp>
+#include <quvas/runtime/tensor.h>
+
+#include <CLI/CLI.hpp>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace qvntool {
+namespace {
+
+struct VideoOptions {
+    std::string in, out_dir, tensor, orient = "0", crop, frames;
+    long every = 1;
+    long shard = 256;
+    bool bgr = false, gray = false;
+    int pad = 0;
+};
+
+// "A:B" with either side empty: frame numbers A <= n < B, as a Python slice.
+struct FrameRange {
+    long first = 0;
+    long end = LONG_MAX;
+};
+
+long ParseFrameNumber(const std::string& text, const std::string& whole) {
+    if (text.find_first_not_of("0123456789") != std::string::npos || text.size() > 12) {
+        throw ToolError("--frames '" + whole + "' needs frame numbers 0, 1, 2, ... as A:B",
+                        kExitUsage);
+    }
+    return std::stol(text);
+}
+
+FrameRange ParseFrameRange(const std::string& text) {
+    FrameRange range;
+    if (text.empty()) return range;
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos) {
+        throw ToolError("--frames '" + text + "' is not A:B", kExitUsage);
+    }
+    const std::string a = text.substr(0, colon), b = text.substr(colon + 1);
+    if (!a.empty()) range.first = ParseFrameNumber(a, text);
+    if (!b.empty()) range.end = ParseFrameNumber(b, text);
+    if (range.end <= range.first) {
+        throw ToolError("--frames '" + text + "' selects no frame", kExitUsage);
+    }
+    return range;
+}
+
+// True when the directory was made here.
+bool MakeDirectory(const std::string& dir) {
+    struct stat st{};
+    if (::stat(dir.c_str(), &st) == 0) {
+        if (!S_ISDIR(st.st_mode)) {
+            throw ToolError("'" + dir + "' is not a directory", kExitOutput);
+        }
+        return false;
+    }
+    if (::mkdir(dir.c_str(), 0777) != 0) {
+        throw ToolError("cannot create directory '" + dir + "': " + std::strerror(errno),
+                        kExitOutput);
+    }
+    return true;
+}
+
+double Median(std::vector<double> v) {
+    if (v.empty()) return 0.0;
+    std::sort(v.begin(), v.end());
+    const size_t m = v.size() / 2;
+    return v.size() % 2 != 0 ? v[m] : (v[m - 1] + v[m]) / 2;
+}
+
+// One shard of frames being filled, and the index rows of every shard.
+class ShardWriter {
+public:
+    ShardWriter(const std::string& dir, const TensorTarget& target, long rows)
+        : dir_(dir),
+          frame_bytes_(static_cast<size_t>(target.c) * target.h * target.w),
+          shape_{0, static_cast<size_t>(target.c), static_cast<size_t>(target.h),
+                 static_cast<size_t>(target.w)},
+          rows_(rows) {
+        buffer_.reserve(frame_bytes_ * static_cast<size_t>(rows));
+    }
+
+    void Add(const uint8_t* tensor, const VideoFrame& frame) {
+        buffer_.insert(buffer_.end(), tensor, tensor + frame_bytes_);
+        char line[96];
+        if (frame.has_time) {
+            std::snprintf(line, sizeof line, ",%ld,%ld,%.6f\n", filled_, frame.number,
+                          frame.seconds);
+        } else {
+            std::snprintf(line, sizeof line, ",%ld,%ld,\n", filled_, frame.number);
+        }
+        index_ += ShardName() + line;
+        if (++filled_ == rows_) Flush();
+    }
+
+    // Writes the last, partly filled shard and then the index.
+    void Finish() {
+        Flush();
+        WriteTextAtomically(dir_ + "/index.csv", "shard,row,frame,seconds\n" + index_);
+    }
+
+    long shards() const { return shards_; }
+
+private:
+    std::string ShardName() const {
+        char name[32];
+        std::snprintf(name, sizeof name, "frames_%05ld.npy", shards_);
+        return name;
+    }
+
+    void Flush() {
+        if (filled_ == 0) return;
+        shape_[0] = static_cast<size_t>(filled_);
+        WriteNpyU8(dir_ + "/" + ShardName(), shape_, buffer_.data());
+        buffer_.clear();
+        filled_ = 0;
+        ++shards_;
+    }
+
+    std::string dir_;
+    size_t frame_bytes_;
+    std::vector<size_t> shape_;
+    long rows_;
+    long filled_ = 0;
+    long shards_ = 0;
+    std::vector<uint8_t> buffer_;
+    std::string index_;
+};
+
+// What the options say once checked.
+struct VideoPlan {
+    TensorTarget target;
+    FrameRange range;
+    uint32_t ori = 0;
+    std::vector<int> crop;
+};
+
+void ConvertVideo(const VideoOptions& o, const VideoPlan& plan, VideoReader& reader);
+
+void RunVideo(const VideoOptions& o) {
+    VideoPlan plan;
+    plan.ori = ParseOrientation(o.orient);
+    std::vector<int>& crop = plan.crop;
+    if (!o.crop.empty()) {
+        crop = ParseInts(o.crop, "crop", 4);
+        if (crop[2] <= 0 || crop[3] <= 0) {
+            throw ToolError("crop '" + o.crop + "' needs a positive width and height",
+                            kExitUsage);
+        }
+    }
+    if (o.pad < 0 || o.pad > 255) {
+        throw ToolError("--pad " + std::to_string(o.pad) + " is not in 0..255", kExitUsage);
+    }
+    if (o.gray && o.bgr) throw ToolError("--bgr and --gray exclude each other", kExitUsage);
+    if (o.every < 1) {
+        throw ToolError("--every " + std::to_string(o.every) + " is not 1 or more", kExitUsage);
+    }
+    if (o.shard < 1) {
+        throw ToolError("--shard " + std::to_string(o.shard) + " is not 1 or more", kExitUsage);
+    }
+    plan.range = ParseFrameRange(o.frames);
+    const TensorTarget& target = plan.target =
+        ParseTensorSpec(o.tensor.empty() ? (o.gray ? "1x256x256" : "3x256x256") : o.tensor,
+                        o.gray);
+    // A shard is held in memory until it is written.
+    CheckPixels(static_cast<uint64_t>(target.w) * target.h * target.c,
+                static_cast<uint64_t>(o.shard), "shard (--shard x tensor)", kExitUsage);
+
+    VideoReader reader(o.in);
+    const bool made = MakeDirectory(o.out_dir);
+    try {
+        ConvertVideo(o, plan, reader);
+    } catch (...) {
+        // A failed run leaves no trace: a directory made for it goes too
+        // (with the shards it was preparing).
+        if (made) {
+            DiscardOutputs();
+            ::rmdir(o.out_dir.c_str());
+        }
+        throw;
+    }
+}
+
+void ConvertVideo(const VideoOptions& o, const VideoPlan& plan, VideoReader& reader) {
+    const TensorTarget& target = plan.target;
+    const FrameRange& range = plan.range;
+    quvas::runtime::DeviceCPU device;
+    quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
+    ShardWriter shards(o.out_dir, target, o.shard);
+
+    // The bar counts the frames to keep, where the file says how many it has.
+    const long declared = reader.DeclaredFrames();
+    const long last = declared > 0 ? std::min(declared, range.end) : range.end;
+    const long expected = declared > 0 && last > range.first
+                              ? (last - range.first + o.every - 1) / o.every
+                              : 0;
+    Progress progress("video", expected);
+
+    std::vector<double> decode_ms, convert_ms;
+    long kept = 0;
+    VideoFrame frame;
+    for (;;) {
+        Stopwatch decode;
+        if (!reader.Next(frame)) break;
+        decode_ms.push_back(decode.Seconds() * 1e3);
+        if (frame.number >= range.end) break;
+        if (frame.number < range.first || (frame.number - range.first) % o.every != 0) continue;
+        const quvas::kit::FrameView view = VideoFrameView(frame, plan.ori);
+        Stopwatch convert;
+        ConvertView(view, target, o.bgr, plan.crop, static_cast<unsigned char>(o.pad), tensor);
+        convert_ms.push_back(convert.Seconds() * 1e3);
+        shards.Add(tensor->data(), frame);
+        progress.Step(++kept);
+    }
+    if (kept == 0) {
+        throw ToolError("video '" + o.in + "' has no frame in --frames " +
+                            (o.frames.empty() ? std::string(":") : o.frames),
+                        kExitInput);
+    }
+    shards.Finish();
+    std::printf("video: %ld frames to %ld shard(s) in '%s' (%ld decoded); median per frame: "
+                "decode %.3f ms, convert %.3f ms\n",
+                kept, shards.shards(), o.out_dir.c_str(), static_cast<long>(decode_ms.size()),
+                Median(decode_ms), Median(convert_ms));
+}
+
+}  // namespace
+
+void AddVideoCommand(CLI::App& app) {
+    auto opts = std::make_shared<VideoOptions>();
+    CLI::App* cmd = app.add_subcommand(
+        "video", "Turn the frames of a video file into network input tensors (.npy shards)");
+    cmd->add_option("IN", opts->in, "Input video file (any container and codec FFmpeg decodes)")
+        ->required();
+    cmd->add_option("OUT_DIR", opts->out_dir,
+                    "Output directory (made if missing): frames_00000.npy, ... of N x C x H x W "
+                    "uint8, and index.csv (shard,row,frame,seconds), all written only when "
+                    "the whole video was read")
+        ->required();
+    cmd->add_option("--tensor", opts->tensor, "Tensor shape CxHxW (3x256x256; 1xHxW with --gray)");
+    cmd->add_option("--orient", opts->orient,
+                    "Orientation of the frames, undone by the conversion: a number or names "
+                    "joined by '|' (upright, rotate90r, rotate90l, rotate180, flipv, mirror, "
+                    "box_rotate180)");
+    cmd->add_option("--crop", opts->crop, "x,y,w,h region of the upright view, in pixels");
+    cmd->add_option("--frames", opts->frames,
+                    "A:B: frame numbers A <= n < B (counted from 0, B left out, as a Python "
+                    "slice; either side may be empty); all frames by default");
+    cmd->add_option("--every", opts->every, "Keep every N-th frame of --frames, from A (1)");
+    cmd->add_option("--shard", opts->shard, "Frames per .npy shard (256)");
+    cmd->add_flag("--bgr", opts->bgr, "Planes in B,G,R order");
+    cmd->add_flag("--gray", opts->gray, "One gray plane");
+    cmd->add_option("--pad", opts->pad, "Value 0..255 of crop pixels outside the frame (0)");
+    cmd->callback([opts] { RunVideo(*opts); });
+}
+
+}  // namespace qvntool
