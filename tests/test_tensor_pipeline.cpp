@@ -186,8 +186,9 @@ TEST_F(TensorPipeline, TransformWithoutTurnStillAllocatesTheInputShape) {
 // Resize and crop-resize.
 // ---------------------------------------------------------------------------
 
-// The crop box (0.25, 0.25) - (0.75, 0.75) of a 16 x 24 picture halved is
-// the 2x downscale of its 8 x 12 centre, inside the picture for every tap.
+// The crop box (0.25, 0.5) - (0.75, 1) of a 16 x 24 picture halved is the
+// 2x downscale of the 8 x 12 window at (6, 8), inside it for every tap; the
+// box is not square, so exchanged coordinates show.
 TEST_F(TensorPipeline, PackedFormatsResizeAndCropLikeOpenCV) {
     for (const int fmt : {10, 11, 5, 6}) {
         SCOPED_TRACE(fmt);
@@ -198,9 +199,9 @@ TEST_F(TensorPipeline, PackedFormatsResizeAndCropLikeOpenCV) {
         EXPECT_LE(qvntest::MaxDiff(Resized(Plane(in, 16, 24, 0, ch), 7, 9), Plane(out, 7, 9, 0, ch)), 2);
         TensorPtr crop = Blank({4, 6, ch}, quvas::runtime::layout::kHWC);
         quvas::kit::CropResizeProcessSSE(in, crop, static_cast<QVN_PIX_FMT>(fmt), &proc, ctx, 0.25f,
-                                         0.25f, 0.75f, 0.75f);
-        const cv::Mat centre = Plane(in, 16, 24, 0, ch)(cv::Rect(6, 4, 12, 8));
-        EXPECT_LE(qvntest::MaxDiff(Resized(centre, 4, 6), Plane(crop, 4, 6, 0, ch)), 2);
+                                         0.5f, 0.75f, 1.0f);
+        const cv::Mat window = Plane(in, 16, 24, 0, ch)(cv::Rect(6, 8, 12, 8));
+        EXPECT_LE(qvntest::MaxDiff(Resized(window, 4, 6), Plane(crop, 4, 6, 0, ch)), 2);
     }
 }
 
@@ -219,8 +220,8 @@ TEST_F(TensorPipeline, PlanarYUVResizesAndCropsEachPlane) {
         TensorPtr in = device.CreateTensorExternal(TensorShape(k.in_dims, 7, 1), in_buf.data());
         TensorPtr out = device.CreateTensorExternal(TensorShape(k.out_dims, 7, 1), out_buf.data());
         if (k.crop) {
-            quvas::kit::CropResizeProcessSSE(in, out, QVN_PIX_FMT_YUV420_A, &proc, ctx, 0.25f, 0.25f,
-                                             0.75f, 0.75f);
+            quvas::kit::CropResizeProcessSSE(in, out, QVN_PIX_FMT_YUV420_A, &proc, ctx, 0.25f, 0.5f,
+                                             0.75f, 1.0f);
         } else {
             quvas::kit::ResizeProcessSSE(in, out, QVN_PIX_FMT_YUV420_A, &proc, ctx);
         }
@@ -229,7 +230,7 @@ TEST_F(TensorPipeline, PlanarYUVResizesAndCropsEachPlane) {
         for (int i = 0; i < 3; ++i) {
             const int s = i ? 2 : 1;  // chroma planes are the halved dims
             cv::Mat src = Plane(in, h / s, w / s, in_at[i]);
-            if (k.crop) src = src(cv::Rect(w / s / 4, h / s / 4, w / s / 2, h / s / 2));
+            if (k.crop) src = src(cv::Rect(w / s / 4, h / s / 2, w / s / 2, h / s / 2));
             EXPECT_LE(qvntest::MaxDiff(Resized(src, oh / s, ow / s), Plane(out, oh / s, ow / s, out_at[i])), 2)
                 << "plane " << i;
         }

@@ -244,7 +244,8 @@ TEST(KalmanTracker, FixedSizeStepEqualsDynamicFilterBitForBit) {
 TEST(KalmanTracker, ParametersAreReadOnlyAtInit) {
     auto shared = MakeParams(30, 0, 0, 0, 0.1f, 2);
     QVTBoxKalmanTracker a(kW, kH, shared), b(kW, kH, MakeParams(30, 0, 0, 0, 0.1f, 2));
-    a.init(0.6f, 0.1f, 0.2f, 0.2f);  // a second init starts the filter afresh
+    a.init(0.6f, 0.1f, 0.2f, 0.2f);  // a second init, after a step, starts afresh
+    Track(a, {0.5f, 0.15f, 0.2f, 0.2f});
     a.init(0.2f, 0.2f, 0.3f, 0.3f);
     b.init(0.2f, 0.2f, 0.3f, 0.3f);
     shared->frequency = 5;
@@ -401,7 +402,8 @@ TEST(OneEuroTracker, SeedServesOnlyPredict) {
 // read back from the filter (and checked against the clock around the call);
 // the published algorithm replayed with them must give the same boxes.
 TEST(OneEuroTracker, RealClockReplaysThePublishedAlgorithm) {
-    const float freq = 30, min_cutoff = 1.0f, beta = 0.02f, d_cutoff = 1.0f;
+    // Distinct cutoffs, so that exchanged parameters show.
+    const float freq = 30, min_cutoff = 1.0f, beta = 0.02f, d_cutoff = 0.7f;
     QVTBoxOneEuroTracker t(kW, kH, MakeParams(freq, min_cutoff, beta, d_cutoff, 0, 0));
     Wanderer wander(17);
     const Box b0 = wander.Next();
