@@ -183,21 +183,6 @@ TEST(Resize, WithinTwoOfOpenCVAndOneOfExactBilinear) {
     }
 }
 
-// A horizontal ramp doubled in width: exact values of the half-pixel rule.
-// Destination x maps to (x + 0.5) / 2 - 0.5 = x/2 - 0.25. The source is a
-// plane view (layout 23), which the one-channel resizer takes as well.
-TEST(Resize, RampUpByTwoHasQuarterWeights) {
-    TensorPtr s = WithLayout(1, 4, 1, rt::layout::kPlane);
-    const uint8_t ramp[4] = {0, 100, 200, 240};
-    std::memcpy(s->data(), ramp, 4);
-    TensorPtr d = Hwc(1, 8, 1);
-    fn::F_Resize_Bilinear_HWC_U8_C1_Fallback(s, d);
-    // x=0: -0.25 -> edge 0; x=1: 0.25 -> 25; x=2: 0.75 -> 75; x=3: 1.25 -> 125;
-    // x=4: 1.75 -> 175; x=5: 2.25 -> 210; x=6: 2.75 -> 230; x=7: 3.25 -> edge 240.
-    const uint8_t want[8] = {0, 25, 75, 125, 175, 210, 230, 240};
-    EXPECT_EQ(0, std::memcmp(d->data(), want, 8));
-}
-
 // Turns, flips and the splits of four-byte pixels into planes: their drivers
 // are held to the pixel definitions in test_kernel_rows.cpp, and every
 // orientation and packed format goes through these entry points against

