@@ -402,4 +402,91 @@ TEST(VideoCommand, FailuresLeaveNothing) {
     }
 }
 
+// A JPEG's own planes decoded here with TurboJPEG at 1/reduce, as the
+// three-plane BT.601 full-range view JFIF describes, cut to even sides.
+struct TjPlanes {
+    int w = 0, h = 0;
+    std::vector<uint8_t> y, u, v;
+    FrameView View(uint32_t ori) const {
+        FrameView view;
+        view.pix_fmt = QVN_PIX_FMT_YUV420_A;
+        view.ori_fmt = ori;
+        view.width = w & ~1;
+        view.height = h & ~1;
+        view.planes[0] = {y.data(), (w + 1) & ~1};
+        view.planes[1] = {u.data(), (w + 1) / 2};
+        view.planes[2] = {v.data(), (w + 1) / 2};
+        view.matrix = YuvMatrix::kBT601;
+        view.range = YuvRange::kFull;
+        return view;
+    }
+};
+
+TjPlanes TjDecode(const std::vector<uint8_t>& jpg, int reduce) {
+    tjhandle tj = tjInitDecompress();
+    int w = 0, h = 0, sub = 0, cs = 0;
+    tjDecompressHeader3(tj, jpg.data(), jpg.size(), &w, &h, &sub, &cs);
+    TjPlanes p;
+    p.w = (w + reduce - 1) / reduce;
+    p.h = (h + reduce - 1) / reduce;
+    // TurboJPEG writes 4:2:0 luma rounded up to even sides.
+    const int cw = (p.w + 1) / 2, ch = (p.h + 1) / 2;
+    p.y.resize(static_cast<size_t>(cw) * 2 * ch * 2);
+    p.u.resize(static_cast<size_t>(cw) * ch);
+    p.v.resize(p.u.size());
+    unsigned char* planes[3] = {p.y.data(), p.u.data(), p.v.data()};
+    int strides[3] = {cw * 2, cw, cw};
+    EXPECT_EQ(tjDecompressToYUVPlanes(tj, jpg.data(), jpg.size(), planes, p.w, strides, p.h, 0), 0);
+    tjDestroy(tj);
+    return p;
+}
+
+std::string ToString(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
+
+// `qvn-kit preprocess --jpeg planes`: a 4:2:0 JPEG, baseline or progressive,
+// of odd sides, gives the one-pass converter's bytes on its own planes
+// decoded here; --reduce decodes at the largest DCT scale that keeps the
+// crop at least as large as the tensor and divides the crop by it; JPEGs of
+// other samplings and gray give exactly the bytes of the RGB route.
+TEST(JpegPlanesRoute, PreprocessConvertsTheJpegsOwnPlanes) {
+    qvntest::ScratchDir dir;
+    const std::string base = "preprocess '" + dir / "in.jpg" + "' '" + dir / "o.npy" + "' ";
+    auto tensor_of = [&](const std::vector<uint8_t>& jpg, const std::string& args) {
+        WriteFile(dir / "in.jpg", ToString(jpg));
+        const RunResult r = RunTool(dir, base + args);
+        EXPECT_EQ(r.code, 0) << args << "\n" << r.err;
+        return ReadNpy(dir / "o.npy").body;
+    };
+    for (int flags : {0, TJFLAG_PROGRESSIVE}) {
+        SCOPED_TRACE(flags != 0 ? "progressive" : "baseline");
+        const std::vector<uint8_t> jpg =
+            CompressJpeg(TestPicture(171, 131, 11), 171, 131, TJSAMP_420, flags);
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --tensor 3x40x48 --crop 9,5,150,120 --orient mirror"),
+                  Converted(TjDecode(jpg, 1).View(QVN_ORIENT_FMT_MIRROR), 3, 40, 48, false,
+                            {9, 5, 150, 120}));
+        // 48 x 2 <= 150 and 40 x 2 <= 120, but not x 4: --reduce 8 decodes
+        // at 1/2, with the crop 4,2,75,60.
+        const std::string half = Converted(TjDecode(jpg, 2).View(0), 3, 40, 48, true, {4, 2, 75, 60});
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 2 --tensor 3x40x48 --crop 9,5,150,120 --bgr"),
+                  half);
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 8 --tensor 3x40x48 --crop 9,5,150,120 --bgr"),
+                  half);
+        // No crop: the whole picture (171 x 131 at 1/4: 43 x 33, kept 42 x 32).
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 4 --gray --tensor 1x30x40"),
+                  Converted(TjDecode(jpg, 4).View(0), 1, 30, 40, false, {0, 0, 0, 0}));
+    }
+    // The RGB route stays the default: data sets made so far keep their bytes.
+    const std::vector<uint8_t> jpg = CompressJpeg(TestPicture(64, 48, 17), 64, 48, TJSAMP_420);
+    const std::string by_default = tensor_of(jpg, "--tensor 3x24x32");
+    EXPECT_EQ(by_default, tensor_of(jpg, "--jpeg rgb --tensor 3x24x32"));
+    EXPECT_NE(by_default, tensor_of(jpg, "--jpeg planes --tensor 3x24x32"));
+    const std::vector<uint8_t> rgb = TestPicture(64, 48, 13);
+    for (int sub : {TJSAMP_444, TJSAMP_GRAY}) {
+        const std::vector<uint8_t> jpg = CompressJpeg(rgb, 64, 48, sub);
+        const std::string today = tensor_of(jpg, "--tensor 3x24x32");
+        EXPECT_EQ(today.size(), 3u * 24 * 32);
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 2 --tensor 3x24x32"), today) << sub;
+    }
+}
+
 }  // namespace
