@@ -489,4 +489,68 @@ TEST(JpegPlanesRoute, PreprocessConvertsTheJpegsOwnPlanes) {
     }
 }
 
+// A decoder format the converter does not take: 4:2:2 JPEGs read as a
+// video (FFmpeg's yuvj422p) goes through libswscale to 4:2:0,
+// keeping full range, with one note. Reference: TurboJPEG's 4:2:2 planes
+// decoded here, each pair of chroma rows averaged, as BT.601 full range.
+TEST(VideoCommand, OtherDecoderFormatsAreResampledOnceWithANote) {
+    qvntest::ScratchDir dir;
+    const int w = 96, h = 64;
+    // Smooth, so that the decoders' inverse DCTs and chroma filters agree.
+    std::vector<uint8_t> smooth(static_cast<size_t>(w) * h * 3);
+    for (size_t i = 0; i < smooth.size(); ++i) {
+        const int x = static_cast<int>(i / 3 % w), yy = static_cast<int>(i / 3 / w);
+        smooth[i] = static_cast<uint8_t>(i % 3 == 0 ? 30 + 2 * x : i % 3 == 1 ? 220 - 3 * yy : 60 + x + yy);
+    }
+    const std::vector<uint8_t> jpg = CompressJpeg(smooth, w, h, TJSAMP_422);
+    // Three pictures as one video (FFmpeg's numbered-picture input).
+    for (int i = 0; i < 3; ++i) WriteFile(dir / ("f00" + std::to_string(i) + ".jpg"), ToString(jpg));
+    const RunResult r = RunTool(dir, "video '" + dir / "f%03d.jpg" + "' '" + dir / "out" +
+                                         "' --tensor 3x" + std::to_string(h) + "x" +
+                                         std::to_string(w));
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("video: 3 frames"), std::string::npos) << r.out;
+    EXPECT_EQ(r.err, "qvn-kit: note: video '" + dir / "f%03d.jpg" +
+                         "' decodes to yuvj422p; each frame is converted to yuv420p with "
+                         "libswscale before the kit reads it\n");
+    tjhandle tj = tjInitDecompress();
+    std::vector<uint8_t> y(w * h), u(w / 2 * h), v(w / 2 * h);
+    unsigned char* planes[3] = {y.data(), u.data(), v.data()};
+    ASSERT_EQ(tjDecompressToYUVPlanes(tj, jpg.data(), jpg.size(), planes, w, nullptr, h, 0), 0);
+    tjDestroy(tj);
+    std::vector<uint8_t> u420(w / 2 * h / 2), v420(u420.size());
+    for (int row = 0; row < h / 2; ++row) {
+        for (int x = 0; x < w / 2; ++x) {
+            const int a = (2 * row) * (w / 2) + x, b = a + w / 2;
+            u420[row * (w / 2) + x] = static_cast<uint8_t>((u[a] + u[b] + 1) / 2);
+            v420[row * (w / 2) + x] = static_cast<uint8_t>((v[a] + v[b] + 1) / 2);
+        }
+    }
+    FrameView view;
+    view.pix_fmt = QVN_PIX_FMT_YUV420_A;
+    view.width = w;
+    view.height = h;
+    view.planes[0] = {y.data(), w};
+    view.planes[1] = {u420.data(), w / 2};
+    view.planes[2] = {v420.data(), w / 2};
+    view.matrix = YuvMatrix::kBT601;
+    view.range = YuvRange::kFull;
+    const std::string want = Converted(view, 3, h, w, false, {0, 0, 0, 0});
+    const std::string got = ReadNpy(dir / "out/frames_00000.npy").body;
+    ASSERT_EQ(got.size(), 3 * want.size());
+    int worst = 0;
+    long total = 0;
+    for (size_t i = 0; i < got.size(); ++i) {
+        const int d = std::abs(static_cast<uint8_t>(got[i]) -
+                               static_cast<uint8_t>(want[i % want.size()]));
+        worst = std::max(worst, d);
+        total += d;
+    }
+    // FFmpeg's own inverse DCT and libswscale's vertical filter against
+    // TurboJPEG and a pair average: a few levels at most, about 0.1 on
+    // average; squeezing the range to 16..235 would move every byte ~7.
+    EXPECT_LE(worst, 3);
+    EXPECT_LT(total / static_cast<double>(got.size()), 0.5);
+}
+
 }  // namespace
