@@ -233,6 +233,12 @@ void VideoReader::Present(VideoFrame& frame) {
         sws_scale(s_->sws, f->data, f->linesize, 0, f->height, s_->converted->data,
                   s_->converted->linesize);
         if (full) frame.range = VideoRange::kFull;
+        // From R,G,B libswscale makes the samples itself, with BT.601 weights.
+        const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(format));
+        if (desc != nullptr && (desc->flags & AV_PIX_FMT_FLAG_RGB) != 0) {
+            frame.matrix = VideoMatrix::kBT601;
+            frame.range = full ? VideoRange::kFull : VideoRange::kLimited;
+        }
         src = s_->converted;
     }
     for (int p = 0; p < 3; ++p) {

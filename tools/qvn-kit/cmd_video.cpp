@@ -230,14 +230,19 @@ void ConvertVideo(const VideoOptions& o, const VideoPlan& plan, VideoReader& rea
         Stopwatch decode;
         if (!reader.Next(frame)) break;
         decode_ms.push_back(decode.Seconds() * 1e3);
-        if (frame.number >= range.end) break;
-        if (frame.number < range.first || (frame.number - range.first) % o.every != 0) continue;
+        const bool last = frame.number + 1 >= range.end;
+        if (frame.number < range.first || (frame.number - range.first) % o.every != 0) {
+            if (last) break;
+            continue;
+        }
         const quvas::kit::FrameView view = VideoFrameView(frame, plan.ori);
         Stopwatch convert;
         ConvertView(view, target, o.bgr, plan.crop, static_cast<unsigned char>(o.pad), tensor);
         convert_ms.push_back(convert.Seconds() * 1e3);
         shards.Add(tensor->data(), frame);
         progress.Step(++kept);
+        // Nothing after B - 1 is decoded.
+        if (last) break;
     }
     if (kept == 0) {
         throw ToolError("video '" + o.in + "' has no frame in --frames " +
