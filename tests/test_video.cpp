@@ -83,7 +83,8 @@ NpyU8 ReadNpy(const std::string& path) {
     const std::string s = Slurp(path);
     NpyU8 n;
     if (s.size() < 10 || s.compare(0, 6, "\x93NUMPY") != 0) return n;
-    const size_t len = static_cast<uint8_t>(s[8]) | static_cast<size_t>(static_cast<uint8_t>(s[9])) << 8;
+    const size_t len =
+        static_cast<uint8_t>(s[8]) | static_cast<size_t>(static_cast<uint8_t>(s[9])) << 8;
     const std::string header = s.substr(10, len);
     EXPECT_NE(header.find("'descr': '|u1'"), std::string::npos) << header;
     const size_t a = header.find('('), b = header.find(')');
@@ -461,15 +462,17 @@ TEST(JpegPlanesRoute, PreprocessConvertsTheJpegsOwnPlanes) {
         SCOPED_TRACE(flags != 0 ? "progressive" : "baseline");
         const std::vector<uint8_t> jpg =
             CompressJpeg(TestPicture(171, 131, 11), 171, 131, TJSAMP_420, flags);
-        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --tensor 3x40x48 --crop 9,5,150,120 --orient mirror"),
+        const std::string crop = " --tensor 3x40x48 --crop 9,5,150,120";
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --orient mirror" + crop),
                   Converted(TjDecode(jpg, 1).View(QVN_ORIENT_FMT_MIRROR), 3, 40, 48, false,
                             {9, 5, 150, 120}));
         // 48 x 2 <= 150 and 40 x 2 <= 120, but not x 4: --reduce 8 decodes
         // at 1/2, with the crop 4,2,75,60.
-        const std::string half = Converted(TjDecode(jpg, 2).View(0), 3, 40, 48, true, {4, 2, 75, 60});
-        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 2 --tensor 3x40x48 --crop 9,5,150,120 --bgr"),
+        const std::string half =
+            Converted(TjDecode(jpg, 2).View(0), 3, 40, 48, true, {4, 2, 75, 60});
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 2 --bgr" + crop),
                   half);
-        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 8 --tensor 3x40x48 --crop 9,5,150,120 --bgr"),
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 8 --bgr" + crop),
                   half);
         // No crop: the whole picture (171 x 131 at 1/4: 43 x 33, kept 42 x 32).
         EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 4 --gray --tensor 1x30x40"),
@@ -500,11 +503,14 @@ TEST(VideoCommand, OtherDecoderFormatsAreResampledOnceWithANote) {
     std::vector<uint8_t> smooth(static_cast<size_t>(w) * h * 3);
     for (size_t i = 0; i < smooth.size(); ++i) {
         const int x = static_cast<int>(i / 3 % w), yy = static_cast<int>(i / 3 / w);
-        smooth[i] = static_cast<uint8_t>(i % 3 == 0 ? 30 + 2 * x : i % 3 == 1 ? 220 - 3 * yy : 60 + x + yy);
+        const int value = i % 3 == 0 ? 30 + 2 * x : i % 3 == 1 ? 220 - 3 * yy : 60 + x + yy;
+        smooth[i] = static_cast<uint8_t>(value);
     }
     const std::vector<uint8_t> jpg = CompressJpeg(smooth, w, h, TJSAMP_422);
     // Three pictures as one video (FFmpeg's numbered-picture input).
-    for (int i = 0; i < 3; ++i) WriteFile(dir / ("f00" + std::to_string(i) + ".jpg"), ToString(jpg));
+    for (int i = 0; i < 3; ++i) {
+        WriteFile(dir / ("f00" + std::to_string(i) + ".jpg"), ToString(jpg));
+    }
     const RunResult r = RunTool(dir, "video '" + dir / "f%03d.jpg" + "' '" + dir / "out" +
                                          "' --tensor 3x" + std::to_string(h) + "x" +
                                          std::to_string(w));

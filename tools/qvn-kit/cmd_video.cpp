@@ -154,6 +154,8 @@ private:
     std::string index_;
 };
 
+constexpr uint64_t kMaxShardBytes = uint64_t{1} << 31;
+
 // What the options say once checked.
 struct VideoPlan {
     TensorTarget target;
@@ -190,8 +192,13 @@ void RunVideo(const VideoOptions& o) {
         ParseTensorSpec(o.tensor.empty() ? (o.gray ? "1x256x256" : "3x256x256") : o.tensor,
                         o.gray);
     // A shard is held in memory until it is written.
-    CheckPixels(static_cast<uint64_t>(target.w) * target.h * target.c,
-                static_cast<uint64_t>(o.shard), "shard (--shard x tensor)", kExitUsage);
+    const uint64_t shard_bytes = static_cast<uint64_t>(target.w) * target.h * target.c *
+                                 static_cast<uint64_t>(o.shard);
+    if (shard_bytes > kMaxShardBytes) {
+        throw ToolError("--shard " + std::to_string(o.shard) + " of " + o.tensor +
+                            " tensors holds more than 2 GiB; use fewer frames a shard",
+                        kExitUsage);
+    }
 
     VideoReader reader(o.in);
     const bool made = MakeDirectory(o.out_dir);
