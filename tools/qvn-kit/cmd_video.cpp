@@ -103,9 +103,7 @@ public:
           frame_bytes_(static_cast<size_t>(target.c) * target.h * target.w),
           shape_{0, static_cast<size_t>(target.c), static_cast<size_t>(target.h),
                  static_cast<size_t>(target.w)},
-          rows_(rows) {
-        buffer_.reserve(frame_bytes_ * static_cast<size_t>(rows));
-    }
+          rows_(rows) {}
 
     void Add(const uint8_t* tensor, const VideoFrame& frame) {
         buffer_.insert(buffer_.end(), tensor, tensor + frame_bytes_);
