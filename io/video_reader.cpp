@@ -56,6 +56,7 @@ struct VideoReader::State {
     int stream = -1;
     long next_number = 0;
     long refused_packets = 0;
+    long empty_packets = 0;  // a container's "repeat the last frame": no frame comes out
     int read_error = 0;  // the error av_read_frame stopped on, 0 at a clean end
     bool flushed = false;
     bool done = false;
@@ -141,8 +142,13 @@ bool VideoReader::Next(VideoFrame& frame) {
             continue;
         }
         if (s_->packet->stream_index == s_->stream) {
-            const int sent = avcodec_send_packet(s_->codec, s_->packet);
-            if (sent < 0 && sent != AVERROR(EAGAIN)) ++s_->refused_packets;
+            // An empty packet would tell the decoder the stream has ended.
+            if (s_->packet->size == 0) {
+                ++s_->empty_packets;
+            } else {
+                const int sent = avcodec_send_packet(s_->codec, s_->packet);
+                if (sent < 0 && sent != AVERROR(EAGAIN)) ++s_->refused_packets;
+            }
         }
         av_packet_unref(s_->packet);
     }
@@ -233,6 +239,12 @@ void VideoReader::Present(VideoFrame& frame) {
         sws_scale(s_->sws, f->data, f->linesize, 0, f->height, s_->converted->data,
                   s_->converted->linesize);
         if (full) frame.range = VideoRange::kFull;
+        // From R,G,B libswscale makes the samples itself, with BT.601 weights.
+        const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(format));
+        if (desc != nullptr && (desc->flags & AV_PIX_FMT_FLAG_RGB) != 0) {
+            frame.matrix = VideoMatrix::kBT601;
+            frame.range = full ? VideoRange::kFull : VideoRange::kLimited;
+        }
         src = s_->converted;
     }
     for (int p = 0; p < 3; ++p) {
@@ -256,7 +268,7 @@ void VideoReader::CheckComplete() {
                             std::to_string(s_->next_number + s_->refused_packets),
                         kExitInput);
     }
-    if (declared > 0 && s_->next_number < declared) {
+    if (declared > 0 && s_->next_number + s_->empty_packets < declared) {
         throw ToolError("video '" + path_ + "' ends early: " + std::to_string(s_->next_number) +
                             " of the " + std::to_string(declared) +
                             " frames it declares were decoded; the file is cut short",

@@ -58,7 +58,8 @@ public:
     // is counted and skipped; at the end of the file, ToolError(kExitInput)
     // when any packet was refused, when reading stopped on an error rather
     // than at the end, or when fewer frames came out than the file
-    // declares: a file cut short or damaged never reads as complete.
+    // declares (empty packets, which stand for a repeated frame, count as
+    // frames there): a file cut short or damaged never reads as complete.
     bool Next(VideoFrame& frame);
 
     // Frames the container declares (0 when it does not say).

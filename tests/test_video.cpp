@@ -83,7 +83,8 @@ NpyU8 ReadNpy(const std::string& path) {
     const std::string s = Slurp(path);
     NpyU8 n;
     if (s.size() < 10 || s.compare(0, 6, "\x93NUMPY") != 0) return n;
-    const size_t len = static_cast<uint8_t>(s[8]) | static_cast<size_t>(static_cast<uint8_t>(s[9])) << 8;
+    const size_t len =
+        static_cast<uint8_t>(s[8]) | static_cast<size_t>(static_cast<uint8_t>(s[9])) << 8;
     const std::string header = s.substr(10, len);
     EXPECT_NE(header.find("'descr': '|u1'"), std::string::npos) << header;
     const size_t a = header.find('('), b = header.find(')');
@@ -400,6 +401,162 @@ TEST(VideoCommand, FailuresLeaveNothing) {
         EXPECT_EQ(std::system(("test -z \"$(ls -A '" + dir / "kept" + "')\"").c_str()), 0)
             << c.args;
     }
+}
+
+// A JPEG's own planes decoded here with TurboJPEG at 1/reduce, as the
+// three-plane BT.601 full-range view JFIF describes, cut to even sides.
+struct TjPlanes {
+    int w = 0, h = 0;
+    std::vector<uint8_t> y, u, v;
+    FrameView View(uint32_t ori) const {
+        FrameView view;
+        view.pix_fmt = QVN_PIX_FMT_YUV420_A;
+        view.ori_fmt = ori;
+        view.width = w & ~1;
+        view.height = h & ~1;
+        view.planes[0] = {y.data(), (w + 1) & ~1};
+        view.planes[1] = {u.data(), (w + 1) / 2};
+        view.planes[2] = {v.data(), (w + 1) / 2};
+        view.matrix = YuvMatrix::kBT601;
+        view.range = YuvRange::kFull;
+        return view;
+    }
+};
+
+TjPlanes TjDecode(const std::vector<uint8_t>& jpg, int reduce) {
+    tjhandle tj = tjInitDecompress();
+    int w = 0, h = 0, sub = 0, cs = 0;
+    tjDecompressHeader3(tj, jpg.data(), jpg.size(), &w, &h, &sub, &cs);
+    TjPlanes p;
+    p.w = (w + reduce - 1) / reduce;
+    p.h = (h + reduce - 1) / reduce;
+    // TurboJPEG writes 4:2:0 luma rounded up to even sides.
+    const int cw = (p.w + 1) / 2, ch = (p.h + 1) / 2;
+    p.y.resize(static_cast<size_t>(cw) * 2 * ch * 2);
+    p.u.resize(static_cast<size_t>(cw) * ch);
+    p.v.resize(p.u.size());
+    unsigned char* planes[3] = {p.y.data(), p.u.data(), p.v.data()};
+    int strides[3] = {cw * 2, cw, cw};
+    EXPECT_EQ(tjDecompressToYUVPlanes(tj, jpg.data(), jpg.size(), planes, p.w, strides, p.h, 0), 0);
+    tjDestroy(tj);
+    return p;
+}
+
+std::string ToString(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
+
+// `qvn-kit preprocess --jpeg planes`: a 4:2:0 JPEG, baseline or progressive,
+// of odd sides, gives the one-pass converter's bytes on its own planes
+// decoded here; --reduce decodes at the largest DCT scale that keeps the
+// crop at least as large as the tensor and divides the crop by it; JPEGs of
+// other samplings and gray give exactly the bytes of the RGB route.
+TEST(JpegPlanesRoute, PreprocessConvertsTheJpegsOwnPlanes) {
+    qvntest::ScratchDir dir;
+    const std::string base = "preprocess '" + dir / "in.jpg" + "' '" + dir / "o.npy" + "' ";
+    auto tensor_of = [&](const std::vector<uint8_t>& jpg, const std::string& args) {
+        WriteFile(dir / "in.jpg", ToString(jpg));
+        const RunResult r = RunTool(dir, base + args);
+        EXPECT_EQ(r.code, 0) << args << "\n" << r.err;
+        return ReadNpy(dir / "o.npy").body;
+    };
+    for (int flags : {0, TJFLAG_PROGRESSIVE}) {
+        SCOPED_TRACE(flags != 0 ? "progressive" : "baseline");
+        const std::vector<uint8_t> jpg =
+            CompressJpeg(TestPicture(171, 131, 11), 171, 131, TJSAMP_420, flags);
+        const std::string crop = " --tensor 3x40x48 --crop 9,5,150,120";
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --orient mirror" + crop),
+                  Converted(TjDecode(jpg, 1).View(QVN_ORIENT_FMT_MIRROR), 3, 40, 48, false,
+                            {9, 5, 150, 120}));
+        // 48 x 2 <= 150 and 40 x 2 <= 120, but not x 4: --reduce 8 decodes
+        // at 1/2, with the crop 4,2,75,60.
+        const std::string half =
+            Converted(TjDecode(jpg, 2).View(0), 3, 40, 48, true, {4, 2, 75, 60});
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 2 --bgr" + crop),
+                  half);
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 8 --bgr" + crop),
+                  half);
+        // No crop: the whole picture (171 x 131 at 1/4: 43 x 33, kept 42 x 32).
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 4 --gray --tensor 1x30x40"),
+                  Converted(TjDecode(jpg, 4).View(0), 1, 30, 40, false, {0, 0, 0, 0}));
+    }
+    // The RGB route stays the default: data sets made so far keep their bytes.
+    const std::vector<uint8_t> jpg = CompressJpeg(TestPicture(64, 48, 17), 64, 48, TJSAMP_420);
+    const std::string by_default = tensor_of(jpg, "--tensor 3x24x32");
+    EXPECT_EQ(by_default, tensor_of(jpg, "--jpeg rgb --tensor 3x24x32"));
+    EXPECT_NE(by_default, tensor_of(jpg, "--jpeg planes --tensor 3x24x32"));
+    const std::vector<uint8_t> rgb = TestPicture(64, 48, 13);
+    for (int sub : {TJSAMP_444, TJSAMP_GRAY}) {
+        const std::vector<uint8_t> jpg = CompressJpeg(rgb, 64, 48, sub);
+        const std::string today = tensor_of(jpg, "--tensor 3x24x32");
+        EXPECT_EQ(today.size(), 3u * 24 * 32);
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 2 --tensor 3x24x32"), today) << sub;
+    }
+}
+
+// A decoder format the converter does not take: 4:2:2 JPEGs read as a
+// video (FFmpeg's yuvj422p) goes through libswscale to 4:2:0,
+// keeping full range, with one note. Reference: TurboJPEG's 4:2:2 planes
+// decoded here, each pair of chroma rows averaged, as BT.601 full range.
+TEST(VideoCommand, OtherDecoderFormatsAreResampledOnceWithANote) {
+    qvntest::ScratchDir dir;
+    const int w = 96, h = 64;
+    // Smooth, so that the decoders' inverse DCTs and chroma filters agree.
+    std::vector<uint8_t> smooth(static_cast<size_t>(w) * h * 3);
+    for (size_t i = 0; i < smooth.size(); ++i) {
+        const int x = static_cast<int>(i / 3 % w), yy = static_cast<int>(i / 3 / w);
+        const int value = i % 3 == 0 ? 30 + 2 * x : i % 3 == 1 ? 220 - 3 * yy : 60 + x + yy;
+        smooth[i] = static_cast<uint8_t>(value);
+    }
+    const std::vector<uint8_t> jpg = CompressJpeg(smooth, w, h, TJSAMP_422);
+    // Three pictures as one video (FFmpeg's numbered-picture input).
+    for (int i = 0; i < 3; ++i) {
+        WriteFile(dir / ("f00" + std::to_string(i) + ".jpg"), ToString(jpg));
+    }
+    const RunResult r = RunTool(dir, "video '" + dir / "f%03d.jpg" + "' '" + dir / "out" +
+                                         "' --tensor 3x" + std::to_string(h) + "x" +
+                                         std::to_string(w));
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.out.find("video: 3 frames"), std::string::npos) << r.out;
+    EXPECT_EQ(r.err, "qvn-kit: note: video '" + dir / "f%03d.jpg" +
+                         "' decodes to yuvj422p; each frame is converted to yuv420p with "
+                         "libswscale before the kit reads it\n");
+    tjhandle tj = tjInitDecompress();
+    std::vector<uint8_t> y(w * h), u(w / 2 * h), v(w / 2 * h);
+    unsigned char* planes[3] = {y.data(), u.data(), v.data()};
+    ASSERT_EQ(tjDecompressToYUVPlanes(tj, jpg.data(), jpg.size(), planes, w, nullptr, h, 0), 0);
+    tjDestroy(tj);
+    std::vector<uint8_t> u420(w / 2 * h / 2), v420(u420.size());
+    for (int row = 0; row < h / 2; ++row) {
+        for (int x = 0; x < w / 2; ++x) {
+            const int a = (2 * row) * (w / 2) + x, b = a + w / 2;
+            u420[row * (w / 2) + x] = static_cast<uint8_t>((u[a] + u[b] + 1) / 2);
+            v420[row * (w / 2) + x] = static_cast<uint8_t>((v[a] + v[b] + 1) / 2);
+        }
+    }
+    FrameView view;
+    view.pix_fmt = QVN_PIX_FMT_YUV420_A;
+    view.width = w;
+    view.height = h;
+    view.planes[0] = {y.data(), w};
+    view.planes[1] = {u420.data(), w / 2};
+    view.planes[2] = {v420.data(), w / 2};
+    view.matrix = YuvMatrix::kBT601;
+    view.range = YuvRange::kFull;
+    const std::string want = Converted(view, 3, h, w, false, {0, 0, 0, 0});
+    const std::string got = ReadNpy(dir / "out/frames_00000.npy").body;
+    ASSERT_EQ(got.size(), 3 * want.size());
+    int worst = 0;
+    long total = 0;
+    for (size_t i = 0; i < got.size(); ++i) {
+        const int d = std::abs(static_cast<uint8_t>(got[i]) -
+                               static_cast<uint8_t>(want[i % want.size()]));
+        worst = std::max(worst, d);
+        total += d;
+    }
+    // FFmpeg's own inverse DCT and libswscale's vertical filter against
+    // TurboJPEG and a pair average: a few levels at most, about 0.1 on
+    // average; squeezing the range to 16..235 would move every byte ~7.
+    EXPECT_LE(worst, 3);
+    EXPECT_LT(total / static_cast<double>(got.size()), 0.5);
 }
 
 }  // namespace

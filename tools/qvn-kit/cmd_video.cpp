@@ -103,9 +103,7 @@ public:
           frame_bytes_(static_cast<size_t>(target.c) * target.h * target.w),
           shape_{0, static_cast<size_t>(target.c), static_cast<size_t>(target.h),
                  static_cast<size_t>(target.w)},
-          rows_(rows) {
-        buffer_.reserve(frame_bytes_ * static_cast<size_t>(rows));
-    }
+          rows_(rows) {}
 
     void Add(const uint8_t* tensor, const VideoFrame& frame) {
         buffer_.insert(buffer_.end(), tensor, tensor + frame_bytes_);
@@ -154,6 +152,8 @@ private:
     std::string index_;
 };
 
+constexpr uint64_t kMaxShardBytes = uint64_t{1} << 31;
+
 // What the options say once checked.
 struct VideoPlan {
     TensorTarget target;
@@ -190,8 +190,13 @@ void RunVideo(const VideoOptions& o) {
         ParseTensorSpec(o.tensor.empty() ? (o.gray ? "1x256x256" : "3x256x256") : o.tensor,
                         o.gray);
     // A shard is held in memory until it is written.
-    CheckPixels(static_cast<uint64_t>(target.w) * target.h * target.c,
-                static_cast<uint64_t>(o.shard), "shard (--shard x tensor)", kExitUsage);
+    const uint64_t shard_bytes = static_cast<uint64_t>(target.w) * target.h * target.c *
+                                 static_cast<uint64_t>(o.shard);
+    if (shard_bytes > kMaxShardBytes) {
+        throw ToolError("--shard " + std::to_string(o.shard) + " of " + o.tensor +
+                            " tensors holds more than 2 GiB; use fewer frames a shard",
+                        kExitUsage);
+    }
 
     VideoReader reader(o.in);
     const bool made = MakeDirectory(o.out_dir);
@@ -230,14 +235,19 @@ void ConvertVideo(const VideoOptions& o, const VideoPlan& plan, VideoReader& rea
         Stopwatch decode;
         if (!reader.Next(frame)) break;
         decode_ms.push_back(decode.Seconds() * 1e3);
-        if (frame.number >= range.end) break;
-        if (frame.number < range.first || (frame.number - range.first) % o.every != 0) continue;
+        const bool last = frame.number + 1 >= range.end;
+        if (frame.number < range.first || (frame.number - range.first) % o.every != 0) {
+            if (last) break;
+            continue;
+        }
         const quvas::kit::FrameView view = VideoFrameView(frame, plan.ori);
         Stopwatch convert;
         ConvertView(view, target, o.bgr, plan.crop, static_cast<unsigned char>(o.pad), tensor);
         convert_ms.push_back(convert.Seconds() * 1e3);
         shards.Add(tensor->data(), frame);
         progress.Step(++kept);
+        // Nothing after B - 1 is decoded.
+        if (last) break;
     }
     if (kept == 0) {
         throw ToolError("video '" + o.in + "' has no frame in --frames " +
