@@ -116,6 +116,14 @@ void StepwisePlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, cons
                     uint8_t pad_value);
 void StepwiseGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box,
                   uint8_t pad_value);
+// The one-pass pictures themselves, for a view whose format and sizes the
+// caller has checked (at least 2 x 2 for 4:2:0 colour): the crop region
+// resized, turned and mirrored into three packed t_w x t_h planes, planes
+// t_w * t_h bytes apart; or, for gray, resized to w x h and never turned.
+void PlanarPicture(const FrameView& view, bool to_bgr, const CropBox& box, uint8_t pad, int t_w,
+                   int t_h, uint8_t* out);
+void GrayPicture(const FrameView& view, const CropBox& box, uint8_t pad, int w, int h,
+                 uint8_t* out);
 void OnePassPlanar(const FrameView& view, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
                    uint8_t pad, const char* caller);
 void OnePassGray(const FrameView& view, TensorPtr& o_tensor, const CropBox& box, uint8_t pad,

@@ -1,0 +1,390 @@
+// frame_tensor.cpp - the one-pass converter writing a network's input in
+// place: bytes or normalised floats, planar or interleaved, letterboxed when
+// asked, with the affine map between frame and tensor that the geometry
+// implies. The picture itself comes from the one-pass pipeline
+// (frame_one_pass.cpp), so it is the bytes the other converters write; this
+// file only places it and normalises it on the way out.
+#include <qvn_kit/frame_tensor.hpp>
+
+#include <quvas/qvn_core.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "frame_convert.h"
+
+namespace quvas {
+namespace kit {
+
+namespace {
+
+using internal::CropBox;
+using internal::kQuarterTurns;
+
+constexpr int kErr = 16;
+constexpr const char* kConvertName = "QV_OnePass_Convert_FrameView_To_Tensor";
+constexpr const char* kTransformName = "QV_FrameView_Tensor_Transform";
+
+// Everything the conversion decides before it touches a pixel.
+struct Plan {
+    CropBox box;
+    int channels;
+    int tw, th;  // tensor
+    int pw, ph;  // picture, upright
+    int px, py;  // where it lies in the tensor
+    int rw, rh;  // the size the region is resized to (before the turn)
+    bool turns;  // colour output follows the orientation; gray does not
+};
+
+bool MakePlan(const FrameView& view, const TensorOptions& o, const char* name, Plan* plan) {
+    if (!Is_Valid_FrameView(view)) return false;
+    const bool yuv = pixfmt::IsFourTwoZero(view.pix_fmt);
+    const int least = (yuv && !o.gray) ? 2 : 1;
+    if (o.width < least || o.height < least) {
+        utility::Log(kErr, "%s: a %dx%d tensor cannot hold a picture of at least %dx%d.", name,
+                     o.width, o.height, least, least);
+        return false;
+    }
+    QVN_Image geometry{};
+    geometry.pix_fmt = view.pix_fmt;
+    geometry.ori_fmt = view.ori_fmt;
+    geometry.width = view.width;
+    geometry.height = view.height;
+    Plan p;
+    p.box = internal::FrameCropBox(&geometry, o.crop_x, o.crop_y, o.crop_w, o.crop_h);
+    if (!p.box.active) p.box = CropBox{false, 0, 0, view.width, view.height};
+    if (p.box.w < least || p.box.h < least) {
+        utility::Log(kErr, "%s: a %dx%d crop of a 4:2:0 frame is less than 2x2.", name, p.box.w,
+                     p.box.h);
+        return false;
+    }
+    p.channels = o.gray ? 1 : 3;
+    p.turns = !o.gray;
+    p.tw = o.width;
+    p.th = o.height;
+    const bool quarter = p.turns && (view.ori_fmt & kQuarterTurns) != 0;
+    if (o.letterbox == Letterbox::kOff) {
+        p.pw = p.tw;
+        p.ph = p.th;
+    } else {
+        // The region's sides as they will stand in the tensor; scaled to
+        // fit, the longer relative side fills the tensor exactly and the
+        // other is rounded to the nearest pixel, halves up.
+        const int64_t cw = quarter ? p.box.h : p.box.w;
+        const int64_t ch = quarter ? p.box.w : p.box.h;
+        if (cw * p.th <= ch * p.tw) {
+            p.ph = p.th;
+            p.pw = static_cast<int>((2 * cw * p.th + ch) / (2 * ch));
+        } else {
+            p.pw = p.tw;
+            p.ph = static_cast<int>((2 * ch * p.tw + cw) / (2 * cw));
+        }
+        p.pw = std::max(p.pw, least);
+        p.ph = std::max(p.ph, least);
+    }
+    const bool centred = o.letterbox == Letterbox::kCentre;
+    p.px = centred ? (p.tw - p.pw) / 2 : 0;
+    p.py = centred ? (p.th - p.ph) / 2 : 0;
+    p.rw = quarter ? p.ph : p.pw;
+    p.rh = quarter ? p.pw : p.ph;
+    *plan = p;
+    return true;
+}
+
+// 2 x 3 affine maps, row-major; Then(a, b) is b after a.
+struct Affine {
+    double m[6];
+};
+
+Affine Then(const Affine& a, const Affine& b) {
+    const double* p = a.m;
+    const double* q = b.m;
+    return Affine{{q[0] * p[0] + q[1] * p[3], q[0] * p[1] + q[1] * p[4],
+                   q[0] * p[2] + q[1] * p[5] + q[2], q[3] * p[0] + q[4] * p[3],
+                   q[3] * p[1] + q[4] * p[4], q[3] * p[2] + q[4] * p[5] + q[5]}};
+}
+
+Affine Inverse(const Affine& a) {
+    const double* m = a.m;
+    const double det = m[0] * m[4] - m[1] * m[3];
+    const double i0 = m[4] / det, i1 = -m[1] / det, i3 = -m[3] / det, i4 = m[0] / det;
+    return Affine{{i0, i1, -(i0 * m[2] + i1 * m[5]), i3, i4, -(i3 * m[2] + i4 * m[5])}};
+}
+
+// The conversion's geometry step by step, on continuous pixel coordinates:
+// normalised frame -> frame pixels -> resized region -> turned -> mirrored
+// -> placed in the tensor. The turn and mirror rules are the converter's
+// (first matching bit of each group).
+TensorTransform TransformOf(const FrameView& view, const Plan& p) {
+    const CropBox& b = p.box;
+    const double sx = static_cast<double>(p.rw) / b.w;
+    const double sy = static_cast<double>(p.rh) / b.h;
+    Affine t{{view.width * sx, 0, -b.x * sx, 0, view.height * sy, -b.y * sy}};
+    const uint32_t ori = p.turns ? view.ori_fmt : 0;
+    const double rw = p.rw, rh = p.rh;
+    if (ori & QVN_ORIENT_FMT_ROTATE_90L) {  // clockwise: (x, y) -> (rh - y, x)
+        t = Then(t, Affine{{0, -1, rh, 1, 0, 0}});
+    } else if (ori & QVN_ORIENT_FMT_ROTATE_90R) {  // counter-clockwise: (y, rw - x)
+        t = Then(t, Affine{{0, 1, 0, -1, 0, rw}});
+    } else if (ori & QVN_ORIENT_FMT_ROTATE_180) {
+        t = Then(t, Affine{{-1, 0, rw, 0, -1, rh}});
+    }
+    if (ori & QVN_ORIENT_FMT_MIRROR) {
+        t = Then(t, Affine{{-1, 0, static_cast<double>(p.pw), 0, 1, 0}});
+    } else if (ori & QVN_ORIENT_FMT_FLIPV) {
+        t = Then(t, Affine{{1, 0, 0, 0, -1, static_cast<double>(p.ph)}});
+    }
+    t = Then(t, Affine{{1, 0, static_cast<double>(p.px), 0, 1, static_cast<double>(p.py)}});
+    TensorTransform out;
+    const Affine inv = Inverse(t);
+    std::copy(t.m, t.m + 6, out.to_tensor);
+    std::copy(inv.m, inv.m + 6, out.to_frame);
+    out.tensor_width = p.tw;
+    out.tensor_height = p.th;
+    out.picture_x = p.px;
+    out.picture_y = p.py;
+    out.picture_width = p.pw;
+    out.picture_height = p.ph;
+    return out;
+}
+
+bool NormalisationOk(const TensorOptions& o, int channels) {
+    const size_t n = static_cast<size_t>(channels);
+    if (o.mean.size() != n || o.std.size() != n) {
+        utility::Log(kErr, "%s: mean and std need one value per channel (%d), got %zu and %zu.", kConvertName,
+                     channels, o.mean.size(), o.std.size());
+        return false;
+    }
+    for (int c = 0; c < channels; ++c) {
+        if (!std::isfinite(o.mean[c])) {
+            utility::Log(kErr, "%s: mean[%d] is %g; it must be finite.", kConvertName, c,
+                         static_cast<double>(o.mean[c]));
+            return false;
+        }
+    }
+    for (int c = 0; c < channels; ++c) {
+        if (!std::isfinite(o.std[c]) || o.std[c] == 0.0f) {
+            utility::Log(kErr, "%s: std[%d] is %g; it must be finite and non-zero.",
+                         kConvertName, c, static_cast<double>(o.std[c]));
+            return false;
+        }
+    }
+    return true;
+}
+
+struct Strides {
+    ptrdiff_t row, plane, step;  // step: from one pixel to the next in a row
+};
+
+bool StridesOf(const TensorBuffer& out, const Plan& p, Strides* s) {
+    if (out.data == nullptr) {
+        utility::Log(kErr, "%s: the output buffer is NULL.", kConvertName);
+        return false;
+    }
+    const bool planar = out.order == TensorOrder::kPlanar;
+    const ptrdiff_t row = planar ? p.tw : static_cast<ptrdiff_t>(p.tw) * p.channels;
+    s->row = out.row_stride == 0 ? row : out.row_stride;
+    if (s->row < row) {
+        utility::Log(kErr, "%s: a row stride of %td cannot hold a row of %td.", kConvertName,
+                     s->row, row);
+        return false;
+    }
+    const ptrdiff_t plane = (p.th - 1) * s->row + row;
+    s->plane = planar ? (out.plane_stride == 0 ? p.th * s->row : out.plane_stride) : 1;
+    if (planar && p.channels > 1 && s->plane < plane) {
+        utility::Log(kErr, "%s: a plane stride of %td cannot hold a plane of %td.", kConvertName,
+                     s->plane, plane);
+        return false;
+    }
+    s->step = planar ? 1 : p.channels;
+    return true;
+}
+
+// One tensor row of channel c: pad, picture row (null: all pad), pad.
+// Bytes are copied; floats are looked up in the channel's table, which holds
+// the exact normalised value of each of the 256 bytes.
+void PlaceRow(uint8_t* dst, ptrdiff_t step, const uint8_t* src, const Plan& p, uint8_t pad) {
+    if (step == 1) {
+        std::memset(dst, pad, static_cast<size_t>(p.tw));
+        if (src != nullptr) std::memcpy(dst + p.px, src, static_cast<size_t>(p.pw));
+        return;
+    }
+    for (int x = 0; x < p.tw; ++x) dst[x * step] = pad;
+    if (src != nullptr) {
+        for (int x = 0; x < p.pw; ++x) dst[(p.px + x) * step] = src[x];
+    }
+}
+
+void PlaceRow(float* dst, ptrdiff_t step, const uint8_t* src, const Plan& p, const float* table,
+              uint8_t pad) {
+    const float padf = table[pad];
+    const int end = src == nullptr ? p.tw : p.px;
+    for (int x = 0; x < end; ++x) dst[x * step] = padf;
+    if (src == nullptr) return;
+    float* d = dst + p.px * step;
+    if (step == 1) {
+        for (int x = 0; x < p.pw; ++x) d[x] = table[src[x]];
+    } else {
+        for (int x = 0; x < p.pw; ++x) d[x * step] = table[src[x]];
+    }
+    for (int x = p.px + p.pw; x < p.tw; ++x) dst[x * step] = padf;
+}
+
+// Interleaved float rows of three channels, written pixel after pixel.
+void PlaceRow3(float* dst, const uint8_t* const src[3], const Plan& p, const float* table,
+               uint8_t pad) {
+    const float* t0 = table;
+    const float* t1 = table + 256;
+    const float* t2 = table + 512;
+    for (int x = 0; x < p.px; ++x) {
+        dst[3 * x] = t0[pad];
+        dst[3 * x + 1] = t1[pad];
+        dst[3 * x + 2] = t2[pad];
+    }
+    float* d = dst + 3 * p.px;
+    const uint8_t* s0 = src[0];
+    const uint8_t* s1 = src[1];
+    const uint8_t* s2 = src[2];
+    for (int x = 0; x < p.pw; ++x) {
+        d[3 * x] = t0[s0[x]];
+        d[3 * x + 1] = t1[s1[x]];
+        d[3 * x + 2] = t2[s2[x]];
+    }
+    for (int x = p.px + p.pw; x < p.tw; ++x) {
+        dst[3 * x] = t0[pad];
+        dst[3 * x + 1] = t1[pad];
+        dst[3 * x + 2] = t2[pad];
+    }
+}
+
+}  // namespace
+
+QVN_API bool QV_FrameView_Tensor_Transform(const FrameView& view, const TensorOptions& options,
+                                           TensorTransform* transform) {
+    Plan p;
+    if (!MakePlan(view, options, kTransformName, &p)) return false;
+    if (transform != nullptr) *transform = TransformOf(view, p);
+    return true;
+}
+
+QVN_API bool QV_OnePass_Convert_FrameView_To_Tensor(const FrameView& view,
+                                                    const TensorOptions& options,
+                                                    const TensorBuffer& out,
+                                                    TensorTransform* transform) {
+    Plan p;
+    if (!MakePlan(view, options, kConvertName, &p)) return false;
+    const bool floats = out.element == TensorElement::kFloat32;
+    if (floats && !NormalisationOk(options, p.channels)) return false;
+    Strides s;
+    if (!StridesOf(out, p, &s)) return false;
+
+    // The picture, packed planes of pw x ph bytes, in this thread's buffer
+    // (the pipeline's own scratch is separate).
+    thread_local std::vector<uint8_t> picture;
+    const size_t plane = static_cast<size_t>(p.pw) * p.ph;
+    picture.resize(plane * p.channels);
+    if (options.gray) {
+        internal::GrayPicture(view, p.box, options.pad_value, p.pw, p.ph, picture.data());
+    } else {
+        internal::PlanarPicture(view, options.to_bgr, p.box, options.pad_value, p.pw, p.ph,
+                                picture.data());
+    }
+
+    float table[3 * 256];
+    if (floats) {
+        // Each value exactly as written: a single-precision subtraction,
+        // then a single-precision division (the build never contracts them).
+        for (int c = 0; c < p.channels; ++c) {
+            for (int b = 0; b < 256; ++b) {
+                const float diff = static_cast<float>(b) - options.mean[c];
+                table[c * 256 + b] = diff / options.std[c];
+            }
+        }
+    }
+    const uint8_t pad = options.letterbox_pad;
+    for (int y = 0; y < p.th; ++y) {
+        const int py = y - p.py;
+        const bool inside = py >= 0 && py < p.ph;
+        const uint8_t* rows[3];
+        for (int c = 0; c < p.channels; ++c) {
+            rows[c] = inside ? picture.data() + plane * c + static_cast<size_t>(py) * p.pw
+                             : nullptr;
+        }
+        if (floats && inside && s.step == 3) {
+            PlaceRow3(static_cast<float*>(out.data) + y * s.row, rows, p, table, pad);
+            continue;
+        }
+        for (int c = 0; c < p.channels; ++c) {
+            const ptrdiff_t at = y * s.row + (s.step == 1 ? c * s.plane : c);
+            if (floats) {
+                PlaceRow(static_cast<float*>(out.data) + at, s.step, rows[c], p, table + 256 * c,
+                         pad);
+            } else {
+                PlaceRow(static_cast<uint8_t*>(out.data) + at, s.step, rows[c], p, pad);
+            }
+        }
+    }
+    if (transform != nullptr) *transform = TransformOf(view, p);
+    return true;
+}
+
+namespace {
+
+void Map(const double* m, const float* in, float* out, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        const double x = in[2 * i], y = in[2 * i + 1];
+        out[2 * i] = static_cast<float>(m[0] * x + m[1] * y + m[2]);
+        out[2 * i + 1] = static_cast<float>(m[3] * x + m[4] * y + m[5]);
+    }
+}
+
+void MapBoxes(const double* m, const float* in, float* out, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        const double x0 = in[4 * i], y0 = in[4 * i + 1];
+        const double x1 = x0 + in[4 * i + 2], y1 = y0 + in[4 * i + 3];
+        const double xs[4] = {x0, x1, x0, x1};
+        const double ys[4] = {y0, y0, y1, y1};
+        double lo[2] = {HUGE_VAL, HUGE_VAL}, hi[2] = {-HUGE_VAL, -HUGE_VAL};
+        for (int k = 0; k < 4; ++k) {
+            const double u = m[0] * xs[k] + m[1] * ys[k] + m[2];
+            const double v = m[3] * xs[k] + m[4] * ys[k] + m[5];
+            lo[0] = std::min(lo[0], u);
+            hi[0] = std::max(hi[0], u);
+            lo[1] = std::min(lo[1], v);
+            hi[1] = std::max(hi[1], v);
+        }
+        out[4 * i] = static_cast<float>(lo[0]);
+        out[4 * i + 1] = static_cast<float>(lo[1]);
+        out[4 * i + 2] = static_cast<float>(hi[0] - lo[0]);
+        out[4 * i + 3] = static_cast<float>(hi[1] - lo[1]);
+    }
+}
+
+}  // namespace
+
+QVN_API void TensorTransform_Points_To_Tensor(const TensorTransform& t, const float* in,
+                                              float* out, size_t n) {
+    Map(t.to_tensor, in, out, n);
+}
+
+QVN_API void TensorTransform_Points_To_Frame(const TensorTransform& t, const float* in,
+                                             float* out, size_t n) {
+    Map(t.to_frame, in, out, n);
+}
+
+QVN_API void TensorTransform_Boxes_To_Tensor(const TensorTransform& t, const float* in,
+                                             float* out, size_t n) {
+    MapBoxes(t.to_tensor, in, out, n);
+}
+
+QVN_API void TensorTransform_Boxes_To_Frame(const TensorTransform& t, const float* in,
+                                            float* out, size_t n) {
+    MapBoxes(t.to_frame, in, out, n);
+}
+
+}  // namespace kit
+}  // namespace quvas
