@@ -182,12 +182,17 @@ TEST(FrameTensor, FloatsAreTheBytesNormalisedBitForBit) {
                                 }
                             }
                         }
-                        o.mean = {123.675f, 116.28f, 103.53f};
-                        o.std = {58.395f, 57.12f, 57.375f};
-                        o.mean.resize(C);
-                        o.std.resize(C);
-                        for (int order = 0; order < 2; ++order) {
-                            const bool planar = order == 0;
+                        // The usual ImageNet values, and extremes whose
+                        // quotients overflow or go subnormal.
+                        const std::vector<float> means[2] = {{123.675f, 116.28f, 103.53f},
+                                                             {0.25f, -3.5f, 255.f}};
+                        const std::vector<float> stds[2] = {{58.395f, 57.12f, 57.375f},
+                                                            {1e-38f, 3e38f, -7e-39f}};
+                        for (int run = 0; run < 4; ++run) {
+                            const int set = run / 2;
+                            const bool planar = run % 2 == 0;
+                            o.mean.assign(means[set].begin(), means[set].begin() + C);
+                            o.std.assign(stds[set].begin(), stds[set].begin() + C);
                             TensorBuffer fb;
                             fb.element = TensorElement::kFloat32;
                             fb.order = planar ? TensorOrder::kPlanar : TensorOrder::kInterleaved;

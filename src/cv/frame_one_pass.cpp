@@ -9,6 +9,7 @@
 // (kernels/), so the bytes cannot drift from the step-by-step path.
 #include <cstddef>
 #include <cstdint>
+#include <algorithm>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -202,7 +203,7 @@ void InterleaveInto(const uint8_t* src, uint8_t* dst, size_t n) {
 }  // namespace
 
 void PlanarPicture(const FrameView& view, bool to_bgr, const CropBox& box, uint8_t pad, int t_w,
-                   int t_h, uint8_t* out) {
+                   int t_h, uint8_t* out, const RowSink* sink) {
     const bool quarter = (view.ori_fmt & kQuarterTurns) != 0;
     const int r_h = quarter ? t_w : t_h;
     const int r_w = quarter ? t_h : t_w;
@@ -221,8 +222,9 @@ void PlanarPicture(const FrameView& view, bool to_bgr, const CropBox& box, uint8
         const size_t y_bytes = plane;
         const size_t pairs = static_cast<size_t>(t_h >> 1) * (t_w >> 1);
         const size_t c_bytes = pairs * cc;
+        const size_t band_plane = static_cast<size_t>(kSinkBand) * t_w;
         Scratch s({SlotBytes(y), SlotBytes(c0), y_bytes, y_bytes, y_bytes, c_bytes, c_bytes,
-                   c_bytes, three ? 2 * pairs : 0});
+                   c_bytes, three ? 2 * pairs : 0, sink != nullptr ? 3 * band_plane : 0});
         ResizeRegion(y, s[0], s[2], r_w, r_h);
         const uint8_t* yo = Orient(view.ori_fmt, s[2], r_w, r_h, 1, s[3], s[4]);
         const uint8_t* uvo = nullptr;
@@ -242,27 +244,52 @@ void PlanarPicture(const FrameView& view, bool to_bgr, const CropBox& box, uint8
             uvo = s[8];
         }
         const kernels::YuvFixed fixed = ViewYuvFixed(view, to_bgr);
-        kernels::YuvToPlanes(yo, t_w, uvo, static_cast<ptrdiff_t>(t_w >> 1) * 2, t_w >> 1,
-                             t_h >> 1, fixed, out, t_w, plane, t_w, t_h);
+        const ptrdiff_t uv_stride = static_cast<ptrdiff_t>(t_w >> 1) * 2;
+        if (sink == nullptr) {
+            kernels::YuvToPlanes(yo, t_w, uvo, uv_stride, t_w >> 1, t_h >> 1, fixed, out, t_w,
+                                 plane, t_w, t_h);
+            return;
+        }
+        // A band of rows at a time, handed on while it is in the cache. Luma
+        // row r takes chroma row min(r / 2, last): a band starting at the
+        // even row r0 starts its chroma at min(r0 / 2, last).
+        const int uv_h = t_h >> 1;
+        for (int r0 = 0; r0 < t_h; r0 += kSinkBand) {
+            const int n = std::min(kSinkBand, t_h - r0);
+            const int c_row = std::min(r0 / 2, uv_h - 1);
+            kernels::YuvToPlanes(yo + static_cast<ptrdiff_t>(r0) * t_w, t_w,
+                                 uvo + c_row * uv_stride, uv_stride, t_w >> 1, uv_h - c_row,
+                                 fixed, s[9], t_w, band_plane, t_w, n);
+            for (int c = 0; c < 3; ++c) sink->rows(sink->ctx, c, r0, n, s[9] + band_plane * c);
+        }
         return;
     }
     Region in = PlaneRegion(view.planes[0], fw, fh, 4, box, false, pad);
-    Scratch s({SlotBytes(in), plane * 4, plane * 3, plane});
+    Scratch s({SlotBytes(in), plane * 4, plane * 3, plane, sink != nullptr ? plane * 3 : 0});
+    if (sink != nullptr) out = s[4];
     ResizeRegion(in, s[0], s[1], r_w, r_h);
     // Plane p takes byte pick[p]: B,G,R output reads the pixels the other way.
     const bool reads_as_bgra = IsBgraFrame(view.pix_fmt) != to_bgr;
     uint8_t* by_byte[3];
-    for (int p = 0; p < 3; ++p) by_byte[reads_as_bgra ? 2 - p : p] = out + plane * p;
+    int channel_of[3];
+    for (int p = 0; p < 3; ++p) {
+        channel_of[p] = reads_as_bgra ? 2 - p : p;
+        by_byte[channel_of[p]] = out + plane * p;
+    }
     if ((view.ori_fmt & kOrientBits) == 0) {
         kernels::SplitPlanes(s[1], 4, plane, by_byte[0], by_byte[1], by_byte[2]);
+        if (sink == nullptr) return;
+        for (int c = 0; c < 3; ++c) sink->rows(sink->ctx, c, 0, t_h, out + plane * c);
         return;
     }
     // Split first, then turn each byte plane: the same bytes (both only
     // move them), and a one-byte turn is far cheaper than a four-byte one.
+    // Each plane goes to the sink right after its turn.
     uint8_t* split = s[2];
     kernels::SplitPlanes(s[1], 4, plane, split, split + plane, split + 2 * plane);
     for (int p = 0; p < 3; ++p) {
         OrientInto(view.ori_fmt, split + plane * p, r_w, r_h, 1, by_byte[p], s[3]);
+        if (sink != nullptr) sink->rows(sink->ctx, channel_of[p], 0, t_h, by_byte[p]);
     }
 }
 
@@ -318,7 +345,7 @@ void OnePassPlanar(const FrameView& view, TensorPtr& o_tensor, bool to_bgr, cons
         if (box.active) MustBeCreatable(dev, make, box.h, box.w, 4);
         MustBeCreatable(dev, make, r_h, r_w, 4);
     }
-    PlanarPicture(view, to_bgr, box, pad, size.t_w, size.t_h, o_tensor->data());
+    PlanarPicture(view, to_bgr, box, pad, size.t_w, size.t_h, o_tensor->data(), nullptr);
 }
 
 void OnePassGray(const FrameView& view, TensorPtr& o_tensor, const CropBox& box, uint8_t pad,

@@ -8,6 +8,8 @@
 
 #include <quvas/qvn_core.h>
 
+#include <immintrin.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -219,45 +221,93 @@ void PlaceRow(uint8_t* dst, ptrdiff_t step, const uint8_t* src, const Plan& p, u
     }
 }
 
-void PlaceRow(float* dst, ptrdiff_t step, const uint8_t* src, const Plan& p, const float* table,
+// How one channel's bytes become floats: the exact value of each byte in
+// `table` (for the pad and interleaved rows), and the same value in vector
+// form for planar rows. A vector subtraction and division round each lane
+// as the scalar ones do, so they give the table's bits; but the division is
+// slow. Faster: q = d * (1 / std), corrected once by its residual,
+// q + (d - q * std) * (1 / std), both fused multiply-adds. That is the
+// correctly rounded quotient nearly always, not always, so it is used only
+// when it gives the table's bits for all 256 bytes of the channel, which is
+// checked once per call.
+struct Channel {
+    const float* table;
+    float mean, std, recip;
+    bool corrected;
+};
+
+Channel MakeChannel(const float* table, float mean, float std) {
+    Channel ch{table, mean, std, 1.0f / std, true};
+    for (int b = 0; b < 256 && ch.corrected; ++b) {
+        const float d = static_cast<float>(b) - mean;
+        const float q = d * ch.recip;
+        const float q1 = std::fma(std::fma(-q, std, d), ch.recip, q);
+        ch.corrected = std::memcmp(&q1, &table[b], sizeof q1) == 0;
+    }
+    return ch;
+}
+
+void NormaliseRow(const uint8_t* src, float* dst, int n, const Channel& ch) {
+    const __m256 mean = _mm256_set1_ps(ch.mean);
+    const __m256 std = _mm256_set1_ps(ch.std);
+    const __m256 recip = _mm256_set1_ps(ch.recip);
+    const auto diff = [&](int x) {
+        const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src + x));
+        return _mm256_sub_ps(_mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(b)), mean);
+    };
+    int x = 0;
+    if (ch.corrected) {
+        for (; x + 8 <= n; x += 8) {
+            const __m256 d = diff(x);
+            const __m256 q = _mm256_mul_ps(d, recip);
+            _mm256_storeu_ps(dst + x, _mm256_fmadd_ps(_mm256_fnmadd_ps(q, std, d), recip, q));
+        }
+    } else {
+        for (; x + 8 <= n; x += 8) _mm256_storeu_ps(dst + x, _mm256_div_ps(diff(x), std));
+    }
+    for (; x < n; ++x) dst[x] = ch.table[src[x]];
+}
+
+void PlaceRow(float* dst, ptrdiff_t step, const uint8_t* src, const Plan& p, const Channel& ch,
               uint8_t pad) {
-    const float padf = table[pad];
+    const float padf = ch.table[pad];
     const int end = src == nullptr ? p.tw : p.px;
     for (int x = 0; x < end; ++x) dst[x * step] = padf;
     if (src == nullptr) return;
     float* d = dst + p.px * step;
     if (step == 1) {
-        for (int x = 0; x < p.pw; ++x) d[x] = table[src[x]];
+        NormaliseRow(src, d, p.pw, ch);
     } else {
-        for (int x = 0; x < p.pw; ++x) d[x * step] = table[src[x]];
+        for (int x = 0; x < p.pw; ++x) d[x * step] = ch.table[src[x]];
     }
     for (int x = p.px + p.pw; x < p.tw; ++x) dst[x * step] = padf;
 }
 
-// Interleaved float rows of three channels, written pixel after pixel.
-void PlaceRow3(float* dst, const uint8_t* const src[3], const Plan& p, const float* table,
-               uint8_t pad) {
-    const float* t0 = table;
-    const float* t1 = table + 256;
-    const float* t2 = table + 512;
-    for (int x = 0; x < p.px; ++x) {
-        dst[3 * x] = t0[pad];
-        dst[3 * x + 1] = t1[pad];
-        dst[3 * x + 2] = t2[pad];
+// Writes the tensor: pad rows, and each picture row between its pads, as
+// the pipeline hands the rows over (RowSink).
+struct Placer {
+    const Plan* plan;
+    Strides strides;
+    void* data;
+    bool floats;
+    Channel channels[3];
+    uint8_t pad;
+};
+
+void PlaceTensorRow(const Placer& k, int c, int y, const uint8_t* src) {
+    const Strides& s = k.strides;
+    const ptrdiff_t at = y * s.row + (s.step == 1 ? c * s.plane : c);
+    if (k.floats) {
+        PlaceRow(static_cast<float*>(k.data) + at, s.step, src, *k.plan, k.channels[c], k.pad);
+    } else {
+        PlaceRow(static_cast<uint8_t*>(k.data) + at, s.step, src, *k.plan, k.pad);
     }
-    float* d = dst + 3 * p.px;
-    const uint8_t* s0 = src[0];
-    const uint8_t* s1 = src[1];
-    const uint8_t* s2 = src[2];
-    for (int x = 0; x < p.pw; ++x) {
-        d[3 * x] = t0[s0[x]];
-        d[3 * x + 1] = t1[s1[x]];
-        d[3 * x + 2] = t2[s2[x]];
-    }
-    for (int x = p.px + p.pw; x < p.tw; ++x) {
-        dst[3 * x] = t0[pad];
-        dst[3 * x + 1] = t1[pad];
-        dst[3 * x + 2] = t2[pad];
+}
+
+void SinkRows(void* ctx, int c, int y0, int n, const uint8_t* data) {
+    const Placer& k = *static_cast<const Placer*>(ctx);
+    for (int i = 0; i < n; ++i) {
+        PlaceTensorRow(k, c, k.plan->py + y0 + i, data + static_cast<size_t>(i) * k.plan->pw);
     }
 }
 
@@ -282,18 +332,24 @@ QVN_API bool QV_OnePass_Convert_FrameView_To_Tensor(const FrameView& view,
     Strides s;
     if (!StridesOf(out, p, &s)) return false;
 
-    // The picture, packed planes of pw x ph bytes, in this thread's buffer
-    // (the pipeline's own scratch is separate).
-    thread_local std::vector<uint8_t> picture;
-    const size_t plane = static_cast<size_t>(p.pw) * p.ph;
-    picture.resize(plane * p.channels);
-    if (options.gray) {
-        internal::GrayPicture(view, p.box, options.pad_value, p.pw, p.ph, picture.data());
-    } else {
-        internal::PlanarPicture(view, options.to_bgr, p.box, options.pad_value, p.pw, p.ph,
-                                picture.data());
+    // Packed planar bytes without letterbox are the picture itself: written
+    // in place.
+    const bool in_place = !floats && p.pw == p.tw && p.ph == p.th && s.step == 1 &&
+                          s.row == p.tw &&
+                          (p.channels == 1 || s.plane == static_cast<ptrdiff_t>(p.tw) * p.th);
+    if (in_place) {
+        uint8_t* at = static_cast<uint8_t*>(out.data);
+        if (options.gray) {
+            internal::GrayPicture(view, p.box, options.pad_value, p.pw, p.ph, at);
+        } else {
+            internal::PlanarPicture(view, options.to_bgr, p.box, options.pad_value, p.pw, p.ph,
+                                    at, nullptr);
+        }
+        if (transform != nullptr) *transform = TransformOf(view, p);
+        return true;
     }
 
+    Placer k{&p, s, out.data, floats, {}, options.letterbox_pad};
     float table[3 * 256];
     if (floats) {
         // Each value exactly as written: a single-precision subtraction,
@@ -303,30 +359,24 @@ QVN_API bool QV_OnePass_Convert_FrameView_To_Tensor(const FrameView& view,
                 const float diff = static_cast<float>(b) - options.mean[c];
                 table[c * 256 + b] = diff / options.std[c];
             }
+            k.channels[c] = MakeChannel(table + 256 * c, options.mean[c], options.std[c]);
         }
     }
-    const uint8_t pad = options.letterbox_pad;
     for (int y = 0; y < p.th; ++y) {
-        const int py = y - p.py;
-        const bool inside = py >= 0 && py < p.ph;
-        const uint8_t* rows[3];
-        for (int c = 0; c < p.channels; ++c) {
-            rows[c] = inside ? picture.data() + plane * c + static_cast<size_t>(py) * p.pw
-                             : nullptr;
-        }
-        if (floats && inside && s.step == 3) {
-            PlaceRow3(static_cast<float*>(out.data) + y * s.row, rows, p, table, pad);
-            continue;
-        }
-        for (int c = 0; c < p.channels; ++c) {
-            const ptrdiff_t at = y * s.row + (s.step == 1 ? c * s.plane : c);
-            if (floats) {
-                PlaceRow(static_cast<float*>(out.data) + at, s.step, rows[c], p, table + 256 * c,
-                         pad);
-            } else {
-                PlaceRow(static_cast<uint8_t*>(out.data) + at, s.step, rows[c], p, pad);
-            }
-        }
+        if (y >= p.py && y < p.py + p.ph) continue;
+        for (int c = 0; c < p.channels; ++c) PlaceTensorRow(k, c, y, nullptr);
+    }
+    if (options.gray) {
+        // One plane: made whole in this thread's buffer (the pipeline's
+        // scratch is separate), then placed.
+        thread_local std::vector<uint8_t> picture;
+        picture.resize(static_cast<size_t>(p.pw) * p.ph);
+        internal::GrayPicture(view, p.box, options.pad_value, p.pw, p.ph, picture.data());
+        SinkRows(&k, 0, 0, p.ph, picture.data());
+    } else {
+        const internal::RowSink sink{&SinkRows, &k};
+        internal::PlanarPicture(view, options.to_bgr, p.box, options.pad_value, p.pw, p.ph,
+                                nullptr, &sink);
     }
     if (transform != nullptr) *transform = TransformOf(view, p);
     return true;
