@@ -18,6 +18,7 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "log_capture.hpp"
@@ -123,7 +124,7 @@ constexpr uint32_t kSentinel = 0x7FC0BEEFu;  // a NaN the converter never writes
 // is touched.
 TEST(FrameTensor, FloatsAreTheBytesNormalisedBitForBit) {
     DeviceCPU dev;
-    const int fw = 64, fh = 48, tw = 23, th = 17;
+    const int fw = 64, fh = 48;
     const std::vector<uint8_t> random = qvntest::RandomBytes(fw * fh * 4, 26);
     const uint32_t formats[] = {QVN_PIX_FMT_YUV420SP_A, QVN_PIX_FMT_YUV420SP_B,
                                 QVN_PIX_FMT_YUV420SP_C, QVN_PIX_FMT_YUV420SP_D,
@@ -132,6 +133,9 @@ TEST(FrameTensor, FloatsAreTheBytesNormalisedBitForBit) {
     const int crops[][4] = {{0, 0, 0, 0}, {6, 4, 30, 22}, {-7, -5, 50, 40}};
     const Letterbox boxes[] = {Letterbox::kOff, Letterbox::kCentre, Letterbox::kTopLeft};
     int checked = 0;
+    // Wide and tall: letterboxes with pad columns and with pad rows.
+    for (const auto& size : {std::pair<int, int>{23, 17}, std::pair<int, int>{17, 23}}) {
+    const int tw = size.first, th = size.second;
     for (uint32_t fmt : formats) {
         for (uint32_t ori : kOrients) {
             const Frame frame = MakeFrame(fmt, fw, fh, ori, random);
@@ -185,9 +189,9 @@ TEST(FrameTensor, FloatsAreTheBytesNormalisedBitForBit) {
                         // The usual ImageNet values, and extremes whose
                         // quotients overflow or go subnormal.
                         const std::vector<float> means[2] = {{123.675f, 116.28f, 103.53f},
-                                                             {0.25f, -3.5f, 255.f}};
+                                                             {0.5f, -3.5f, 255.f}};
                         const std::vector<float> stds[2] = {{58.395f, 57.12f, 57.375f},
-                                                            {1e-38f, 3e38f, -7e-39f}};
+                                                            {2e-38f, 3e38f, -5e-38f}};
                         for (int run = 0; run < 4; ++run) {
                             const int set = run / 2;
                             const bool planar = run % 2 == 0;
@@ -219,6 +223,26 @@ TEST(FrameTensor, FloatsAreTheBytesNormalisedBitForBit) {
                                 }
                             }
                         }
+                        // Strided planar bytes are the packed ones, and the
+                        // gaps keep what they held.
+                        for (int pad_rows = 0; pad_rows < 2; ++pad_rows) {
+                            const ptrdiff_t row = tw + 3 * pad_rows, pl = (th + 2) * row;
+                            std::vector<uint8_t> strided(C * pl, 0xEE);
+                            TensorBuffer sb;
+                            sb.data = strided.data();
+                            sb.row_stride = row;
+                            sb.plane_stride = pl;
+                            ASSERT_TRUE(QV_OnePass_Convert_FrameView_To_Tensor(frame.view, o, sb, nullptr));
+                            for (int c = 0; c < C; ++c) {
+                                for (int y = 0; y < th + 2; ++y) {
+                                    for (int x = 0; x < row; ++x) {
+                                        const bool in = x < tw && y < th;
+                                        ASSERT_EQ(strided[c * pl + y * row + x],
+                                                  in ? bytes[c * plane + y * tw + x] : 0xEE);
+                                    }
+                                }
+                            }
+                        }
                         // Interleaved bytes are the planar ones, pixel by pixel.
                         std::vector<uint8_t> hwc(th * (tw * C + 1), 0xEE);
                         TensorBuffer ib;
@@ -240,7 +264,8 @@ TEST(FrameTensor, FloatsAreTheBytesNormalisedBitForBit) {
             }
         }
     }
-    EXPECT_EQ(checked, 7 * 10 * 3 * 2 * 3);
+    }
+    EXPECT_EQ(checked, 2 * 7 * 10 * 3 * 2 * 3);
 }
 
 namespace {
@@ -442,6 +467,12 @@ TEST(FrameTensor, LetterboxFitsRoundsAndCentres) {
         // 300 x 2 would be 0.33 high: 4:2:0 colour keeps two rows, gray one.
         {QVN_PIX_FMT_YUV420SP_B, 0, false, {0, 0, 300, 2}, 50, 50, Letterbox::kCentre, 0, 24, 50, 2},
         {QVN_PIX_FMT_YUV420SP_B, 0, true, {0, 0, 300, 2}, 50, 50, Letterbox::kCentre, 0, 24, 50, 1},
+        // 100 x 300 into 100 x 100: 33.33 -> 33 wide; 67 columns left, 33
+        // on the left, 34 on the right.
+        {QVN_PIX_FMT_BGRA8888, 0, false, {0, 0, 100, 300}, 100, 100, Letterbox::kCentre, 33, 0, 33, 100},
+        // 2 x 300 would be 0.33 wide: two columns, or one for gray.
+        {QVN_PIX_FMT_YUV420SP_A, 0, false, {0, 0, 2, 300}, 50, 50, Letterbox::kCentre, 24, 0, 2, 50},
+        {QVN_PIX_FMT_YUV420SP_A, 0, true, {0, 0, 2, 300}, 50, 50, Letterbox::kTopLeft, 0, 0, 1, 50},
         // Exactly the tensor's shape: no pad.
         {QVN_PIX_FMT_BGRA8888, 0, false, {0, 0, 160, 120}, 40, 30, Letterbox::kCentre, 0, 0, 40, 30},
     };
