@@ -231,19 +231,31 @@ void PlaceRow(uint8_t* dst, ptrdiff_t step, const uint8_t* src, const Plan& p, u
 // when it gives the table's bits for all 256 bytes of the channel, which is
 // checked once per call.
 struct Channel {
-    const float* table;
+    const float* table;  // each byte's value: a single-precision subtraction, then a division
     float mean, std, recip;
     bool corrected;
 };
 
-Channel MakeChannel(const float* table, float mean, float std) {
+// Fills the channel's table (eight bytes at a time: the vector operations
+// round as the scalar ones) and checks the corrected reciprocal against it.
+Channel MakeChannel(float* table, float mean, float std) {
     Channel ch{table, mean, std, 1.0f / std, true};
-    for (int b = 0; b < 256 && ch.corrected; ++b) {
-        const float d = static_cast<float>(b) - mean;
-        const float q = d * ch.recip;
-        const float q1 = std::fma(std::fma(-q, std, d), ch.recip, q);
-        ch.corrected = std::memcmp(&q1, &table[b], sizeof q1) == 0;
+    const __m256 vmean = _mm256_set1_ps(mean);
+    const __m256 vstd = _mm256_set1_ps(std);
+    const __m256 recip = _mm256_set1_ps(ch.recip);
+    __m256i same = _mm256_set1_epi32(-1);
+    for (int b = 0; b < 256; b += 8) {
+        const __m256i bytes = _mm256_add_epi32(_mm256_set1_epi32(b),
+                                               _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+        const __m256 d = _mm256_sub_ps(_mm256_cvtepi32_ps(bytes), vmean);
+        const __m256 exact = _mm256_div_ps(d, vstd);
+        _mm256_storeu_ps(table + b, exact);
+        const __m256 q = _mm256_mul_ps(d, recip);
+        const __m256 q1 = _mm256_fmadd_ps(_mm256_fnmadd_ps(q, vstd, d), recip, q);
+        same = _mm256_and_si256(same, _mm256_cmpeq_epi32(_mm256_castps_si256(q1),
+                                                         _mm256_castps_si256(exact)));
     }
+    ch.corrected = _mm256_movemask_epi8(same) == -1;
     return ch;
 }
 
@@ -352,13 +364,7 @@ QVN_API bool QV_OnePass_Convert_FrameView_To_Tensor(const FrameView& view,
     Placer k{&p, s, out.data, floats, {}, options.letterbox_pad};
     float table[3 * 256];
     if (floats) {
-        // Each value exactly as written: a single-precision subtraction,
-        // then a single-precision division (the build never contracts them).
         for (int c = 0; c < p.channels; ++c) {
-            for (int b = 0; b < 256; ++b) {
-                const float diff = static_cast<float>(b) - options.mean[c];
-                table[c * 256 + b] = diff / options.std[c];
-            }
             k.channels[c] = MakeChannel(table + 256 * c, options.mean[c], options.std[c]);
         }
     }
