@@ -117,11 +117,12 @@ void StepwisePlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, cons
 void StepwiseGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box,
                   uint8_t pad_value);
 // Where a picture's rows go when they are not written as planes: rows(ctx,
-// c, y0, n, data) takes rows y0 .. y0 + n - 1 of channel c, t_w bytes each,
-// packed; data is valid during the call only. Rows come in bands of
-// kSinkBand (or whole planes), while they are still in the cache.
+// y0, n, data, plane) takes rows y0 .. y0 + n - 1 of the three channels,
+// t_w bytes each, packed, channel c at data + c * plane; data is valid
+// during the call only. Rows come in bands of kSinkBand (or the whole
+// picture), while they are still in the cache.
 struct RowSink {
-    void (*rows)(void* ctx, int c, int y0, int n, const uint8_t* data);
+    void (*rows)(void* ctx, int y0, int n, const uint8_t* data, size_t plane);
     void* ctx;
 };
 constexpr int kSinkBand = 16;

@@ -260,7 +260,7 @@ void PlanarPicture(const FrameView& view, bool to_bgr, const CropBox& box, uint8
             kernels::YuvToPlanes(yo + static_cast<ptrdiff_t>(r0) * t_w, t_w,
                                  uvo + c_row * uv_stride, uv_stride, t_w >> 1, uv_h - c_row,
                                  fixed, s[9], t_w, band_plane, t_w, n);
-            for (int c = 0; c < 3; ++c) sink->rows(sink->ctx, c, r0, n, s[9] + band_plane * c);
+            sink->rows(sink->ctx, r0, n, s[9], band_plane);
         }
         return;
     }
@@ -271,26 +271,19 @@ void PlanarPicture(const FrameView& view, bool to_bgr, const CropBox& box, uint8
     // Plane p takes byte pick[p]: B,G,R output reads the pixels the other way.
     const bool reads_as_bgra = IsBgraFrame(view.pix_fmt) != to_bgr;
     uint8_t* by_byte[3];
-    int channel_of[3];
-    for (int p = 0; p < 3; ++p) {
-        channel_of[p] = reads_as_bgra ? 2 - p : p;
-        by_byte[channel_of[p]] = out + plane * p;
-    }
+    for (int p = 0; p < 3; ++p) by_byte[reads_as_bgra ? 2 - p : p] = out + plane * p;
     if ((view.ori_fmt & kOrientBits) == 0) {
         kernels::SplitPlanes(s[1], 4, plane, by_byte[0], by_byte[1], by_byte[2]);
-        if (sink == nullptr) return;
-        for (int c = 0; c < 3; ++c) sink->rows(sink->ctx, c, 0, t_h, out + plane * c);
-        return;
+    } else {
+        // Split first, then turn each byte plane: the same bytes (both only
+        // move them), and a one-byte turn is far cheaper than a four-byte one.
+        uint8_t* split = s[2];
+        kernels::SplitPlanes(s[1], 4, plane, split, split + plane, split + 2 * plane);
+        for (int p = 0; p < 3; ++p) {
+            OrientInto(view.ori_fmt, split + plane * p, r_w, r_h, 1, by_byte[p], s[3]);
+        }
     }
-    // Split first, then turn each byte plane: the same bytes (both only
-    // move them), and a one-byte turn is far cheaper than a four-byte one.
-    // Each plane goes to the sink right after its turn.
-    uint8_t* split = s[2];
-    kernels::SplitPlanes(s[1], 4, plane, split, split + plane, split + 2 * plane);
-    for (int p = 0; p < 3; ++p) {
-        OrientInto(view.ori_fmt, split + plane * p, r_w, r_h, 1, by_byte[p], s[3]);
-        if (sink != nullptr) sink->rows(sink->ctx, channel_of[p], 0, t_h, by_byte[p]);
-    }
+    if (sink != nullptr) sink->rows(sink->ctx, 0, t_h, out, plane);
 }
 
 void GrayPicture(const FrameView& view, const CropBox& box, uint8_t pad, int w, int h,

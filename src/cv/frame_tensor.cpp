@@ -316,10 +316,72 @@ void PlaceTensorRow(const Placer& k, int c, int y, const uint8_t* src) {
     }
 }
 
-void SinkRows(void* ctx, int c, int y0, int n, const uint8_t* data) {
+// Three channels' picture rows as interleaved floats, pads around: each
+// row normalised a chunk at a time into planar floats (as planar output is),
+// then woven into R,G,B triples eight pixels at a time.
+void PlaceRowInterleaved3(float* dst, const uint8_t* const src[3], const Plan& p,
+                          const Channel ch[3], uint8_t pad) {
+    const float pads[3] = {ch[0].table[pad], ch[1].table[pad], ch[2].table[pad]};
+    for (int x = 0; x < p.px; ++x) {
+        for (int c = 0; c < 3; ++c) dst[3 * x + c] = pads[c];
+    }
+    for (int x = p.px + p.pw; x < p.tw; ++x) {
+        for (int c = 0; c < 3; ++c) dst[3 * x + c] = pads[c];
+    }
+    constexpr int kChunk = 64;
+    alignas(32) float f[3][kChunk];
+    const __m256i lo = _mm256_setr_epi32(0, 0, 0, 1, 1, 1, 2, 2);
+    const __m256i mid = _mm256_setr_epi32(2, 3, 3, 3, 4, 4, 4, 5);
+    const __m256i hi = _mm256_setr_epi32(5, 5, 6, 6, 6, 7, 7, 7);
+    float* d = dst + 3 * p.px;
+    for (int x0 = 0; x0 < p.pw; x0 += kChunk) {
+        const int n = std::min(kChunk, p.pw - x0);
+        for (int c = 0; c < 3; ++c) NormaliseRow(src[c] + x0, f[c], n, ch[c]);
+        int x = 0;
+        for (; x + 8 <= n; x += 8) {
+            const __m256 r = _mm256_load_ps(f[0] + x);
+            const __m256 g = _mm256_load_ps(f[1] + x);
+            const __m256 b = _mm256_load_ps(f[2] + x);
+            // Lane i of each output takes its pixel from the channel that
+            // i mod 3 names (shifted by one per output vector).
+            const __m256 o0 = _mm256_blend_ps(
+                _mm256_blend_ps(_mm256_permutevar8x32_ps(r, lo), _mm256_permutevar8x32_ps(g, lo),
+                                0x92),
+                _mm256_permutevar8x32_ps(b, lo), 0x24);
+            const __m256 o1 = _mm256_blend_ps(
+                _mm256_blend_ps(_mm256_permutevar8x32_ps(r, mid),
+                                _mm256_permutevar8x32_ps(g, mid), 0x24),
+                _mm256_permutevar8x32_ps(b, mid), 0x49);
+            const __m256 o2 = _mm256_blend_ps(
+                _mm256_blend_ps(_mm256_permutevar8x32_ps(r, hi), _mm256_permutevar8x32_ps(g, hi),
+                                0x49),
+                _mm256_permutevar8x32_ps(b, hi), 0x92);
+            float* o = d + 3 * (x0 + x);
+            _mm256_storeu_ps(o, o0);
+            _mm256_storeu_ps(o + 8, o1);
+            _mm256_storeu_ps(o + 16, o2);
+        }
+        for (; x < n; ++x) {
+            for (int c = 0; c < 3; ++c) d[3 * (x0 + x) + c] = f[c][x];
+        }
+    }
+}
+
+void SinkRows(void* ctx, int y0, int n, const uint8_t* data, size_t plane) {
     const Placer& k = *static_cast<const Placer*>(ctx);
+    const Plan& p = *k.plan;
     for (int i = 0; i < n; ++i) {
-        PlaceTensorRow(k, c, k.plan->py + y0 + i, data + static_cast<size_t>(i) * k.plan->pw);
+        const int y = p.py + y0 + i;
+        const uint8_t* rows[3];
+        for (int c = 0; c < p.channels; ++c) {
+            rows[c] = data + plane * c + static_cast<size_t>(i) * p.pw;
+        }
+        if (k.floats && k.strides.step == 3) {
+            PlaceRowInterleaved3(static_cast<float*>(k.data) + y * k.strides.row, rows, p,
+                                 k.channels, k.pad);
+            continue;
+        }
+        for (int c = 0; c < p.channels; ++c) PlaceTensorRow(k, c, y, rows[c]);
     }
 }
 
@@ -378,7 +440,7 @@ QVN_API bool QV_OnePass_Convert_FrameView_To_Tensor(const FrameView& view,
         thread_local std::vector<uint8_t> picture;
         picture.resize(static_cast<size_t>(p.pw) * p.ph);
         internal::GrayPicture(view, p.box, options.pad_value, p.pw, p.ph, picture.data());
-        SinkRows(&k, 0, 0, p.ph, picture.data());
+        SinkRows(&k, 0, p.ph, picture.data(), 0);
     } else {
         const internal::RowSink sink{&SinkRows, &k};
         internal::PlanarPicture(view, options.to_bgr, p.box, options.pad_value, p.pw, p.ph,
