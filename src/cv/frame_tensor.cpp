@@ -207,8 +207,6 @@ bool StridesOf(const TensorBuffer& out, const Plan& p, Strides* s) {
 }
 
 // One tensor row of channel c: pad, picture row (null: all pad), pad.
-// Bytes are copied; floats are looked up in the channel's table, which holds
-// the exact normalised value of each of the 256 bytes.
 void PlaceRow(uint8_t* dst, ptrdiff_t step, const uint8_t* src, const Plan& p, uint8_t pad) {
     if (step == 1) {
         std::memset(dst, pad, static_cast<size_t>(p.tw));
@@ -222,8 +220,8 @@ void PlaceRow(uint8_t* dst, ptrdiff_t step, const uint8_t* src, const Plan& p, u
 }
 
 // How one channel's bytes become floats: the exact value of each byte in
-// `table` (for the pad and interleaved rows), and the same value in vector
-// form for planar rows. A vector subtraction and division round each lane
+// `table` (for the pad, row ends and strided rows), and the same value in
+// vector form for whole rows. A vector subtraction and division round each lane
 // as the scalar ones do, so they give the table's bits; but the division is
 // slow. Faster: q = d * (1 / std), corrected once by its residual,
 // q + (d - q * std) * (1 / std), both fused multiply-adds. That is the
