@@ -26,6 +26,7 @@
 // The Step_* benchmarks time each core kernel of the kit's path on its own,
 // with the tensors made beforehand; Alloc_* time making a zero-filled owned
 // tensor of that size.
+#include <qvn_kit/frame_tensor.hpp>
 #include <qvn_kit/frame_view.hpp>
 #include <qvn_kit/qvn_kit.hpp>
 
@@ -489,3 +490,130 @@ BENCHMARK(BM_Step_ColourBGRA)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Step_GrayBGRA)->Unit(benchmark::kMicrosecond);
 
 BENCHMARK_MAIN();
+
+// ---------------------------------------------------------------------------
+// Float input for a network: (byte - mean) / std per channel, planar floats.
+// "FrameToTensorFloat_*": the workload above; "FrameToTensorFloatLetterbox_*":
+// the whole frame, turned upright (1080 x 1920), letterboxed into 256 x 256
+// (a 144 x 256 picture, 56 columns of pad byte 114 either side).
+// ours-onepass: QV_OnePass_Convert_FrameView_To_Tensor writing floats;
+// ours-onepass-u8: the same call writing bytes (compare with
+// FrameToTensor_*_Planar/ours-onepass for the cost of the entry point, and
+// with ours-onepass for the cost of the floats); ours-onepass-nhwc:
+// interleaved floats. opencv-steps: the recipe users write, pass by pass
+// (padded crop, resize, rotate, colour, copyMakeBorder, convertTo to float,
+// subtract, divide, split into planes; OpenCV's dnn module, whose
+// blobFromImage makes the same passes, is not installed here).
+// ---------------------------------------------------------------------------
+
+namespace {
+
+const float kMean[3] = {123.675f, 116.28f, 103.53f};
+const float kStd[3] = {58.395f, 57.12f, 57.375f};
+constexpr int kLbPicture = 144, kLbPad = (kOut - kLbPicture) / 2;
+
+template <uint32_t kFormat, int kKind, bool kLetterbox>  // kKind: 0 bytes, 1 CHW, 2 HWC floats
+void BM_KitTensor(benchmark::State& state) {
+    namespace kit = quvas::kit;
+    QVN_Image img = S().Image(kFormat);
+    kit::FrameView view;
+    kit::FrameView_From_QVN_Image(&img, &view);
+    kit::TensorOptions o;
+    o.width = o.height = kOut;
+    if (kLetterbox) {
+        o.letterbox = kit::Letterbox::kCentre;
+        o.letterbox_pad = 114;
+    } else {
+        o.crop_x = kCropX, o.crop_y = kCropY, o.crop_w = o.crop_h = kCropSize;
+    }
+    o.mean.assign(kMean, kMean + 3);
+    o.std.assign(kStd, kStd + 3);
+    std::vector<float> out(3 * kOut * kOut);
+    kit::TensorBuffer b;
+    b.data = out.data();
+    b.element = kKind == 0 ? kit::TensorElement::kUInt8 : kit::TensorElement::kFloat32;
+    b.order = kKind == 2 ? kit::TensorOrder::kInterleaved : kit::TensorOrder::kPlanar;
+    TimeFrames(state, [&] {
+        kit::QV_OnePass_Convert_FrameView_To_Tensor(view, o, b, nullptr);
+        benchmark::DoNotOptimize(out.data());
+    });
+}
+
+// The float passes of the recipe on an H x W x 3 R,G,B byte image.
+void NormaliseToPlanes(const cv::Mat& rgb, cv::Mat& f, float* planes) {
+    rgb.convertTo(f, CV_32FC3);
+    cv::subtract(f, cv::Scalar(kMean[0], kMean[1], kMean[2]), f);
+    cv::divide(f, cv::Scalar(kStd[0], kStd[1], kStd[2]), f);
+    cv::Mat out[3] = {cv::Mat(kOut, kOut, CV_32FC1, planes),
+                      cv::Mat(kOut, kOut, CV_32FC1, planes + kOut * kOut),
+                      cv::Mat(kOut, kOut, CV_32FC1, planes + 2 * kOut * kOut)};
+    cv::split(f, out);
+}
+
+void Letterbox(const cv::Mat& rgb, cv::Mat& boxed) {
+    cv::copyMakeBorder(rgb, boxed, 0, 0, kLbPad, kOut - kLbPicture - kLbPad, cv::BORDER_CONSTANT,
+                       cv::Scalar::all(114));
+}
+
+template <bool kLetterbox>
+void BM_CV_NV21_Float_Steps(benchmark::State& state) {
+    cv::Mat y(kH, kW, CV_8UC1, S().nv21.data());
+    cv::Mat uv(kH / 2, kW / 2, CV_8UC2, S().nv21.data() + kW * kH);
+    std::vector<float> out(3 * kOut * kOut);
+    cv::Mat yr, uvr, yt, uvt, rgb, boxed, f;
+    // The resize size before the quarter turn (stored orientation).
+    const cv::Size size = kLetterbox ? cv::Size(kOut, kLbPicture) : cv::Size(kOut, kOut);
+    for (auto _ : state) {
+        if (kLetterbox) {
+            cv::resize(y, yr, size, 0, 0, cv::INTER_LINEAR);
+            cv::resize(uv, uvr, size / 2, 0, 0, cv::INTER_LINEAR);
+        } else {
+            cv::resize(PaddedCrop(y, kFx, kFy, kCropSize, kCropSize), yr, size, 0, 0,
+                       cv::INTER_LINEAR);
+            cv::resize(PaddedCrop(uv, kFx / 2, kFy / 2, kCropSize / 2, kCropSize / 2), uvr,
+                       size / 2, 0, 0, cv::INTER_LINEAR);
+        }
+        cv::rotate(yr, yt, cv::ROTATE_90_CLOCKWISE);
+        cv::rotate(uvr, uvt, cv::ROTATE_90_CLOCKWISE);
+        cv::cvtColorTwoPlane(yt, uvt, rgb, cv::COLOR_YUV2RGB_NV21);
+        if (kLetterbox) Letterbox(rgb, boxed);
+        NormaliseToPlanes(kLetterbox ? boxed : rgb, f, out.data());
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+
+template <bool kLetterbox>
+void BM_CV_BGRA_Float_Steps(benchmark::State& state) {
+    cv::Mat in(kH, kW, CV_8UC4, S().bgra.data());
+    std::vector<float> out(3 * kOut * kOut);
+    cv::Mat r, t, rgb, boxed, f;
+    const cv::Size size = kLetterbox ? cv::Size(kOut, kLbPicture) : cv::Size(kOut, kOut);
+    for (auto _ : state) {
+        if (kLetterbox) {
+            cv::resize(in, r, size, 0, 0, cv::INTER_LINEAR);
+        } else {
+            cv::resize(PaddedCrop(in, kFx, kFy, kCropSize, kCropSize), r, size, 0, 0,
+                       cv::INTER_LINEAR);
+        }
+        cv::rotate(r, t, cv::ROTATE_90_CLOCKWISE);
+        cv::cvtColor(t, rgb, cv::COLOR_BGRA2RGB);
+        if (kLetterbox) Letterbox(rgb, boxed);
+        NormaliseToPlanes(kLetterbox ? boxed : rgb, f, out.data());
+        benchmark::DoNotOptimize(out.data());
+    }
+}
+
+}  // namespace
+
+BENCHMARK(BM_KitTensor<QVN_PIX_FMT_YUV420SP_D, 1, false>)->Name("FrameToTensorFloat_NV21_Planar/ours-onepass")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KitTensor<QVN_PIX_FMT_YUV420SP_D, 0, false>)->Name("FrameToTensorFloat_NV21_Planar/ours-onepass-u8")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KitTensor<QVN_PIX_FMT_YUV420SP_D, 2, false>)->Name("FrameToTensorFloat_NV21_Planar/ours-onepass-nhwc")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_NV21_Float_Steps<false>)->Name("FrameToTensorFloat_NV21_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KitTensor<QVN_PIX_FMT_BGRA8888, 1, false>)->Name("FrameToTensorFloat_BGRA_Planar/ours-onepass")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KitTensor<QVN_PIX_FMT_BGRA8888, 0, false>)->Name("FrameToTensorFloat_BGRA_Planar/ours-onepass-u8")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KitTensor<QVN_PIX_FMT_BGRA8888, 2, false>)->Name("FrameToTensorFloat_BGRA_Planar/ours-onepass-nhwc")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_BGRA_Float_Steps<false>)->Name("FrameToTensorFloat_BGRA_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KitTensor<QVN_PIX_FMT_YUV420SP_D, 1, true>)->Name("FrameToTensorFloatLetterbox_NV21_Planar/ours-onepass")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_NV21_Float_Steps<true>)->Name("FrameToTensorFloatLetterbox_NV21_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KitTensor<QVN_PIX_FMT_BGRA8888, 1, true>)->Name("FrameToTensorFloatLetterbox_BGRA_Planar/ours-onepass")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CV_BGRA_Float_Steps<true>)->Name("FrameToTensorFloatLetterbox_BGRA_Planar/opencv-steps")->Unit(benchmark::kMicrosecond);

@@ -67,6 +67,10 @@ QVN_API bool FrameView_From_QVN_Image(const QVN_Image* img, FrameView* view);
 // line saying what is wrong.
 QVN_API bool Is_Valid_FrameView(const FrameView& view);
 
+// For float output, letterboxing, caller buffers with strides and the
+// transform back to the frame, see QV_OnePass_Convert_FrameView_To_Tensor
+// (frame_tensor.hpp).
+//
 // The one-pass converters over a view: the arguments, checks, log lines and
 // crop rules of the QVN_Image one-pass converters. For a view of a packed
 // QVN_Image (FrameView_From_QVN_Image, default colour) they write exactly

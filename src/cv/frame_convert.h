@@ -116,6 +116,26 @@ void StepwisePlanar(const QVN_Image* img, TensorPtr& o_tensor, bool to_bgr, cons
                     uint8_t pad_value);
 void StepwiseGray(const QVN_Image* img, TensorPtr& o_tensor, const CropBox& box,
                   uint8_t pad_value);
+// Where a picture's rows go when they are not written as planes: rows(ctx,
+// y0, n, data, plane) takes rows y0 .. y0 + n - 1 of the three channels,
+// t_w bytes each, packed, channel c at data + c * plane; data is valid
+// during the call only. Rows come in bands of kSinkBand (or the whole
+// picture), while they are still in the cache.
+struct RowSink {
+    void (*rows)(void* ctx, int y0, int n, const uint8_t* data, size_t plane);
+    void* ctx;
+};
+constexpr int kSinkBand = 16;
+
+// The one-pass pictures themselves, for a view whose format and sizes the
+// caller has checked (at least 2 x 2 for 4:2:0 colour): the crop region
+// resized, turned and mirrored into three packed t_w x t_h planes at `out`,
+// planes t_w * t_h bytes apart, or handed row by row to `sink` when it is not
+// null (`out` unused); or, for gray, resized to w x h and never turned.
+void PlanarPicture(const FrameView& view, bool to_bgr, const CropBox& box, uint8_t pad, int t_w,
+                   int t_h, uint8_t* out, const RowSink* sink);
+void GrayPicture(const FrameView& view, const CropBox& box, uint8_t pad, int w, int h,
+                 uint8_t* out);
 void OnePassPlanar(const FrameView& view, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
                    uint8_t pad, const char* caller);
 void OnePassGray(const FrameView& view, TensorPtr& o_tensor, const CropBox& box, uint8_t pad,

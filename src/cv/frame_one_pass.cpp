@@ -9,6 +9,7 @@
 // (kernels/), so the bytes cannot drift from the step-by-step path.
 #include <cstddef>
 #include <cstdint>
+#include <algorithm>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -201,45 +202,29 @@ void InterleaveInto(const uint8_t* src, uint8_t* dst, size_t n) {
 
 }  // namespace
 
-void OnePassPlanar(const FrameView& view, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
-                   uint8_t pad, const char* caller) {
-    if (!OutputFits(o_tensor, false)) {
-        utility::Assert(false, "%s: o_tensor must be a u8 CHW tensor {3, H, W} with storage",
-                        caller);
-        return;
-    }
-    DeviceCPU* dev = o_tensor->device();
-    const Sizes size = OutputSizes(view.ori_fmt, o_tensor, /*gray=*/false);
-    const int t_h = size.t_h, t_w = size.t_w, r_h = size.r_h, r_w = size.r_w;
+void PlanarPicture(const FrameView& view, bool to_bgr, const CropBox& box, uint8_t pad, int t_w,
+                   int t_h, uint8_t* out, const RowSink* sink) {
+    const bool quarter = (view.ori_fmt & kQuarterTurns) != 0;
+    const int r_h = quarter ? t_w : t_h;
+    const int r_w = quarter ? t_h : t_w;
     const int fh = view.height;
     const int fw = view.width;
-    uint8_t* out = o_tensor->data();
     const size_t plane = static_cast<size_t>(t_h) * t_w;
     const pixfmt::Layout layout = pixfmt::LayoutOf(view.pix_fmt);
 
     if (layout == pixfmt::Layout::kTwoPlane420 || layout == pixfmt::Layout::kThreePlane420) {
-        // The sizes the step-by-step path makes tensors of, in its order. A
-        // three-plane frame's chroma planes are the two bytes of its pairs.
+        // A three-plane frame's chroma planes are the two bytes of its pairs.
         const bool three = layout == pixfmt::Layout::kThreePlane420;
-        const Creator chroma_make =
-            three ? &DeviceCPU::CreateYPlane8BitTensor : &DeviceCPU::CreateUVPlane8BitTensor;
         const int cc = three ? 1 : 2;
-        MustBeCreatable(dev, &DeviceCPU::CreateYPlane8BitTensor, fh, fw, 1);
-        MustBeCreatable(dev, chroma_make, fh >> 1, fw >> 1, cc);
-        if (box.active) {
-            MustBeCreatable(dev, &DeviceCPU::CreateYPlane8BitTensor, box.h, box.w, 1);
-            MustBeCreatable(dev, chroma_make, box.h / 2, box.w / 2, cc);
-        }
-        MustBeCreatable(dev, &DeviceCPU::CreateYPlane8BitTensor, r_h, r_w, 1);
-        MustBeCreatable(dev, chroma_make, r_h >> 1, r_w >> 1, cc);
         Region y = PlaneRegion(view.planes[0], fw, fh, 1, box, false, pad);
         Region c0 = PlaneRegion(view.planes[1], fw >> 1, fh >> 1, cc, box, true, pad);
         Region c1 = three ? PlaneRegion(view.planes[2], fw >> 1, fh >> 1, 1, box, true, pad) : c0;
         const size_t y_bytes = plane;
         const size_t pairs = static_cast<size_t>(t_h >> 1) * (t_w >> 1);
         const size_t c_bytes = pairs * cc;
+        const size_t band_plane = static_cast<size_t>(kSinkBand) * t_w;
         Scratch s({SlotBytes(y), SlotBytes(c0), y_bytes, y_bytes, y_bytes, c_bytes, c_bytes,
-                   c_bytes, three ? 2 * pairs : 0});
+                   c_bytes, three ? 2 * pairs : 0, sink != nullptr ? 3 * band_plane : 0});
         ResizeRegion(y, s[0], s[2], r_w, r_h);
         const uint8_t* yo = Orient(view.ori_fmt, s[2], r_w, r_h, 1, s[3], s[4]);
         const uint8_t* uvo = nullptr;
@@ -259,17 +244,29 @@ void OnePassPlanar(const FrameView& view, TensorPtr& o_tensor, bool to_bgr, cons
             uvo = s[8];
         }
         const kernels::YuvFixed fixed = ViewYuvFixed(view, to_bgr);
-        kernels::YuvToPlanes(yo, t_w, uvo, static_cast<ptrdiff_t>(t_w >> 1) * 2, t_w >> 1,
-                             t_h >> 1, fixed, out, t_w, plane, t_w, t_h);
+        const ptrdiff_t uv_stride = static_cast<ptrdiff_t>(t_w >> 1) * 2;
+        if (sink == nullptr) {
+            kernels::YuvToPlanes(yo, t_w, uvo, uv_stride, t_w >> 1, t_h >> 1, fixed, out, t_w,
+                                 plane, t_w, t_h);
+            return;
+        }
+        // A band of rows at a time, handed on while it is in the cache. Luma
+        // row r takes chroma row min(r / 2, last): a band starting at the
+        // even row r0 starts its chroma at min(r0 / 2, last).
+        const int uv_h = t_h >> 1;
+        for (int r0 = 0; r0 < t_h; r0 += kSinkBand) {
+            const int n = std::min(kSinkBand, t_h - r0);
+            const int c_row = std::min(r0 / 2, uv_h - 1);
+            kernels::YuvToPlanes(yo + static_cast<ptrdiff_t>(r0) * t_w, t_w,
+                                 uvo + c_row * uv_stride, uv_stride, t_w >> 1, uv_h - c_row,
+                                 fixed, s[9], t_w, band_plane, t_w, n);
+            sink->rows(sink->ctx, r0, n, s[9], band_plane);
+        }
         return;
     }
-    const Creator make = IsBgraFrame(view.pix_fmt) ? &DeviceCPU::CreateBGRA8888Tensor
-                                                   : &DeviceCPU::CreateRGBA8888Tensor;
-    MustBeCreatable(dev, make, fh, fw, 4);
-    if (box.active) MustBeCreatable(dev, make, box.h, box.w, 4);
     Region in = PlaneRegion(view.planes[0], fw, fh, 4, box, false, pad);
-    MustBeCreatable(dev, make, r_h, r_w, 4);
-    Scratch s({SlotBytes(in), plane * 4, plane * 3, plane});
+    Scratch s({SlotBytes(in), plane * 4, plane * 3, plane, sink != nullptr ? plane * 3 : 0});
+    if (sink != nullptr) out = s[4];
     ResizeRegion(in, s[0], s[1], r_w, r_h);
     // Plane p takes byte pick[p]: B,G,R output reads the pixels the other way.
     const bool reads_as_bgra = IsBgraFrame(view.pix_fmt) != to_bgr;
@@ -277,15 +274,71 @@ void OnePassPlanar(const FrameView& view, TensorPtr& o_tensor, bool to_bgr, cons
     for (int p = 0; p < 3; ++p) by_byte[reads_as_bgra ? 2 - p : p] = out + plane * p;
     if ((view.ori_fmt & kOrientBits) == 0) {
         kernels::SplitPlanes(s[1], 4, plane, by_byte[0], by_byte[1], by_byte[2]);
+    } else {
+        // Split first, then turn each byte plane: the same bytes (both only
+        // move them), and a one-byte turn is far cheaper than a four-byte one.
+        uint8_t* split = s[2];
+        kernels::SplitPlanes(s[1], 4, plane, split, split + plane, split + 2 * plane);
+        for (int p = 0; p < 3; ++p) {
+            OrientInto(view.ori_fmt, split + plane * p, r_w, r_h, 1, by_byte[p], s[3]);
+        }
+    }
+    if (sink != nullptr) sink->rows(sink->ctx, 0, t_h, out, plane);
+}
+
+void GrayPicture(const FrameView& view, const CropBox& box, uint8_t pad, int w, int h,
+                 uint8_t* out) {
+    const bool yuv = pixfmt::IsFourTwoZero(view.pix_fmt);
+    Region in = PlaneRegion(view.planes[0], view.width, view.height, yuv ? 1 : 4, box, false, pad);
+    const size_t n = static_cast<size_t>(w) * h;
+    if (yuv) {
+        // Luma resized straight into the output; limited-range luma is then
+        // stretched to 0..255 in place.
+        Scratch s({SlotBytes(in)});
+        ResizeRegion(in, s[0], out, w, h);
+        if (ViewIsLimited(view)) ExpandLimitedLuma(out, n);
         return;
     }
-    // Split first, then turn each byte plane: the same bytes (both only
-    // move them), and a one-byte turn is far cheaper than a four-byte one.
-    uint8_t* split = s[2];
-    kernels::SplitPlanes(s[1], 4, plane, split, split + plane, split + 2 * plane);
-    for (int p = 0; p < 3; ++p) {
-        OrientInto(view.ori_fmt, split + plane * p, r_w, r_h, 1, by_byte[p], s[3]);
+    Scratch s({SlotBytes(in), n * 4});
+    ResizeRegion(in, s[0], s[1], w, h);
+    kernels::BgraToGray(s[1], out, n);
+}
+
+void OnePassPlanar(const FrameView& view, TensorPtr& o_tensor, bool to_bgr, const CropBox& box,
+                   uint8_t pad, const char* caller) {
+    if (!OutputFits(o_tensor, false)) {
+        utility::Assert(false, "%s: o_tensor must be a u8 CHW tensor {3, H, W} with storage",
+                        caller);
+        return;
     }
+    DeviceCPU* dev = o_tensor->device();
+    const Sizes size = OutputSizes(view.ori_fmt, o_tensor, /*gray=*/false);
+    const int r_h = size.r_h, r_w = size.r_w;
+    const int fh = view.height;
+    const int fw = view.width;
+    // The sizes the step-by-step path makes tensors of, in its order: where
+    // it throws, so does this one, before anything is written.
+    if (pixfmt::IsFourTwoZero(view.pix_fmt)) {
+        const bool three = pixfmt::LayoutOf(view.pix_fmt) == pixfmt::Layout::kThreePlane420;
+        const Creator chroma_make =
+            three ? &DeviceCPU::CreateYPlane8BitTensor : &DeviceCPU::CreateUVPlane8BitTensor;
+        const int cc = three ? 1 : 2;
+        MustBeCreatable(dev, &DeviceCPU::CreateYPlane8BitTensor, fh, fw, 1);
+        MustBeCreatable(dev, chroma_make, fh >> 1, fw >> 1, cc);
+        if (box.active) {
+            MustBeCreatable(dev, &DeviceCPU::CreateYPlane8BitTensor, box.h, box.w, 1);
+            MustBeCreatable(dev, chroma_make, box.h / 2, box.w / 2, cc);
+        }
+        MustBeCreatable(dev, &DeviceCPU::CreateYPlane8BitTensor, r_h, r_w, 1);
+        MustBeCreatable(dev, chroma_make, r_h >> 1, r_w >> 1, cc);
+    } else {
+        const Creator make = IsBgraFrame(view.pix_fmt) ? &DeviceCPU::CreateBGRA8888Tensor
+                                                       : &DeviceCPU::CreateRGBA8888Tensor;
+        MustBeCreatable(dev, make, fh, fw, 4);
+        if (box.active) MustBeCreatable(dev, make, box.h, box.w, 4);
+        MustBeCreatable(dev, make, r_h, r_w, 4);
+    }
+    PlanarPicture(view, to_bgr, box, pad, size.t_w, size.t_h, o_tensor->data(), nullptr);
 }
 
 void OnePassGray(const FrameView& view, TensorPtr& o_tensor, const CropBox& box, uint8_t pad,
@@ -297,31 +350,21 @@ void OnePassGray(const FrameView& view, TensorPtr& o_tensor, const CropBox& box,
     }
     DeviceCPU* dev = o_tensor->device();
     const Sizes size = OutputSizes(view.ori_fmt, o_tensor, /*gray=*/true);
-    const int t_h = size.t_h, t_w = size.t_w;
-    const int fh = view.height;
-    const int fw = view.width;
     const bool yuv = pixfmt::IsFourTwoZero(view.pix_fmt);
     const int c = yuv ? 1 : 4;
     const Creator make = yuv ? &DeviceCPU::CreateYPlane8BitTensor
                          : IsBgraFrame(view.pix_fmt) ? &DeviceCPU::CreateBGRA8888Tensor
                                                      : &DeviceCPU::CreateRGBA8888Tensor;
-    MustBeCreatable(dev, make, fh, fw, c);
+    MustBeCreatable(dev, make, view.height, view.width, c);
     if (box.active) MustBeCreatable(dev, make, box.h, box.w, c);
-    Region in = PlaneRegion(view.planes[0], fw, fh, c, box, false, pad);
-    const size_t n = static_cast<size_t>(t_h) * t_w;
+    // Luma goes to the output's own size. Four-byte frames are resized to
+    // the exchanged size when a quarter turn is pending and never turned:
+    // that picture fills the output row after row.
     if (yuv) {
-        // Luma resized straight into the output, at the output's own size;
-        // limited-range luma is then stretched to 0..255 in place.
-        Scratch s({SlotBytes(in)});
-        ResizeRegion(in, s[0], o_tensor->data(), t_w, t_h);
-        if (ViewIsLimited(view)) ExpandLimitedLuma(o_tensor->data(), n);
-        return;
+        GrayPicture(view, box, pad, size.t_w, size.t_h, o_tensor->data());
+    } else {
+        GrayPicture(view, box, pad, size.r_w, size.r_h, o_tensor->data());
     }
-    // Resized to the swapped size when a quarter turn is pending, never
-    // turned: that picture fills the output row after row.
-    Scratch s({SlotBytes(in), n * 4});
-    ResizeRegion(in, s[0], s[1], size.r_w, size.r_h);
-    kernels::BgraToGray(s[1], o_tensor->data(), n);
 }
 
 }  // namespace internal
