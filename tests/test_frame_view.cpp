@@ -53,32 +53,28 @@ std::vector<uint8_t> Bytes(const TensorPtr& t) {
     return std::vector<uint8_t>(t->data(), t->data() + t->byte_size());
 }
 
-// Runs one conversion (planar, then gray) through the view converters.
-std::vector<uint8_t> ViaView(DeviceCPU& dev, const FrameView& v, const Conversion& c, bool gray) {
+// Runs one conversion (planar or gray) through the view converters, or
+// through the QVN_Image ones when `img` is given.
+std::vector<uint8_t> Convert(DeviceCPU& dev, const FrameView* v, const QVN_Image* img,
+                             const Conversion& c, bool gray) {
+    namespace k = quvas::kit;
     TensorPtr out = gray ? FilledTensor(dev, {c.th, c.tw, 1}, kGray, 0xAB)
                          : FilledTensor(dev, {3, c.th, c.tw}, kPlanar, 0xAB);
-    if (gray) {
-        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_Gray8_TensorCPU(
-            v, out, c.crop[0], c.crop[1], c.crop[2], c.crop[3], 7);
+    const int x = c.crop[0], y = c.crop[1], w = c.crop[2], h = c.crop[3];
+    if (img && gray) {
+        k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(img, out, x, y, w, h, 7);
+    } else if (img) {
+        k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(img, out, c.bgr, x, y, w, h, 7);
+    } else if (gray) {
+        k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_Gray8_TensorCPU(*v, out, x, y, w, h, 7);
     } else {
-        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(
-            v, out, c.bgr, c.crop[0], c.crop[1], c.crop[2], c.crop[3], 7);
+        k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(*v, out, c.bgr, x, y, w, h, 7);
     }
     return Bytes(out);
 }
 
-std::vector<uint8_t> ViaImage(DeviceCPU& dev, const QVN_Image& img, const Conversion& c,
-                              bool gray) {
-    TensorPtr out = gray ? FilledTensor(dev, {c.th, c.tw, 1}, kGray, 0xAB)
-                         : FilledTensor(dev, {3, c.th, c.tw}, kPlanar, 0xAB);
-    if (gray) {
-        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(
-            &img, out, c.crop[0], c.crop[1], c.crop[2], c.crop[3], 7);
-    } else {
-        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(
-            &img, out, c.bgr, c.crop[0], c.crop[1], c.crop[2], c.crop[3], 7);
-    }
-    return Bytes(out);
+std::vector<uint8_t> ViaView(DeviceCPU& dev, const FrameView& v, const Conversion& c, bool gray) {
+    return Convert(dev, &v, nullptr, c, gray);
 }
 
 // Copies `rows` rows of `row` bytes from a packed plane into `dst` at `stride`
@@ -113,15 +109,9 @@ I420 RandomI420(int w, int h, uint32_t seed) {
 
 FrameView ThreePlane(const I420& f, uint32_t ori, YuvMatrix m, YuvRange r) {
     FrameView v;
-    v.pix_fmt = QVN_PIX_FMT_YUV420_A;
-    v.ori_fmt = ori;
-    v.width = f.w;
-    v.height = f.h;
-    v.planes[0] = {f.y(), f.w};
-    v.planes[1] = {f.u(), f.w / 2};
-    v.planes[2] = {f.v(), f.w / 2};
-    v.matrix = m;
-    v.range = r;
+    v.pix_fmt = QVN_PIX_FMT_YUV420_A, v.ori_fmt = ori, v.width = f.w, v.height = f.h;
+    v.planes[0] = {f.y(), f.w}, v.planes[1] = {f.u(), f.w / 2}, v.planes[2] = {f.v(), f.w / 2};
+    v.matrix = m, v.range = r;
     return v;
 }
 
@@ -146,9 +136,7 @@ TEST(FrameView, StridedPlanesGiveThePackedFramesBytes) {
         std::mt19937 rng(fmt);
         qvntest::FillRandom(buffer.data(), buffer.size(), rng);
         FrameView v;
-        v.pix_fmt = fmt;
-        v.width = w;
-        v.height = h;
+        v.pix_fmt = fmt, v.width = w, v.height = h;
         v.planes[0] = {Restride(packed.data(), row, h, buffer.data(), stride),
                        static_cast<ptrdiff_t>(stride)};
         if (yuv) {
@@ -164,7 +152,7 @@ TEST(FrameView, StridedPlanesGiveThePackedFramesBytes) {
             for (bool gray : {false, true}) {
                 SCOPED_TRACE("format " + std::to_string(fmt) + " ori " + std::to_string(c.ori) +
                              (gray ? " gray" : " planar"));
-                const std::vector<uint8_t> want = ViaImage(dev, img, c, gray);
+                const std::vector<uint8_t> want = Convert(dev, nullptr, &img, c, gray);
                 EXPECT_EQ(ViaView(dev, v, c, gray), want);
                 EXPECT_EQ(ViaView(dev, from_image, c, gray), want);
             }
@@ -253,34 +241,24 @@ TEST(FrameView, RefusesWhatItCannotRead) {
     DeviceCPU dev;
     const I420 f = RandomI420(8, 6, 1);
     const FrameView good = ThreePlane(f, 0, YuvMatrix::kDefault, YuvRange::kDefault);
-    struct Case {
-        FrameView v;
-        const char* line;
-    };
-    std::vector<Case> cases;
-    FrameView v = good;
-    v.pix_fmt = QVN_PIX_FMT_GRAY8;
-    cases.push_back({v, "Invalid FrameView: pixel format 7 is not a frame format."});
-    v = good;
-    v.width = 1;
-    cases.push_back({v, "Invalid FrameView: 1x6 is smaller than 2x2."});
-    v = good;
-    v.planes[2].data = nullptr;
-    cases.push_back({v, "Invalid FrameView: plane 2 is NULL."});
-    v = good;
-    v.planes[0].stride = 7;
-    cases.push_back({v, "Invalid FrameView: plane 0 has a stride of 7 bytes, less than its row of 8."});
-    v = good;
-    v.range = static_cast<YuvRange>(3);
-    cases.push_back({v, "Invalid FrameView: unknown colour matrix or range."});
-    for (const Case& c : cases) {
+    const auto refused = [&](void (*spoil)(FrameView&), const char* line) {
+        FrameView v = good;
+        spoil(v);
         LogCapture log;
         TensorPtr out = FilledTensor(dev, {3, 4, 4}, kPlanar, 0x5A);
         quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(
-            c.v, out, false, 0, 0, 0, 0, 0);
-        EXPECT_EQ(log.Take(), std::vector<std::string>{c.line});
+            v, out, false, 0, 0, 0, 0, 0);
+        EXPECT_EQ(log.Take(), std::vector<std::string>{line});
         EXPECT_TRUE(qvntest::AllBytes(out, 0x5A));
-    }
+    };
+    refused([](FrameView& v) { v.pix_fmt = QVN_PIX_FMT_GRAY8; },
+            "Invalid FrameView: pixel format 7 is not a frame format.");
+    refused([](FrameView& v) { v.width = 1; }, "Invalid FrameView: 1x6 is smaller than 2x2.");
+    refused([](FrameView& v) { v.planes[2].data = nullptr; }, "Invalid FrameView: plane 2 is NULL.");
+    refused([](FrameView& v) { v.planes[0].stride = 7; },
+            "Invalid FrameView: plane 0 has a stride of 7 bytes, less than its row of 8.");
+    refused([](FrameView& v) { v.range = static_cast<YuvRange>(3); },
+            "Invalid FrameView: unknown colour matrix or range.");
     EXPECT_TRUE(quvas::kit::Is_Valid_FrameView(good));
     QVN_Image three = qvntest::MakeImage(QVN_PIX_FMT_YUV420_A, 8, 6, 1, const_cast<uint8_t*>(f.y()));
     FrameView from_image;

@@ -64,10 +64,8 @@ RunResult RunTool(const qvntest::ScratchDir& dir, const std::string& args) {
     const std::string cmd = std::string("'") + QVN_KIT_TOOL + "' " + args + " >'" + dir / ".out" +
                             "' 2>'" + dir / ".err" + "'";
     const int status = std::system(cmd.c_str());
-    RunResult r;
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = Slurp(dir / ".out");
-    r.err = Slurp(dir / ".err");
+    const RunResult r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(dir / ".out"),
+                      Slurp(dir / ".err")};
     std::remove((dir / ".out").c_str());
     std::remove((dir / ".err").c_str());
     return r;
@@ -91,6 +89,17 @@ NpyU8 ReadNpy(const std::string& path) {
     n.shape = header.substr(a, b - a + 1);
     n.body = s.substr(10 + len);
     return n;
+}
+
+// A three-plane 4:2:0 view of w x h with luma rows of `ys` bytes, chroma
+// rows of `cs`.
+FrameView View420(const uint8_t* y, const uint8_t* u, const uint8_t* v, int w, int h, int ys,
+                  int cs, uint32_t ori, YuvRange range) {
+    FrameView view;
+    view.pix_fmt = QVN_PIX_FMT_YUV420_A, view.ori_fmt = ori, view.width = w, view.height = h;
+    view.planes[0] = {y, ys}, view.planes[1] = {u, cs}, view.planes[2] = {v, cs};
+    view.matrix = YuvMatrix::kBT601, view.range = range;
+    return view;
 }
 
 // The one-pass converter run here on a view: C x H x W bytes (gray: H x W).
@@ -135,17 +144,14 @@ std::vector<Planes420> DecodeVideo(const std::string& path, int count) {
         while (static_cast<int>(out.size()) < count && avcodec_receive_frame(ctx, f) == 0) {
             EXPECT_EQ(f->format, AV_PIX_FMT_YUV420P);
             Planes420 p;
-            p.w = f->width;
-            p.h = f->height;
-            for (int y = 0; y < p.h; ++y) {
-                p.y.insert(p.y.end(), f->data[0] + y * f->linesize[0],
-                           f->data[0] + y * f->linesize[0] + p.w);
-            }
-            for (int y = 0; y < p.h / 2; ++y) {
-                p.u.insert(p.u.end(), f->data[1] + y * f->linesize[1],
-                           f->data[1] + y * f->linesize[1] + p.w / 2);
-                p.v.insert(p.v.end(), f->data[2] + y * f->linesize[2],
-                           f->data[2] + y * f->linesize[2] + p.w / 2);
+            p.w = f->width, p.h = f->height;
+            std::vector<uint8_t>* dst[3] = {&p.y, &p.u, &p.v};
+            for (int i = 0; i < 3; ++i) {
+                const int rows = i ? p.h / 2 : p.h, cols = i ? p.w / 2 : p.w;
+                for (int y = 0; y < rows; ++y) {
+                    const uint8_t* row = f->data[i] + y * f->linesize[i];
+                    dst[i]->insert(dst[i]->end(), row, row + cols);
+                }
             }
             out.push_back(std::move(p));
         }
@@ -213,8 +219,7 @@ std::vector<uint8_t> LibjpegDecode(const std::vector<uint8_t>& bytes, int reduce
     d.scale_num = 1;
     d.scale_denom = static_cast<unsigned>(reduce);
     jpeg_start_decompress(&d);
-    w = static_cast<int>(d.output_width);
-    h = static_cast<int>(d.output_height);
+    w = static_cast<int>(d.output_width), h = static_cast<int>(d.output_height);
     const int c = gray ? 1 : 3;
     std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * c);
     while (d.output_scanline < d.output_height) {
@@ -271,12 +276,11 @@ TEST(JpegPlanes, FourTwoZeroPlanesAreWhatLibjpegDecodes) {
         ASSERT_TRUE(qvntool::DecodeJpegPlanes("t.jpg", jpg, c.reduce, planes));
         int w = 0, h = 0;
         const std::vector<uint8_t> luma = LibjpegDecode(jpg, c.reduce, true, w, h);
-        EXPECT_EQ(planes.decoded_width, w);
-        EXPECT_EQ(planes.decoded_height, h);
         // Scaled sides round up: ceil(side / reduce).
         EXPECT_EQ(w, (c.w + c.reduce - 1) / c.reduce);
-        EXPECT_EQ(planes.width, w - w % 2);
-        EXPECT_EQ(planes.height, h - h % 2);
+        const int sides[4] = {planes.decoded_width, planes.decoded_height, planes.width, planes.height};
+        const int want_sides[4] = {w, h, w - w % 2, h - h % 2};
+        EXPECT_TRUE(std::equal(sides, sides + 4, want_sides)) << sides[0] << "x" << sides[1];
         int luma_diff = 0;
         for (int y = 0; y < planes.height; ++y) {
             for (int x = 0; x < planes.width; ++x) {
@@ -348,16 +352,8 @@ TEST(VideoCommand, ShardRowsAreTheConverterOnTheDecodedFrames) {
     for (int i = 0; i < 5; ++i) {
         const Planes420& p = frames[static_cast<size_t>(kept[i])];
         ASSERT_EQ(p.w, 768);
-        FrameView view;
-        view.pix_fmt = QVN_PIX_FMT_YUV420_A;
-        view.ori_fmt = QVN_ORIENT_FMT_ROTATE_90R;
-        view.width = p.w;
-        view.height = p.h;
-        view.planes[0] = {p.y.data(), p.w};
-        view.planes[1] = {p.u.data(), p.w / 2};
-        view.planes[2] = {p.v.data(), p.w / 2};
-        view.matrix = YuvMatrix::kBT601;
-        view.range = YuvRange::kLimited;
+        const FrameView view = View420(p.y.data(), p.u.data(), p.v.data(), p.w, p.h, p.w, p.w / 2,
+                                       QVN_ORIENT_FMT_ROTATE_90R, YuvRange::kLimited);
         const std::string want = Converted(view, 3, 96, 128, true, {40, 30, 600, 500});
         char name[32];
         std::snprintf(name, sizeof name, "out/frames_%05d.npy", i / 2);
@@ -409,17 +405,8 @@ struct TjPlanes {
     int w = 0, h = 0;
     std::vector<uint8_t> y, u, v;
     FrameView View(uint32_t ori) const {
-        FrameView view;
-        view.pix_fmt = QVN_PIX_FMT_YUV420_A;
-        view.ori_fmt = ori;
-        view.width = w & ~1;
-        view.height = h & ~1;
-        view.planes[0] = {y.data(), (w + 1) & ~1};
-        view.planes[1] = {u.data(), (w + 1) / 2};
-        view.planes[2] = {v.data(), (w + 1) / 2};
-        view.matrix = YuvMatrix::kBT601;
-        view.range = YuvRange::kFull;
-        return view;
+        return View420(y.data(), u.data(), v.data(), w & ~1, h & ~1, (w + 1) & ~1, (w + 1) / 2, ori,
+                       YuvRange::kFull);
     }
 };
 
@@ -428,8 +415,7 @@ TjPlanes TjDecode(const std::vector<uint8_t>& jpg, int reduce) {
     int w = 0, h = 0, sub = 0, cs = 0;
     tjDecompressHeader3(tj, jpg.data(), jpg.size(), &w, &h, &sub, &cs);
     TjPlanes p;
-    p.w = (w + reduce - 1) / reduce;
-    p.h = (h + reduce - 1) / reduce;
+    p.w = (w + reduce - 1) / reduce, p.h = (h + reduce - 1) / reduce;
     // TurboJPEG writes 4:2:0 luma rounded up to even sides.
     const int cw = (p.w + 1) / 2, ch = (p.h + 1) / 2;
     p.y.resize(static_cast<size_t>(cw) * 2 * ch * 2);
@@ -470,10 +456,8 @@ TEST(JpegPlanesRoute, PreprocessConvertsTheJpegsOwnPlanes) {
         // at 1/2, with the crop 4,2,75,60.
         const std::string half =
             Converted(TjDecode(jpg, 2).View(0), 3, 40, 48, true, {4, 2, 75, 60});
-        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 2 --bgr" + crop),
-                  half);
-        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 8 --bgr" + crop),
-                  half);
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 2 --bgr" + crop), half);
+        EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 8 --bgr" + crop), half);
         // No crop: the whole picture (171 x 131 at 1/4: 43 x 33, kept 42 x 32).
         EXPECT_EQ(tensor_of(jpg, "--jpeg planes --reduce 4 --gray --tensor 1x30x40"),
                   Converted(TjDecode(jpg, 4).View(0), 1, 30, 40, false, {0, 0, 0, 0}));
@@ -532,15 +516,7 @@ TEST(VideoCommand, OtherDecoderFormatsAreResampledOnceWithANote) {
             v420[row * (w / 2) + x] = static_cast<uint8_t>((v[a] + v[b] + 1) / 2);
         }
     }
-    FrameView view;
-    view.pix_fmt = QVN_PIX_FMT_YUV420_A;
-    view.width = w;
-    view.height = h;
-    view.planes[0] = {y.data(), w};
-    view.planes[1] = {u420.data(), w / 2};
-    view.planes[2] = {v420.data(), w / 2};
-    view.matrix = YuvMatrix::kBT601;
-    view.range = YuvRange::kFull;
+    const FrameView view = View420(y.data(), u420.data(), v420.data(), w, h, w, w / 2, 0, YuvRange::kFull);
     const std::string want = Converted(view, 3, h, w, false, {0, 0, 0, 0});
     const std::string got = ReadNpy(dir / "out/frames_00000.npy").body;
     ASSERT_EQ(got.size(), 3 * want.size());

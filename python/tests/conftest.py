@@ -28,6 +28,19 @@ def run(*args):
     return done.stdout
 
 
+def dataset_env():
+    """The environment qvn-dataset runs in: this module, then the package."""
+    module_dir = os.environ.get("QVN_PYTHONPATH", str(BUILD / "python"))
+    return dict(os.environ, PYTHONPATH=os.pathsep.join([module_dir, str(ROOT / "python")]))
+
+
+def run_dataset(*args, cwd=None, umask=-1):
+    """`qvn-dataset prepare ARGS` in a child interpreter; its result."""
+    return subprocess.run([sys.executable, "-m", "qvn_dataset", "prepare", *map(str, args)],
+                          capture_output=True, text=True, env=dataset_env(), cwd=cwd,
+                          timeout=120, umask=umask)
+
+
 def write_png(path, pixels):
     """An 8-bit PNG (gray, RGB or RGBA) without any imaging library."""
     pixels = np.ascontiguousarray(pixels, dtype=np.uint8)

@@ -15,7 +15,7 @@ import time
 import numpy as np
 import pytest
 
-from conftest import BUILD, ROOT, picture, write_png
+from conftest import dataset_env as tool_env, picture, run_dataset, write_png
 
 ARGS = ["--format", "nv21", "--orient", "rotate90r|mirror", "--tensor", "3x24x20",
         "--crop", "2,1,30,26", "--bgr", "--shard", "6"]
@@ -23,17 +23,8 @@ BAD_NAME = os.fsdecode(b"bad-\xff.png")  # not UTF-8: os.listdir gives it surrog
 UMASK = 0o027
 
 
-def tool_env():
-    env = dict(os.environ)
-    module_dir = os.environ.get("QVN_PYTHONPATH", str(BUILD / "python"))
-    env["PYTHONPATH"] = os.pathsep.join([module_dir, str(ROOT / "python")])
-    return env
-
-
 def run_tool(*args, cwd=None):
-    return subprocess.run([sys.executable, "-m", "qvn_dataset", "prepare", *map(str, args)],
-                          capture_output=True, text=True, env=tool_env(), cwd=cwd,
-                          timeout=120, umask=UMASK)
+    return run_dataset(*args, cwd=cwd, umask=UMASK)
 
 
 def dataset(*args, cwd=None):
@@ -55,6 +46,14 @@ def copy_set(src, dst):
     dst.mkdir(exist_ok=True)
     for f in src.iterdir():
         (dst / f.name).write_bytes(f.read_bytes())
+
+
+def same_files(got, want):
+    """Every file of `want` but its manifest (which records times) has its
+    twin in `got`."""
+    for f in want.iterdir():
+        if f.name != "manifest.json":
+            assert (got / f.name).read_bytes() == f.read_bytes(), f.name
 
 
 @pytest.fixture(scope="module")
@@ -207,9 +206,7 @@ def test_killed_run_over_a_complete_set_leaves_no_usable_index(pictures, single,
     fresh = tmp_path / "fresh"
     dataset(pictures, fresh, *new_args)
     assert sorted(os.listdir(out)) == sorted(os.listdir(fresh))
-    for f in fresh.iterdir():
-        if f.name != "manifest.json":
-            assert (out / f.name).read_bytes() == f.read_bytes(), f.name
+    same_files(out, fresh)
     assert json.loads((out / "manifest.json").read_text())["complete"] is True
 
 
@@ -275,9 +272,7 @@ def test_external_scheduler_with_relative_paths_and_its_failures(pictures, singl
                                     "--no-dashboard", cwd=elsewhere, env=tool_env()))
         summary = dataset(src, "out", *cluster, "--wait", "30", cwd=tmp_path)
         assert "(20 rows in 4 shards, 2 errors" in summary
-        for f in single.iterdir():
-            if f.name != "manifest.json":
-                assert (tmp_path / "out" / f.name).read_bytes() == f.read_bytes(), f.name
+        same_files(tmp_path / "out", single)
         assert sorted(os.listdir(elsewhere)) == []
     finally:
         for process in workers + [scheduler]:
