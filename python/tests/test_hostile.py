@@ -94,16 +94,20 @@ def test_validate_frame_agrees_with_preprocess(qk, caplog):
              (z((6, 4, 1), np.uint8), "yuv420sp_a"), (z((4, 4, 4), np.uint8)[:, ::2], "rgba"),
              (z((6, 4), np.uint8), "nv21"), (z((6, 4), np.uint8), "yuv420sp_b"),
              (z((3, 5, 4), np.uint8), "bgra"), (z((4, 6, 4), np.uint8)[:, ::3], "rgba")]
-    for frame, fmt in cases:
+    y, u, v = (z((12, 16), np.uint8), z((6, 8), np.uint8), z((6, 8), np.uint8))
+    cases += [((y, u[:, :3], v), "i420"), ((y, u, v), "nv21"), ((y, u, v), "i420"),
+              (z((4, 4, 4), np.uint8), "bgra", dict(matrix="bt709"))]
+    for frame, fmt, *kw in cases:
+        kw = kw[0] if kw else {}
         caplog.clear()
         with caplog.at_level(logging.ERROR, logger="qvn_kit"):
-            valid = qk.validate_frame(frame, fmt)
+            valid = qk.validate_frame(frame, fmt, **kw)
         try:
-            qk.preprocess(frame, fmt, size=(4, 4))
+            qk.preprocess(frame, fmt, size=(4, 4), **kw)
             refusal = None
         except ValueError as e:
             refusal = str(e)
-        assert valid == (refusal is None), (frame.shape, fmt, refusal)
+        assert valid == (refusal is None), (fmt, refusal)
         if refusal:  # the same reason, logged instead of raised
             assert [r.getMessage() for r in caplog.records] == [refusal]
 

@@ -128,11 +128,9 @@ def test_bad_three_plane_frames_raise_value_error(qk, call, words):
         assert w in str(e.value), (w, str(e.value))
 
 
-def test_validate_frame_refuses_what_preprocess_refuses(qk):
+def test_validate_frame_raises_for_bad_arguments(qk):
+    # (Frames it refuses, with preprocess's reason: test_hostile.py.)
     y, u, v = random_planes(12, 16, seed=2)
-    assert not qk.validate_frame((y, u[:, :3], v), "i420")
-    assert not qk.validate_frame((y, u, v), "nv21")
-    assert not qk.validate_frame(np.zeros((4, 4, 4), np.uint8), "bgra", matrix="bt709")
     with pytest.raises(ValueError, match="range"):
         qk.validate_frame((y, u, v), "i420", range="studio")
     with pytest.raises(TypeError, match="plane u"):
@@ -201,12 +199,8 @@ def test_jpeg_planes_against_libjpeg_and_ffmpeg(qk, tmp_path):
     assert qk.jpeg_header(path) == (101, 75, "4:2:0", "YCbCr")
     y, u, v = qk.read_jpeg_planes(path)
     assert (y.shape, u.shape, v.shape) == ((74, 100), (37, 50), (37, 50))
-    # libjpeg's gray decode of a YCbCr JPEG is its Y component, at full and
-    # at reduced scale.
-    np.testing.assert_array_equal(y, cv2.imread(path, cv2.IMREAD_GRAYSCALE)[:74, :100])
-    y2 = qk.read_jpeg_planes(path, reduce=2)[0]
-    assert y2.shape == (38, 50)
-    np.testing.assert_array_equal(y2, cv2.imread(path, cv2.IMREAD_REDUCED_GRAYSCALE_2)[:, :50])
+    # (Y against libjpeg's own decode, at every scale: test_video.cpp.)
+    assert qk.read_jpeg_planes(path, reduce=2)[0].shape == (38, 50)
     # FFmpeg's own JPEG decoder gives the three planes (yuvj420p) within 1
     # (another IDCT).
     with av.open(path) as f:
