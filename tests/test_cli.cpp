@@ -10,6 +10,7 @@
 #include "image_io.hpp"
 #include "log_capture.hpp"
 #include "test_support.h"
+#include "tool_support.h"
 
 #include <gtest/gtest.h>
 #include <png.h>
@@ -37,23 +38,12 @@
 #include <tuple>
 #include <vector>
 
-#ifndef QVN_KIT_TOOL
-#error "QVN_KIT_TOOL must name the qvn-kit binary"
-#endif
-
 namespace {
 
-struct RunResult {
-    int code = -1;
-    std::string out, err;
-};
-
-std::string Slurp(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
+using qvntest::ReadNpy;
+using qvntest::RunResult;
+using qvntest::Slurp;
+using qvntest::WriteText;
 
 // A refused run: its exit code and the text its one line must contain.
 struct Failure {
@@ -70,18 +60,7 @@ protected:
         return sub + " " + P(in) + " " + P(out);
     }
 
-    RunResult Run(const std::string& args) {
-        std::string cmd = limit_ + "'" + QVN_KIT_TOOL + "' " + args + " >'" + P(".out") +
-                          "' 2>'" + P(".err") + "'";
-        int status = std::system(cmd.c_str());
-        RunResult r;
-        r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        r.out = Slurp(P(".out"));
-        r.err = Slurp(P(".err"));
-        std::remove(P(".out").c_str());
-        std::remove(P(".err").c_str());
-        return r;
-    }
+    RunResult Run(const std::string& args) { return qvntest::RunTool(dir_, args, limit_); }
 
     // Names in the directory, sorted.
     std::vector<std::string> Listing() const {
@@ -170,31 +149,6 @@ void WriteNpyF32(const std::string& path, const std::vector<size_t>& shape,
     f.write(len, 2);
     f << dict;
     f.write(reinterpret_cast<const char*>(v.data()), static_cast<long>(v.size() * 4));
-}
-
-// A uint8 .npy: its shape text and body.
-struct NpyU8 {
-    std::string descr, shape;
-    std::vector<uint8_t> body;
-};
-
-NpyU8 ReadNpyU8(const std::string& path) {
-    std::string s = Slurp(path);
-    NpyU8 n;
-    if (s.size() < 10 || s.compare(0, 6, "\x93NUMPY") != 0) return n;
-    size_t len = static_cast<uint8_t>(s[8]) | (static_cast<size_t>(static_cast<uint8_t>(s[9])) << 8);
-    std::string header = s.substr(10, len);
-    size_t d = header.find("'descr': '");
-    n.descr = header.substr(d + 10, header.find('\'', d + 10) - d - 10);
-    size_t a = header.find('('), b = header.find(')');
-    n.shape = header.substr(a, b - a + 1);
-    n.body.assign(s.begin() + 10 + static_cast<long>(len), s.end());
-    return n;
-}
-
-void WriteText(const std::string& path, const std::string& text) {
-    std::ofstream f(path, std::ios::binary);
-    f << text;
 }
 
 // A baseline JPEG of an R,G,B or gray picture, written with libjpeg.
@@ -498,7 +452,7 @@ TEST_F(Cli, PreprocessRawFramesMatchTheLibrary) {
     for (int i = 0; i < 3; ++i) {
         char name[32];
         std::snprintf(name, sizeof name, "t_%05d.npy", i);
-        NpyU8 got = ReadNpyU8(P(name));
+        qvntest::Npy got = ReadNpy(P(name));
         EXPECT_EQ(got.descr, "|u1");
         EXPECT_EQ(got.shape, "(3, 10, 8)");
         std::vector<uint8_t> frame(all.begin() + static_cast<long>(fb) * i,
@@ -508,7 +462,7 @@ TEST_F(Cli, PreprocessRawFramesMatchTheLibrary) {
     }
     // Names and numbers for the orientation are the same thing.
     ASSERT_TRUE(Ok(Cmd("preprocess", "f.nv21", "n.npy") + " --size 24x16 --orient 17" + opts));
-    EXPECT_EQ(ReadNpyU8(P("n_00001.npy")).body, ReadNpyU8(P("t_00001.npy")).body);
+    EXPECT_EQ(ReadNpy(P("n_00001.npy")).body, ReadNpy(P("t_00001.npy")).body);
 
     // Gray, whole frame.
     std::vector<uint8_t> frame(all.begin(), all.begin() + static_cast<long>(fb));
@@ -516,7 +470,7 @@ TEST_F(Cli, PreprocessRawFramesMatchTheLibrary) {
     ASSERT_TRUE(Ok(Cmd("preprocess", "one.nv12", "g.npy") +
                    " --size 24x16 --format nv12 --gray --tensor 1x9x13"));
     const int none[4] = {0, 0, 0, 0};
-    NpyU8 g = ReadNpyU8(P("g.npy"));
+    qvntest::Npy g = ReadNpy(P("g.npy"));
     EXPECT_EQ(g.shape, "(9, 13, 1)");
     EXPECT_EQ(g.body,
               ConvertDirect(frame, QVN_PIX_FMT_YUV420SP_C, w, h, 0, false, true, 9, 13, none, 0));
@@ -543,12 +497,12 @@ TEST_F(Cli, PreprocessPicturesMatchTheLibrary) {
     };
     for (const auto& k : runs) {
         ASSERT_TRUE(Ok("preprocess " + P("p.png") + " " + P(k.out) + " --format rgba" + k.opts));
-        EXPECT_EQ(ReadNpyU8(P(k.out)).body, ConvertDirect(pic.px, QVN_PIX_FMT_RGBA8888, 20, 14, k.ori, k.bgr,
+        EXPECT_EQ(ReadNpy(P(k.out)).body, ConvertDirect(pic.px, QVN_PIX_FMT_RGBA8888, 20, 14, k.ori, k.bgr,
                                                           k.gray, k.th, k.tw, k.crop, 0))
             << k.opts;
     }
     // The PNG of a tensor shows the same picture whatever the plane order.
-    const std::vector<uint8_t> a = ReadNpyU8(P("a.npy")).body;
+    const std::vector<uint8_t> a = ReadNpy(P("a.npy")).body;
     ASSERT_EQ(a.size(), 3u * 12 * 16);
     ASSERT_TRUE(Ok(Cmd("preprocess", "p.png", "a.png") + " --format rgba" + runs[1].opts));
     ASSERT_TRUE(Ok(Cmd("preprocess", "p.png", "b.png") + " --format rgba" + runs[2].opts));
@@ -572,7 +526,7 @@ TEST_F(Cli, PreprocessPicturesMatchTheLibrary) {
             for (double v : rgb) flat.px.push_back(static_cast<uint8_t>(v));
         WritePngFile(P("flat.png"), flat);
         ASSERT_TRUE(Ok(Cmd("preprocess", "flat.png", "flat.npy") + " --format nv21 --tensor 3x8x8"));
-        std::vector<uint8_t> f = ReadNpyU8(P("flat.npy")).body;
+        std::vector<uint8_t> f = ReadNpy(P("flat.npy")).body;
         ASSERT_EQ(f.size(), 192u);
         double y = 0.299 * rgb[0] + 0.587 * rgb[1] + 0.114 * rgb[2];
         double u = (rgb[2] - y) / 1.772, v = (rgb[0] - y) / 1.402;
@@ -847,7 +801,7 @@ TEST_F(Cli, LibraryRefusalsAreFailures) {
                       " --gray --format rgba --orient rotate90r --tensor 1x100x90");
     if (logged.empty()) {
         ASSERT_EQ(r.code, 0) << r.err;
-        EXPECT_EQ(ReadNpyU8(P("o.npy")).body, want);
+        EXPECT_EQ(ReadNpy(P("o.npy")).body, want);
     } else {
         EXPECT_EQ(r.code, 5) << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
@@ -961,7 +915,7 @@ TEST_F(Cli, OddSizedPicturesArePaddedForTwoPlaneFrames) {
         RunResult b = Run(Cmd("preprocess", "even.png", "b.npy") + opts);
         ASSERT_EQ(b.code, 0) << b.err;
         EXPECT_EQ(b.err, "");
-        EXPECT_EQ(ReadNpyU8(P("a.npy")).body, ReadNpyU8(P("b.npy")).body) << opts;
+        EXPECT_EQ(ReadNpy(P("a.npy")).body, ReadNpy(P("b.npy")).body) << opts;
     }
 }
 

@@ -5,6 +5,7 @@
 #include "common.hpp"
 #include "jpeg_planes.hpp"
 #include "test_support.h"
+#include "tool_support.h"
 
 #include <qvn_kit/frame_view.hpp>
 #include <quvas/runtime/tensor.h>
@@ -41,55 +42,15 @@ using quvas::kit::FrameView;
 using quvas::kit::YuvMatrix;
 using quvas::kit::YuvRange;
 
+using qvntest::ReadNpy;
+using qvntest::RunResult;
+using qvntest::RunTool;
+using qvntest::Slurp;
+using qvntest::WriteText;
+
 const char* const kVtest = "/usr/share/doc/opencv-doc/examples/data/vtest.avi";
 
-std::string Slurp(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
-void WriteFile(const std::string& path, const std::string& bytes) {
-    std::ofstream f(path, std::ios::binary);
-    f << bytes;
-}
-
-struct RunResult {
-    int code = -1;
-    std::string out, err;
-};
-
-RunResult RunTool(const qvntest::ScratchDir& dir, const std::string& args) {
-    const std::string cmd = std::string("'") + QVN_KIT_TOOL + "' " + args + " >'" + dir / ".out" +
-                            "' 2>'" + dir / ".err" + "'";
-    const int status = std::system(cmd.c_str());
-    const RunResult r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(dir / ".out"),
-                      Slurp(dir / ".err")};
-    std::remove((dir / ".out").c_str());
-    std::remove((dir / ".err").c_str());
-    return r;
-}
-
-// A uint8 .npy: its shape text ("(2, 3, 96, 128)") and body.
-struct NpyU8 {
-    std::string shape;
-    std::string body;
-};
-
-NpyU8 ReadNpy(const std::string& path) {
-    const std::string s = Slurp(path);
-    NpyU8 n;
-    if (s.size() < 10 || s.compare(0, 6, "\x93NUMPY") != 0) return n;
-    const size_t len =
-        static_cast<uint8_t>(s[8]) | static_cast<size_t>(static_cast<uint8_t>(s[9])) << 8;
-    const std::string header = s.substr(10, len);
-    EXPECT_NE(header.find("'descr': '|u1'"), std::string::npos) << header;
-    const size_t a = header.find('('), b = header.find(')');
-    n.shape = header.substr(a, b - a + 1);
-    n.body = s.substr(10 + len);
-    return n;
-}
+std::string ToString(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
 
 // A three-plane 4:2:0 view of w x h with luma rows of `ys` bytes, chroma
 // rows of `cs`.
@@ -357,10 +318,10 @@ TEST(VideoCommand, ShardRowsAreTheConverterOnTheDecodedFrames) {
         const std::string want = Converted(view, 3, 96, 128, true, {40, 30, 600, 500});
         char name[32];
         std::snprintf(name, sizeof name, "out/frames_%05d.npy", i / 2);
-        const NpyU8 shard = ReadNpy(dir / name);
+        const qvntest::Npy shard = ReadNpy(dir / name);
         EXPECT_EQ(shard.shape, i < 4 ? "(2, 3, 96, 128)" : "(1, 3, 96, 128)");
         const size_t bytes = 3 * 96 * 128;
-        EXPECT_TRUE(shard.body.compare((i % 2) * bytes, bytes, want) == 0) << "frame " << kept[i];
+        EXPECT_TRUE(ToString(shard.body).compare((i % 2) * bytes, bytes, want) == 0) << "frame " << kept[i];
     }
 }
 
@@ -368,8 +329,8 @@ TEST(VideoCommand, ShardRowsAreTheConverterOnTheDecodedFrames) {
 // select nothing: one line, exit 3 or 2, and no directory, shard or index.
 TEST(VideoCommand, FailuresLeaveNothing) {
     qvntest::ScratchDir dir;
-    WriteFile(dir / "cut.avi", Slurp(kVtest).substr(0, 2000000));
-    WriteFile(dir / "notes.avi", "frame,x,y\n0,1,2\n");
+    WriteText(dir / "cut.avi", Slurp(kVtest).substr(0, 2000000));
+    WriteText(dir / "notes.avi", "frame,x,y\n0,1,2\n");
     ASSERT_EQ(::mkdir((dir / "kept").c_str(), 0777), 0);
     struct Case {
         std::string args;
@@ -428,7 +389,6 @@ TjPlanes TjDecode(const std::vector<uint8_t>& jpg, int reduce) {
     return p;
 }
 
-std::string ToString(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
 
 // `qvn-kit preprocess --jpeg planes`: a 4:2:0 JPEG, baseline or progressive,
 // of odd sides, gives the one-pass converter's bytes on its own planes
@@ -439,10 +399,10 @@ TEST(JpegPlanesRoute, PreprocessConvertsTheJpegsOwnPlanes) {
     qvntest::ScratchDir dir;
     const std::string base = "preprocess '" + dir / "in.jpg" + "' '" + dir / "o.npy" + "' ";
     auto tensor_of = [&](const std::vector<uint8_t>& jpg, const std::string& args) {
-        WriteFile(dir / "in.jpg", ToString(jpg));
+        WriteText(dir / "in.jpg", ToString(jpg));
         const RunResult r = RunTool(dir, base + args);
         EXPECT_EQ(r.code, 0) << args << "\n" << r.err;
-        return ReadNpy(dir / "o.npy").body;
+        return ToString(ReadNpy(dir / "o.npy").body);
     };
     for (int flags : {0, TJFLAG_PROGRESSIVE}) {
         SCOPED_TRACE(flags != 0 ? "progressive" : "baseline");
@@ -493,7 +453,7 @@ TEST(VideoCommand, OtherDecoderFormatsAreResampledOnceWithANote) {
     const std::vector<uint8_t> jpg = CompressJpeg(smooth, w, h, TJSAMP_422);
     // Three pictures as one video (FFmpeg's numbered-picture input).
     for (int i = 0; i < 3; ++i) {
-        WriteFile(dir / ("f00" + std::to_string(i) + ".jpg"), ToString(jpg));
+        WriteText(dir / ("f00" + std::to_string(i) + ".jpg"), ToString(jpg));
     }
     const RunResult r = RunTool(dir, "video '" + dir / "f%03d.jpg" + "' '" + dir / "out" +
                                          "' --tensor 3x" + std::to_string(h) + "x" +
@@ -518,7 +478,7 @@ TEST(VideoCommand, OtherDecoderFormatsAreResampledOnceWithANote) {
     }
     const FrameView view = View420(y.data(), u420.data(), v420.data(), w, h, w, w / 2, 0, YuvRange::kFull);
     const std::string want = Converted(view, 3, h, w, false, {0, 0, 0, 0});
-    const std::string got = ReadNpy(dir / "out/frames_00000.npy").body;
+    const std::string got = ToString(ReadNpy(dir / "out/frames_00000.npy").body);
     ASSERT_EQ(got.size(), 3 * want.size());
     int worst = 0;
     long total = 0;
