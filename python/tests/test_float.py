@@ -60,8 +60,8 @@ CASES = [  # format, orient, crop, gray, size (H, W)
     ("nv12", "rotate180|mirror", None, False, (20, 20)),
     ("bgra", "rotate90l|flipv", (-6, 4, 50, 70), False, (30, 18)),
     ("rgba", "0", (3, 3, 41, 29), True, (17, 23)),
-    ("nv21", "mirror", None, True, (12, 40)),
-    ("i420", "rotate90r|mirror", (4, 2, 40, 52), False, (26, 22)),
+    ("nv21", "mirror", None, True, (12, 41)),
+    ("i420", "rotate90r|mirror", (4, 2, 40, 52), False, (26, 23)),  # odd margins
     ("i420", "0", None, True, (16, 16)),
 ]
 
