@@ -136,6 +136,10 @@ def test_transform_maps_a_marker_square_and_round_trips(qk, orient):
             box = t.boxes_to_tensor([[sx / w, sy / h, side / w, side / h]])[0]
             mapped = np.array([box[0], box[1], box[0] + box[2], box[1] + box[3]])
             assert np.abs(found - mapped).max() <= 1.0, (orient, crop, letterbox, found, mapped)
+            if orient == "0" and letterbox is None:
+                # Upright and stretched: the crop-resize inverse, in frame pixels.
+                inv = qk.crop_resize_inverse(crop or (0, 0, w, h), (40, 48))
+                assert np.allclose(t.to_frame * [[w], [h]], inv[:2], rtol=1e-6, atol=1e-5)
             # The matrices: tensor -> frame -> tensor is the identity.
             a = np.vstack([t.to_tensor, [0, 0, 1]]) @ np.vstack([t.to_frame, [0, 0, 1]])
             assert np.allclose(a, np.eye(3), atol=1e-12)
