@@ -359,7 +359,7 @@ TensorArgs ReadTensorArgs(py::handle dtype, py::handle mean, py::handle std, py:
                               std::string(py::repr(layout)));
     }
     if (!letterbox.is_none()) {
-        a.letterbox = CheckedInt(py::cast<long>(letterbox), "letterbox", 0, 255);
+        a.letterbox = static_cast<int>(ParseWord(letterbox, "letterbox", 0, 255));
     }
     text = PyUnicode_Check(align.ptr()) ? PyUnicode_AsUTF8(align.ptr()) : nullptr;
     if (text == nullptr) PyErr_Clear();
