@@ -99,6 +99,7 @@ template py::array CheckedArray<uint8_t>(py::handle, const char*);
 template py::array CheckedArray<float>(py::handle, const char*);
 template CArray<uint8_t> Contiguous<uint8_t>(const py::array&);
 template CArray<float> Contiguous<float>(const py::array&);
+template CArray<float> OutputArray<float>(py::handle, const char*, const std::vector<py::ssize_t>&);
 template CArray<uint8_t> OutputArray<uint8_t>(py::handle, const char*,
                                               const std::vector<py::ssize_t>&);
 

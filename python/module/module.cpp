@@ -35,6 +35,7 @@ PYBIND11_MODULE(qvn_kit, m) {
     m.attr("core_version") = py::make_tuple(core_major, core_minor);
 
     qvnpy::RegisterPictures(m);
+    qvnpy::RegisterTransform(m);  // before preprocess, which returns one
     qvnpy::RegisterPreprocess(m);
     qvnpy::RegisterImages(m);
     qvnpy::RegisterGeometry(m);

@@ -6,15 +6,20 @@
 
 #include "pixel_format.h"
 
+#include <qvn_kit/frame_tensor.hpp>
 #include <qvn_kit/frame_view.hpp>
 #include <qvn_kit/qvn_kit.hpp>
 #include <quvas/runtime/tensor.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <utility>
 
 namespace qvnpy {
+
+py::object WrapTransform(const quvas::kit::TensorTransform& t);  // transform.cpp
+
 namespace {
 
 namespace pixfmt = quvas::kit::pixfmt;
@@ -318,9 +323,133 @@ bool ValidateFrame(py::handle frame, py::handle format, py::handle orient, bool 
     return ok;
 }
 
-py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py::handle crop,
-                     py::handle size, bool bgr, bool gray, int pad, bool fast, py::handle out,
-                     py::handle matrix, py::handle range) {
+// The tensor converter's own arguments: float output, the layout, the
+// letterbox and the transform.
+struct TensorArgs {
+    bool as_float = false;
+    bool hwc = false;
+    int letterbox = -1;  // none
+    bool top_left = false;
+    bool transform = false;
+    std::vector<float> mean, std;
+    // Any of them takes the tensor converter; without them preprocess keeps
+    // the converters (and the bytes) it always took.
+    bool Used() const { return as_float || hwc || letterbox >= 0 || transform; }
+};
+
+TensorArgs ReadTensorArgs(py::handle dtype, py::handle mean, py::handle std, py::handle layout,
+                          py::handle letterbox, py::handle align, bool transform, bool gray) {
+    TensorArgs a;
+    a.transform = transform;
+    if (!dtype.is_none()) {
+        py::dtype d = py::dtype::from_args(py::reinterpret_borrow<py::object>(dtype));
+        if (d.is(py::dtype::of<float>()) || d.equal(py::dtype::of<float>())) {
+            a.as_float = true;
+        } else if (!d.equal(py::dtype::of<uint8_t>())) {
+            throw py::value_error("dtype must be numpy.uint8 or numpy.float32, not " +
+                                  std::string(py::str(d)));
+        }
+    }
+    const char* text = PyUnicode_Check(layout.ptr()) ? PyUnicode_AsUTF8(layout.ptr()) : nullptr;
+    if (text == nullptr) PyErr_Clear();
+    if (text != nullptr && std::strcmp(text, "hwc") == 0) {
+        a.hwc = true;
+    } else if (text == nullptr || std::strcmp(text, "chw") != 0) {
+        throw py::value_error("layout must be 'chw' or 'hwc', not " +
+                              std::string(py::repr(layout)));
+    }
+    if (!letterbox.is_none()) {
+        a.letterbox = static_cast<int>(ParseWord(letterbox, "letterbox", 0, 255));
+    }
+    text = PyUnicode_Check(align.ptr()) ? PyUnicode_AsUTF8(align.ptr()) : nullptr;
+    if (text == nullptr) PyErr_Clear();
+    a.top_left = text != nullptr && std::strcmp(text, "topleft") == 0;
+    if (!a.top_left && (text == nullptr || std::strcmp(text, "centre") != 0)) {
+        throw py::value_error("letterbox_align must be 'centre' or 'topleft', not " +
+                              std::string(py::repr(align)));
+    }
+    if ((!mean.is_none() || !std.is_none()) && !a.as_float) {
+        throw py::value_error("mean and std need dtype=numpy.float32");
+    }
+    const size_t n = gray ? 1 : 3;
+    const char* what = gray ? "mean (one value for gray)" : "mean";
+    a.mean = mean.is_none() ? std::vector<float>(n, 0.f) : Numbers<float>(mean, what, n);
+    a.std = std.is_none() ? std::vector<float>(n, 1.f)
+                          : Numbers<float>(std, gray ? "std (one value for gray)" : "std", n);
+    for (size_t c = 0; c < n; ++c) {
+        Finite(a.mean[c], "every mean");
+        if (!std::isfinite(a.std[c]) || a.std[c] == 0.f) {
+            throw py::value_error("std[" + std::to_string(c) + "] is " +
+                                  std::string(py::str(py::float_(a.std[c]))) +
+                                  "; it must be finite and non-zero");
+        }
+    }
+    return a;
+}
+
+// Through the tensor converter: float or bytes, either layout, letterbox,
+// transform. Checks the output, then converts without the GIL.
+template <typename T>
+py::object ToTensorAs(FrameArg& f, uint32_t ori, const TensorArgs& a,
+                      const quvas::kit::TensorOptions& o, bool gray, py::handle out) {
+    namespace kit = quvas::kit;
+    const py::ssize_t th = o.height, tw = o.width;
+    std::vector<py::ssize_t> shape = gray ? std::vector<py::ssize_t>{th, tw}
+                                     : a.hwc ? std::vector<py::ssize_t>{th, tw, 3}
+                                             : std::vector<py::ssize_t>{3, th, tw};
+    CArray<T> result = out.is_none() ? CArray<T>(shape) : OutputArray<T>(out, "out", shape);
+    if (!out.is_none()) {
+        for (int p = 0; p < (f.planes ? 3 : 1); ++p) {
+            CheckNoOverlap(result, f.arrays[p], "out", f.planes ? "a plane" : "frame");
+        }
+    }
+    const FrameView view = MakeView(f, ori, true);
+    kit::TensorBuffer buf;
+    buf.data = result.mutable_data();
+    buf.element = a.as_float ? kit::TensorElement::kFloat32 : kit::TensorElement::kUInt8;
+    buf.order = a.hwc ? kit::TensorOrder::kInterleaved : kit::TensorOrder::kPlanar;
+    kit::TensorTransform t;
+    bool ok;
+    {
+        py::gil_scoped_release release;
+        ok = kit::QV_OnePass_Convert_FrameView_To_Tensor(view, o, buf, &t);
+    }
+    if (!ok) {
+        throw py::value_error("the kit refused the conversion (its reason is logged to the "
+                              "'qvn_kit' logger)");
+    }
+    if (!a.transform) return std::move(result);
+    return py::make_tuple(std::move(result), WrapTransform(t));
+}
+
+py::object ToTensor(FrameArg& f, uint32_t ori, const TensorArgs& a, int cx, int cy, int cw,
+                    int ch, int th, int tw, bool bgr, bool gray, int pad, py::handle out) {
+    namespace kit = quvas::kit;
+    kit::TensorOptions o;
+    o.width = tw;
+    o.height = th;
+    o.gray = gray;
+    o.to_bgr = bgr;
+    o.crop_x = cx;
+    o.crop_y = cy;
+    o.crop_w = cw;
+    o.crop_h = ch;
+    o.pad_value = static_cast<uint8_t>(pad);
+    if (a.letterbox >= 0) {
+        o.letterbox = a.top_left ? kit::Letterbox::kTopLeft : kit::Letterbox::kCentre;
+        o.letterbox_pad = static_cast<uint8_t>(a.letterbox);
+    }
+    o.mean = a.mean;
+    o.std = a.std;
+    if (a.as_float) return ToTensorAs<float>(f, ori, a, o, gray, out);
+    return ToTensorAs<uint8_t>(f, ori, a, o, gray, out);
+}
+
+py::object Preprocess(py::handle frame, py::handle format, py::handle orient, py::handle crop,
+                      py::handle size, bool bgr, bool gray, int pad, bool fast, py::handle out,
+                      py::handle matrix, py::handle range, py::handle dtype, py::handle mean,
+                      py::handle std, py::handle layout, py::handle letterbox,
+                      py::handle letterbox_align, bool transform) {
     LogFlush flush;
     FrameArg f;
     f.fmt = ParseFrameFormat(format, f.yv12);
@@ -331,6 +460,8 @@ py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py:
         CheckedArray<uint8_t>(frame, "frame");
     }
     if (!pixfmt::IsViewFrame(f.fmt)) throw py::value_error(NotInputFrameText(f.fmt));
+    const TensorArgs targs =
+        ReadTensorArgs(dtype, mean, std, layout, letterbox, letterbox_align, transform, gray);
     std::string error = ReadFrameArg(frame, format, matrix, range, f);
     if (!error.empty()) throw py::value_error(error);
     const FrameGeometry& g = f.g;
@@ -355,8 +486,9 @@ py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py:
     } else if (!out.is_none() && py::isinstance<py::array>(out)) {
         py::array o = py::reinterpret_borrow<py::array>(out);
         if (o.ndim() == (gray ? 2 : 3)) {
-            th = static_cast<int>(std::min<py::ssize_t>(o.shape(gray ? 0 : 1), kMaxSide));
-            tw = static_cast<int>(std::min<py::ssize_t>(o.shape(gray ? 1 : 2), kMaxSide));
+            const int hd = gray || targs.hwc ? 0 : 1;
+            th = static_cast<int>(std::min<py::ssize_t>(o.shape(hd), kMaxSide));
+            tw = static_cast<int>(std::min<py::ssize_t>(o.shape(hd + 1), kMaxSide));
         }
     }
     // The 4:2:0 colour path resizes the half-size chroma plane to
@@ -368,6 +500,9 @@ py::array Preprocess(py::handle frame, py::handle format, py::handle orient, py:
                               "-plane frame needs at least (2, 2)");
     }
     CheckBytes(th, tw, gray ? 1 : 4, "size");  // four-byte frames resize in 4 channels
+    if (targs.Used()) {
+        return ToTensor(f, ori, targs, cx, cy, cw, ch, th, tw, bgr, gray, pad, out);
+    }
     std::vector<py::ssize_t> shape =
         gray ? std::vector<py::ssize_t>{th, tw} : std::vector<py::ssize_t>{3, th, tw};
     CArray<uint8_t> result = out.is_none() ? CArray<uint8_t>(shape)
@@ -436,7 +571,10 @@ void RegisterPreprocess(py::module_& m) {
           py::arg("crop") = py::none(), py::arg("size") = py::none(), py::arg("bgr") = false,
           py::arg("gray") = false, py::arg("pad") = 0, py::arg("fast") = false,
           py::arg("out") = py::none(), py::kw_only(), py::arg("matrix") = py::none(),
-          py::arg("range") = py::none(),
+          py::arg("range") = py::none(), py::arg("dtype") = py::none(),
+          py::arg("mean") = py::none(), py::arg("std") = py::none(), py::arg("layout") = "chw",
+          py::arg("letterbox") = py::none(), py::arg("letterbox_align") = "centre",
+          py::arg("transform") = false,
           "A camera frame to a network input, through the kit's crop converters.\n\n"
           "frame: uint8 (H * 3 / 2, W) for 'nv12', 'nv21', 'yuv420sp_a', 'yuv420sp_b', and for\n"
           "three-plane 'i420' (Y, U, V planes one after the other) and 'yv12' (Y, V, U);\n"
@@ -458,7 +596,16 @@ void RegisterPreprocess(py::module_& m) {
           "its luma expanded to full range. 4:2:0 frames only.\n"
           "fast=True runs the one-pass converter: the same bytes, without intermediate\n"
           "tensors. Three-plane frames and frames given a matrix or range always take the\n"
-          "one-pass converter, whatever `fast` says.");
+          "one-pass converter, whatever `fast` says.\n\n"
+          "dtype=numpy.float32: (b - mean[c]) / std[c] per channel in single precision, b\n"
+          "the byte the uint8 result holds there (mean 0 and std 1 unless given; one value\n"
+          "each for gray). layout: 'chw' (3, H, W) or 'hwc' (H, W, 3); gray is (H, W).\n"
+          "letterbox: a byte 0..255: keep the crop's aspect ratio, fit it inside the tensor\n"
+          "and pad the rest with that byte (before normalisation), centred or, with\n"
+          "letterbox_align='topleft', at the top-left. transform=True returns (tensor, t),\n"
+          "t a TensorTransform mapping points and boxes between frame and tensor. Any of\n"
+          "these takes the kit's tensor converter (one pass); `out` then has the result's\n"
+          "dtype and shape.");
 }
 
 }  // namespace qvnpy

@@ -13,5 +13,6 @@ void RegisterGeometry(pybind11::module_& m);    // geometry.cpp: matrices, boxes
 void RegisterOutputs(pybind11::module_& m);     // outputs.cpp: masks, softmax
 void RegisterDecoders(pybind11::module_& m);    // decoders.cpp: SoftArgMax
 void RegisterTrackers(pybind11::module_& m);    // trackers.cpp: Kalman, One-Euro
+void RegisterTransform(pybind11::module_& m);   // transform.cpp: TensorTransform
 
 }  // namespace qvnpy

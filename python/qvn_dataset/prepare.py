@@ -26,7 +26,7 @@ from .failures import (EXIT_CLUSTER, EXIT_CODES_HELP, EXIT_INPUT, EXIT_NOTHING, 
                        Failure, UsageError, memory_failure, output_failure, report, shown,
                        task_failure, host)
 from .route import (JPEG_ROUTES, REDUCE_FACTORS, ROUTE_BEFORE, convert_frame,
-                    convert_picture)
+                    convert_picture, float_lists)
 
 PICTURE_SUFFIXES = (".png", ".jpg", ".jpeg")
 MANIFEST = "manifest.json"
@@ -68,6 +68,16 @@ def parse_args(argv):
     p.add_argument("--reduce", type=int, default=1, choices=REDUCE_FACTORS,
                    help="with --jpeg planes, decode at 1/2, 1/4 or 1/8 scale where the crop "
                         "is at least that much larger than the tensor (1: full size)")
+    p.add_argument("--dtype", default="uint8", choices=["uint8", "float32"],
+                   help="shard values: bytes, or float32 (value - mean) / std per channel")
+    p.add_argument("--mean", default=None,
+                   help="with --dtype float32: R,G,B means (one value with --gray; 0)")
+    p.add_argument("--std", default=None,
+                   help="with --dtype float32: R,G,B standard deviations, finite and "
+                        "non-zero (1)")
+    p.add_argument("--letterbox", type=int, default=None, metavar="PAD",
+                   help="keep the crop's aspect ratio: fit it inside the tensor, centred, "
+                        "and pad the rest with this byte 0..255 (before normalisation)")
     p.add_argument("--shard", type=int, default=None,
                    help=f"pictures a shard ({DEFAULT_SHARD}, or fewer where a shard of "
                         f"{DEFAULT_SHARD} would pass --max-shard-mb)")
@@ -120,10 +130,13 @@ def conversion_options(args):
             crop = []
         if len(crop) != 4:
             raise UsageError(f"--crop {args.crop!r} is not x,y,w,h")
+    mean, std = float_lists(args, c)
     options = {"format": args.format, "orient": args.orient, "tensor": [c, h, w],
                "crop": crop, "bgr": args.bgr, "gray": args.gray, "pad": args.pad,
-               "jpeg": args.jpeg, "reduce": args.reduce,
-               "shard": shard_rows(args, c * h * w, tensor)}
+               "jpeg": args.jpeg, "reduce": args.reduce, "dtype": args.dtype,
+               "mean": mean, "std": std, "letterbox": args.letterbox,
+               "shard": shard_rows(args, c * h * w * (4 if args.dtype == "float32" else 1),
+                                   tensor)}
     if args.reduce != 1 and args.jpeg != "planes":
         raise UsageError("--reduce decodes JPEG planes: it needs --jpeg planes")
     # Let the module refuse bad values now rather than once a picture.
@@ -227,7 +240,8 @@ def convert_shard(index, paths, input_dir, out_dir, options):
 
     c, h, w = options["tensor"]
     try:
-        batch = np.empty((len(paths), c, h, w), np.uint8)
+        batch = np.empty((len(paths), c, h, w),
+                         np.float32 if options.get("dtype") == "float32" else np.uint8)
     except MemoryError:
         raise memory_failure(index) from None
     sizes, errors, rows = [], [], 0

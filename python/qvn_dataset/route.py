@@ -10,10 +10,38 @@ with before: the picture decoded to RGB, made into the `--format` frame as
 `qvn-kit preprocess` makes it, then converted.
 """
 
+import numpy as np
+
+from .failures import UsageError
+
 JPEG_ROUTES = ("planes", "rgb")
 REDUCE_FACTORS = (1, 2, 4, 8)
-# What a manifest written before the routes existed was made with.
-ROUTE_BEFORE = {"jpeg": "rgb", "reduce": 1}
+# What a manifest written before the routes (and before float shards and
+# letterboxing) existed was made with.
+ROUTE_BEFORE = {"jpeg": "rgb", "reduce": 1, "dtype": "uint8", "mean": None, "std": None,
+                "letterbox": None}
+
+
+def float_lists(args, channels):
+    """--mean and --std as lists of `channels` floats (None for bytes); the
+    module checks their values."""
+    if args.dtype != "float32":
+        if args.mean is not None or args.std is not None:
+            raise UsageError("--mean and --std need --dtype float32")
+        return None, None
+    lists = []
+    for name, text, default in (("--mean", args.mean, 0.0), ("--std", args.std, 1.0)):
+        if text is None:
+            lists.append([default] * channels)
+            continue
+        try:
+            values = [float(v) for v in text.split(",")]
+        except ValueError:
+            values = []
+        if len(values) != channels:
+            raise UsageError(f"{name} {text!r} is not {channels} comma-separated numbers")
+        lists.append(values)
+    return lists[0], lists[1]
 
 
 def convert_frame(qvn_kit, frame, options, out=None, crop=None, **colour):
@@ -23,10 +51,15 @@ def convert_frame(qvn_kit, frame, options, out=None, crop=None, **colour):
     if out is not None and options["gray"]:
         out = out[0]
     fmt = "i420" if isinstance(frame, tuple) else options["format"]
+    tensor = {}
+    if options.get("dtype", "uint8") == "float32":
+        tensor = {"dtype": np.float32, "mean": options["mean"], "std": options["std"]}
+    if options.get("letterbox") is not None:
+        tensor["letterbox"] = options["letterbox"]
     return qvn_kit.preprocess(frame, fmt, options["orient"],
                               crop=options["crop"] if crop is None else crop, size=(h, w),
                               bgr=options["bgr"], gray=options["gray"], pad=options["pad"],
-                              fast=True, out=out, **colour)
+                              fast=True, out=out, **colour, **tensor)
 
 
 def convert_picture(qvn_kit, path, options, out):

@@ -6,6 +6,12 @@
 // the kit expects (tightly packed; two-plane formats with the chroma plane
 // right after the luma plane). OUT ending in .npy receives the tensor as a
 // uint8 NumPy array; any other name a PNG with the planes put back together.
+//
+// --float, --nhwc, --letterbox and --transform take the kit's tensor
+// converter instead (QV_OnePass_Convert_FrameView_To_Tensor over a view of
+// the frame): normalised float32 or bytes, planar or interleaved, the crop's
+// aspect ratio kept when asked, and the map between frame and tensor
+// coordinates written out as JSON.
 #include "commands.hpp"
 #include "common.hpp"
 #include "console.hpp"
@@ -17,6 +23,7 @@
 #include "plane_views.hpp"
 #include "preprocess.hpp"
 
+#include <qvn_kit/frame_tensor.hpp>
 #include <qvn_kit/qvn_kit.hpp>
 #include <quvas/runtime/tensor.h>
 
@@ -24,7 +31,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <new>
 
 namespace qvntool {
@@ -208,7 +217,146 @@ struct PreprocessOptions {
     std::string in, out, format = "nv21", size, orient = "0", crop, tensor, jpeg = "rgb";
     bool bgr = false, gray = false;
     int pad = 0, reduce = 1;
+    // The tensor converter's options; `letterbox` < 0: none.
+    bool as_float = false, nhwc = false;
+    std::string mean, std_dev, align, transform;
+    int letterbox = -1;
+    bool TensorRoute() const {
+        return as_float || nhwc || letterbox >= 0 || !transform.empty();
+    }
 };
+
+// The tensor converter's options from the command line; ToolError (usage)
+// for values the kit would refuse, before any frame is read.
+quvas::kit::TensorOptions TensorOptionsOf(const PreprocessOptions& o, const TensorTarget& target,
+                                          const std::vector<int>& crop) {
+    namespace kit = quvas::kit;
+    kit::TensorOptions t;
+    t.width = target.w;
+    t.height = target.h;
+    t.gray = target.gray;
+    t.to_bgr = o.bgr;
+    const auto [cx, cy, cw, ch] = CropOf(crop);
+    t.crop_x = cx;
+    t.crop_y = cy;
+    t.crop_w = cw;
+    t.crop_h = ch;
+    t.pad_value = static_cast<uint8_t>(o.pad);
+    if ((!o.mean.empty() || !o.std_dev.empty()) && !o.as_float) {
+        throw ToolError("--mean and --std need --float", kExitUsage);
+    }
+    if (!o.align.empty() && o.letterbox < 0) {
+        throw ToolError("--letterbox-align needs --letterbox", kExitUsage);
+    }
+    if (o.letterbox > 255) {
+        throw ToolError("--letterbox " + std::to_string(o.letterbox) + " is not in 0..255",
+                        kExitUsage);
+    }
+    if (o.letterbox >= 0) {
+        if (o.align.empty() || o.align == "centre") {
+            t.letterbox = kit::Letterbox::kCentre;
+        } else if (o.align == "topleft") {
+            t.letterbox = kit::Letterbox::kTopLeft;
+        } else {
+            throw ToolError("--letterbox-align '" + o.align + "' is not centre or topleft",
+                            kExitUsage);
+        }
+        t.letterbox_pad = static_cast<uint8_t>(o.letterbox);
+    }
+    if (o.as_float) {
+        // Without --mean and --std the bytes are only converted: 0 and 1.
+        const size_t n = target.gray ? 1 : 3;
+        t.mean = o.mean.empty() ? std::vector<float>(n, 0.f) : ParseFloats(o.mean, "--mean", n);
+        t.std = o.std_dev.empty() ? std::vector<float>(n, 1.f)
+                                  : ParseFloats(o.std_dev, "--std", n);
+        for (size_t c = 0; c < n; ++c) {
+            if (!std::isfinite(t.mean[c])) {
+                throw ToolError("--mean '" + o.mean + "' has a value that is not finite",
+                                kExitUsage);
+            }
+            if (!std::isfinite(t.std[c]) || t.std[c] == 0.f) {
+                throw ToolError("--std '" + o.std_dev + "' has a value that is 0 or not finite",
+                                kExitUsage);
+            }
+        }
+    }
+    if (!o.as_float && o.nhwc && Extension(o.out) != ".npy") {
+        throw ToolError("--nhwc writes a .npy, not '" + o.out + "'", kExitUsage);
+    }
+    if (o.as_float && Extension(o.out) != ".npy") {
+        throw ToolError("--float writes a .npy, not '" + o.out + "'", kExitUsage);
+    }
+    return t;
+}
+
+// {"to_tensor": [6], "to_frame": [6], "tensor": [w, h], "picture": [x, y, w, h]}:
+// frame points normalised to 0..1 of the frame as stored, tensor points in
+// pixels with pixel (i, j) covering [i, i + 1) x [j, j + 1).
+void WriteTransform(const std::string& path, const quvas::kit::TensorTransform& t) {
+    std::string text = "{\"to_tensor\": [";
+    char num[40];
+    for (int i = 0; i < 6; ++i) {
+        std::snprintf(num, sizeof num, "%s%.17g", i ? ", " : "", t.to_tensor[i]);
+        text += num;
+    }
+    text += "], \"to_frame\": [";
+    for (int i = 0; i < 6; ++i) {
+        std::snprintf(num, sizeof num, "%s%.17g", i ? ", " : "", t.to_frame[i]);
+        text += num;
+    }
+    text += "], \"tensor\": [" + std::to_string(t.tensor_width) + ", " +
+            std::to_string(t.tensor_height) + "], \"picture\": [" +
+            std::to_string(t.picture_x) + ", " + std::to_string(t.picture_y) + ", " +
+            std::to_string(t.picture_width) + ", " + std::to_string(t.picture_height) + "]}\n";
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    f << text;
+    if (!f.flush()) throw ToolError("cannot write '" + path + "'", kExitOutput);
+}
+
+// One frame through the tensor converter into OUT (and the transform into
+// --transform when given).
+void ConvertToTensor(const quvas::kit::FrameView& view, const quvas::kit::TensorOptions& t,
+                     const PreprocessOptions& o, const std::string& out, bool write_transform) {
+    namespace kit = quvas::kit;
+    const size_t c = t.gray ? 1 : 3, h = static_cast<size_t>(t.height),
+                 w = static_cast<size_t>(t.width);
+    kit::TensorBuffer buf;
+    buf.element = o.as_float ? kit::TensorElement::kFloat32 : kit::TensorElement::kUInt8;
+    buf.order = o.nhwc ? kit::TensorOrder::kInterleaved : kit::TensorOrder::kPlanar;
+    std::vector<float> floats(o.as_float ? c * h * w : 0);
+    std::vector<uint8_t> bytes(o.as_float ? 0 : c * h * w);
+    buf.data = o.as_float ? static_cast<void*>(floats.data()) : static_cast<void*>(bytes.data());
+    kit::TensorTransform transform;
+    if (!kit::QV_OnePass_Convert_FrameView_To_Tensor(view, t, buf, &transform)) {
+        CheckLibrary("the library refused the conversion");
+        throw ToolError("the library refused the conversion", kExitLibrary);
+    }
+    const std::vector<size_t> shape =
+        o.nhwc ? std::vector<size_t>{h, w, c} : std::vector<size_t>{c, h, w};
+    if (o.as_float) {
+        WriteNpyFloat(out, shape, floats.data());
+    } else if (Extension(out) == ".npy") {
+        WriteNpyU8(out, t.gray ? std::vector<size_t>{h, w, 1} : shape, bytes.data());
+    } else {
+        // Planar bytes: the PNG the other route writes.
+        quvas::runtime::DeviceCPU device;
+        TensorTarget target{static_cast<int>(c), t.height, t.width, t.gray};
+        quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
+        std::copy(bytes.begin(), bytes.end(), static_cast<uint8_t*>(tensor->data()));
+        WriteTensor(out, *tensor, o.bgr);
+    }
+    if (write_transform && !o.transform.empty()) WriteTransform(o.transform, transform);
+}
+
+// The view of a frame the tool made, checked by the kit.
+quvas::kit::FrameView ViewOf(const QVN_Image& image) {
+    quvas::kit::FrameView view;
+    if (!quvas::kit::FrameView_From_QVN_Image(&image, &view)) {
+        CheckLibrary("the library rejected the frame");
+        throw ToolError("the library rejected the frame", kExitLibrary);
+    }
+    return view;
+}
 
 // The DCT scale to decode a JPEG at: the largest of reduce, reduce / 2, ...
 // at which the crop (the whole picture when none is given), so scaled, is
@@ -253,6 +401,12 @@ bool PreprocessJpegPlanes(const PreprocessOptions& o, const std::vector<uint8_t>
     const int reduce = ChooseReduce(o.reduce, header, ori, crop, target);
     JpegPlanes planes;
     if (!DecodeJpegPlanes(o.in, bytes, reduce, planes)) return false;
+    if (o.TensorRoute()) {
+        CheckTensorAndCrop(QVN_PIX_FMT_YUV420SP_C, target, ScaledCrop(crop, reduce));
+        ConvertToTensor(JpegFrameView(planes, ori),
+                        TensorOptionsOf(o, target, ScaledCrop(crop, reduce)), o, o.out, true);
+        return true;
+    }
     quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
     ConvertView(JpegFrameView(planes, ori), target, o.bgr, ScaledCrop(crop, reduce),
                 static_cast<unsigned char>(o.pad), tensor);
@@ -279,6 +433,8 @@ void RunPreprocess(const PreprocessOptions& o) {
         ParseTensorSpec(o.tensor.empty() ? (o.gray ? "1x256x256" : "3x256x256") : o.tensor,
                         o.gray);
     quvas::runtime::DeviceCPU device;
+    // Refuses bad --float/--letterbox values before anything is read.
+    const quvas::kit::TensorOptions tensor_options = TensorOptionsOf(o, target, crop);
 
     if (o.jpeg != "rgb" && o.jpeg != "planes") {
         throw ToolError("--jpeg '" + o.jpeg + "' is not rgb or planes", kExitUsage);
@@ -299,6 +455,11 @@ void RunPreprocess(const PreprocessOptions& o) {
         Picture pic = DecodePicture(o.in, bytes);
         Frame frame;
         PictureToFrame(pic, pix_fmt, ori, frame);
+        if (o.TensorRoute()) {
+            CheckTensorAndCrop(pix_fmt, target, crop);
+            ConvertToTensor(ViewOf(frame.image), tensor_options, o, o.out, true);
+            return;
+        }
         quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
         ConvertFrame(frame.image, target, o.bgr, crop, static_cast<unsigned char>(o.pad), tensor);
         WriteTensor(o.out, *tensor, o.bgr);
@@ -316,6 +477,13 @@ void RunPreprocess(const PreprocessOptions& o) {
                            bytes.begin() + static_cast<long>(frame_bytes) * (i + 1));
         const int channels = quvas::kit::pixfmt::IsFourByteColour(pix_fmt) ? 4 : 1;
         frame.Bind(pix_fmt, size.w, size.h, channels, ori);
+        if (o.TensorRoute()) {
+            CheckTensorAndCrop(pix_fmt, target, crop);
+            ConvertToTensor(ViewOf(frame.image), tensor_options, o, IndexedPath(o.out, i, count),
+                            i == 0);
+            progress.Step(i + 1);
+            continue;
+        }
         quvas::runtime::TensorPtr tensor = MakeOutputTensor(device, target);
         ConvertFrame(frame.image, target, o.bgr, crop, static_cast<unsigned char>(o.pad), tensor);
         WriteTensor(IndexedPath(o.out, i, count), *tensor, o.bgr);
@@ -358,6 +526,22 @@ void AddPreprocessCommand(CLI::App& app) {
                     "DCT (2, 4, 8), or the largest of those up to this one at which the crop "
                     "(or the whole picture) stays at least as large as the tensor; the crop is "
                     "divided by the scale (x, y rounded down, w, h to nearest)");
+    cmd->add_flag("--float", opts->as_float,
+                  "Write float32 (value - mean) / std per channel (.npy only), through the "
+                  "one-pass tensor converter");
+    cmd->add_option("--mean", opts->mean, "With --float: R,G,B means (one value with --gray; 0)");
+    cmd->add_option("--std", opts->std_dev,
+                    "With --float: R,G,B standard deviations, finite and non-zero (1)");
+    cmd->add_flag("--nhwc", opts->nhwc, "Interleaved H x W x C instead of C x H x W (.npy only)");
+    cmd->add_option("--letterbox", opts->letterbox,
+                    "Keep the crop's aspect ratio: fit the picture inside the tensor and pad "
+                    "the rest with this byte 0..255 (before normalisation)");
+    cmd->add_option("--letterbox-align", opts->align,
+                    "Where the letterboxed picture lies: centre (default) or topleft");
+    cmd->add_option("--transform", opts->transform,
+                    "Write the map between frame coordinates (0..1 of the frame as stored) and "
+                    "tensor pixels to this JSON file: to_tensor and to_frame (2x3, row-major), "
+                    "tensor [w, h], picture [x, y, w, h]");
     cmd->callback([opts] { RunPreprocess(*opts); });
 }
 
