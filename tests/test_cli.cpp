@@ -378,45 +378,17 @@ TEST_F(Cli, TrackKalmanMatchesTheLibraryAndFillsGaps) {
     EXPECT_NE(svg.find("</svg>"), std::string::npos);
 }
 
-TEST_F(Cli, TrackOneEuroStartsAtTheMeasurementAndStaysInsideTheInputs) {
-    // The One-Euro filter blends each input with its last output (weights in
-    // 0..1), so every smoothed corner lies within the inputs seen so far; the
-    // first output is the first measurement itself.
-    // Corners in pixels, as the tracker works on them.
-    auto corners = [](const float* b) {
-        return std::array<double, 4>{b[0] * 640.0, b[1] * 480.0, (b[0] + b[2]) * 640.0,
-                                     (b[1] + b[3]) * 480.0};
-    };
-    std::mt19937 rng(5);
-    std::uniform_real_distribution<float> u(0.f, 0.05f);
-    std::string csv = "frame,x,y,w,h\n";
-    std::vector<std::array<double, 4>> in;
-    for (int f = 0; f < 20; ++f) {
-        const float b[4] = {0.2f + u(rng), 0.3f + u(rng), 0.2f + u(rng), 0.2f + u(rng)};
-        char line[128];
-        std::snprintf(line, sizeof line, "%d,%.9g,%.9g,%.9g,%.9g\n", f, b[0], b[1], b[2], b[3]);
-        csv += line;
-        in.push_back(corners(b));
-    }
-    WriteText(P("in.csv"), csv);
+// The filter's arithmetic is held to the published algorithm in
+// test_trackers.cpp; here the tool's route to it: a row a frame, the first
+// output the first measurement itself.
+TEST_F(Cli, TrackOneEuroStartsAtTheMeasurement) {
+    WriteText(P("in.csv"), "frame,x,y,w,h\n0,0.21,0.32,0.23,0.24\n1,0.22,0.31,0.24,0.21\n");
     ASSERT_TRUE(Ok(Cmd("track", "in.csv", "out.csv") +
                    " --one-euro --min-cutoff 1 --beta 0.5 --frame 640x480"));
     const auto rows = CsvCells(Slurp(P("out.csv")));
-    ASSERT_EQ(rows.size(), 21u);
-    std::array<double, 4> lo = in[0], hi = lo;
-    for (size_t f = 0; f < in.size(); ++f) {
-        float out[4];
-        for (int k = 0; k < 4; ++k) out[k] = std::strtof(rows[f + 1][k + 1].c_str(), nullptr);
-        const auto oc = corners(out);
-        for (int k = 0; k < 4; ++k) {
-            lo[k] = std::min(lo[k], in[f][k]), hi[k] = std::max(hi[k], in[f][k]);
-            if (f == 0) {
-                EXPECT_NEAR(oc[k], in[0][k], 1e-3) << k;
-            }
-            EXPECT_GE(oc[k], lo[k] - 1e-3) << f << "," << k;
-            EXPECT_LE(oc[k], hi[k] + 1e-3) << f << "," << k;
-        }
-    }
+    ASSERT_EQ(rows.size(), 3u);
+    const float first[4] = {0.21f, 0.32f, 0.23f, 0.24f};
+    for (int k = 0; k < 4; ++k) EXPECT_NEAR(std::strtof(rows[1][k + 1].c_str(), nullptr), first[k], 1e-6) << k;
 }
 
 // --- preprocess -------------------------------------------------------------
@@ -426,8 +398,8 @@ std::vector<uint8_t> ConvertDirect(std::vector<uint8_t>& frame, uint32_t pix_fmt
                         const int crop[4], uint8_t pad) {
     using namespace quvas::runtime;
     DeviceCPU dev;
-    TensorPtr t = gray ? dev.CreateTensor(TensorShape({th, tw, 1}, data_type::kUInt8, layout::kHWC), nullptr)
-                       : dev.CreateTensor(TensorShape({3, th, tw}, data_type::kUInt8, layout::kCHW), nullptr);
+    TensorPtr t = gray ? qvntest::FilledTensor(dev, {th, tw, 1}, layout::kHWC, 0)
+                       : qvntest::FilledTensor(dev, {3, th, tw}, layout::kCHW, 0);
     const bool four = pix_fmt == QVN_PIX_FMT_BGRA8888 || pix_fmt == QVN_PIX_FMT_RGBA8888;
     const QVN_Image img = qvntest::MakeImage(pix_fmt, w, h, four ? 4 : 1, frame.data(), ori);
     if (gray) {

@@ -49,28 +49,21 @@ const Conversion kConversions[] = {
     {QVN_ORIENT_FMT_ROTATE_180, {20, 10, 30, 30}, 50, 46, true},
 };
 
-std::vector<uint8_t> Bytes(const TensorPtr& t) {
-    return std::vector<uint8_t>(t->data(), t->data() + t->byte_size());
-}
-
 // Runs one conversion (planar or gray) through the view converters, or
 // through the QVN_Image ones when `img` is given.
 std::vector<uint8_t> Convert(DeviceCPU& dev, const FrameView* v, const QVN_Image* img,
                              const Conversion& c, bool gray) {
     namespace k = quvas::kit;
+    if (!img) return qvntest::OnePassViewBytes(dev, *v, gray ? 1 : 3, c.th, c.tw, c.bgr, c.crop, 7, 0xAB);
     TensorPtr out = gray ? FilledTensor(dev, {c.th, c.tw, 1}, kGray, 0xAB)
                          : FilledTensor(dev, {3, c.th, c.tw}, kPlanar, 0xAB);
     const int x = c.crop[0], y = c.crop[1], w = c.crop[2], h = c.crop[3];
-    if (img && gray) {
+    if (gray) {
         k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_Gray8_TensorCPU(img, out, x, y, w, h, 7);
-    } else if (img) {
-        k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(img, out, c.bgr, x, y, w, h, 7);
-    } else if (gray) {
-        k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_Gray8_TensorCPU(*v, out, x, y, w, h, 7);
     } else {
-        k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(*v, out, c.bgr, x, y, w, h, 7);
+        k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_VideoFrameData_To_U8_CHW_TensorCPU(img, out, c.bgr, x, y, w, h, 7);
     }
-    return Bytes(out);
+    return std::vector<uint8_t>(out->data(), out->data() + out->byte_size());
 }
 
 std::vector<uint8_t> ViaView(DeviceCPU& dev, const FrameView& v, const Conversion& c, bool gray) {

@@ -4,6 +4,7 @@
 #ifndef QVN_TESTS_TEST_SUPPORT_H
 #define QVN_TESTS_TEST_SUPPORT_H
 
+#include <qvn_kit/frame_view.hpp>
 #include <qvn_kit/qvn_kit.h>
 #include <quvas/runtime/tensor.h>
 
@@ -66,6 +67,26 @@ inline quvas::runtime::TensorPtr FilledTensor(quvas::runtime::DeviceCPU& device,
         quvas::runtime::TensorShape(std::move(dims), type, layout, location), nullptr);
     std::memset(t->data(), fill, t->byte_size());
     return t;
+}
+
+// The one-pass view converter's bytes, into a tensor first filled with
+// `fill`: C x H x W planes (c = 3) or H x W gray (c = 1).
+inline std::vector<uint8_t> OnePassViewBytes(quvas::runtime::DeviceCPU& device,
+                                             const quvas::kit::FrameView& v, int c, int h, int w,
+                                             bool bgr, const int crop[4], uint8_t pad,
+                                             uint8_t fill = 0x5A) {
+    namespace k = quvas::kit;
+    quvas::runtime::TensorPtr out =
+        c == 1 ? FilledTensor(device, {h, w, 1}, quvas::runtime::layout::kHWC, fill)
+               : FilledTensor(device, {c, h, w}, quvas::runtime::layout::kCHW, fill);
+    if (c == 1) {
+        k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_Gray8_TensorCPU(
+            v, out, crop[0], crop[1], crop[2], crop[3], pad);
+    } else {
+        k::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(
+            v, out, bgr, crop[0], crop[1], crop[2], crop[3], pad);
+    }
+    return std::vector<uint8_t>(out->data(), out->data() + out->byte_size());
 }
 
 inline bool AllBytes(const quvas::runtime::TensorPtr& t, uint8_t value) {

@@ -29,8 +29,6 @@ using quvas::runtime::DeviceCPU;
 
 namespace {
 
-constexpr int kPlanarLayout = quvas::runtime::layout::kCHW;
-constexpr int kGrayLayout = quvas::runtime::layout::kHWC;
 
 // The eight orientations (four turns, with and without the mirror), and the
 // two with a vertical flip.
@@ -95,16 +93,8 @@ TensorOptions Options(int tw, int th, const int crop[4], bool gray, Letterbox lb
 // letterbox must hold.
 std::vector<uint8_t> ViewConverter(DeviceCPU& dev, const FrameView& v, const TensorOptions& o,
                                    int w, int h) {
-    TensorPtr out = o.gray ? qvntest::FilledTensor(dev, {h, w, 1}, kGrayLayout, 0x5A)
-                           : qvntest::FilledTensor(dev, {3, h, w}, kPlanarLayout, 0x5A);
-    if (o.gray) {
-        QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_Gray8_TensorCPU(
-            v, out, o.crop_x, o.crop_y, o.crop_w, o.crop_h, o.pad_value);
-    } else {
-        QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(
-            v, out, o.to_bgr, o.crop_x, o.crop_y, o.crop_w, o.crop_h, o.pad_value);
-    }
-    return std::vector<uint8_t>(out->data(), out->data() + out->byte_size());
+    const int crop[4] = {o.crop_x, o.crop_y, o.crop_w, o.crop_h};
+    return qvntest::OnePassViewBytes(dev, v, o.gray ? 1 : 3, h, w, o.to_bgr, crop, o.pad_value);
 }
 
 // The normalisation as the issue states it: a single-precision subtraction,

@@ -66,20 +66,8 @@ FrameView View420(const uint8_t* y, const uint8_t* u, const uint8_t* v, int w, i
 // The one-pass converter run here on a view: C x H x W bytes (gray: H x W).
 std::string Converted(const FrameView& view, int c, int h, int w, bool bgr,
                       const std::array<int, 4>& crop) {
-    using namespace quvas::runtime;
-    DeviceCPU device;
-    TensorPtr t = c == 1 ? device.CreateTensor(
-                               TensorShape({h, w, 1}, data_type::kUInt8, layout::kHWC), nullptr)
-                         : device.CreateTensor(
-                               TensorShape({c, h, w}, data_type::kUInt8, layout::kCHW), nullptr);
-    if (c == 1) {
-        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_Gray8_TensorCPU(
-            view, t, crop[0], crop[1], crop[2], crop[3], 0);
-    } else {
-        quvas::kit::QV_OnePass_Crop_BilinearResize_Rotate_Flip_Convert_FrameView_To_U8_CHW_TensorCPU(
-            view, t, bgr, crop[0], crop[1], crop[2], crop[3], 0);
-    }
-    return std::string(reinterpret_cast<const char*>(t->data()), static_cast<size_t>(c) * h * w);
+    quvas::runtime::DeviceCPU device;
+    return ToString(qvntest::OnePassViewBytes(device, view, c, h, w, bgr, crop.data(), 0));
 }
 
 // The first `count` frames of a video, each plane copied out row by row

@@ -63,10 +63,8 @@ def test_frame_maker_is_the_tools(qk, tool, tmp_path):
 CASES = [
     # format, orient, crop, tensor, bgr, gray, pad
     ("nv21", "rotate90r|mirror", (10, 6, 40, 30), "3x24x20", True, False, 0),
-    ("nv12", "rotate180|flipv", None, "3x17x13", False, False, 0),
     ("nv21", "rotate90l", (-8, -4, 30, 20), "1x11x15", False, True, 99),
     ("rgba", "rotate90l|flipv", (30, 20, 40, 40), "3x15x31", False, False, 77),
-    ("bgra", "0", None, "3x32x32", True, False, 0),
 ]
 
 
@@ -88,7 +86,7 @@ def test_preprocess_is_the_tools(qk, tool, tmp_path, fmt, orient, crop, tensor, 
         np.testing.assert_array_equal(got, expected.reshape(got.shape))
 
 
-def test_raw_frames_and_exact_values(qk, tool, tmp_path):
+def test_raw_frames_are_the_tools(qk, tool, tmp_path):
     # Formats the tool takes only as raw frames, from random bytes.
     rng = np.random.default_rng(3)
     frame = rng.integers(0, 256, size=(30, 16), dtype=np.uint8)  # 16 x 20 two-plane
@@ -97,14 +95,6 @@ def test_raw_frames_and_exact_values(qk, tool, tmp_path):
         expected = tool_tensor(tool, tmp_path, tmp_path / "f.raw", fmt, "rotate90r", "3x9x14",
                                size="16x20")
         np.testing.assert_array_equal(qk.preprocess(frame, fmt, 1, size=(9, 14)), expected)
-    # The gray converter reads luma only: a flat luma plane stays flat
-    # whatever the chroma bytes say.
-    flat = np.concatenate([np.full((8, 6), 90, np.uint8), rng.integers(0, 256, (4, 6), np.uint8)])
-    for fmt in ("nv12", "nv21", "yuv420sp_a", "yuv420sp_b"):
-        assert (qk.preprocess(flat, fmt, "rotate90r", size=(5, 7), gray=True) == 90).all()
-    # A crop wholly outside a four-byte frame is all padding.
-    rgba = np.zeros((6, 8, 4), np.uint8)
-    assert (qk.preprocess(rgba, "rgba", crop=(100, 100, 4, 4), size=(3, 3), pad=201) == 201).all()
 
 
 def test_threads_give_the_same_bytes(qk):
