@@ -178,7 +178,9 @@ TEST(Resize, WithinTwoOfOpenCVAndOneOfExactBilinear) {
                                      std::to_string(k.dh);
             EXPECT_LE(MaxDiff(AsMat(d), ref), 2) << what;
             EXPECT_LE(MaxDiff(AsMat(d), BilinearReference(src, k.dw, k.dh)), 1) << what;
-            if (k.sw == k.dw && k.sh == k.dh) EXPECT_EQ(MaxDiff(AsMat(d), src), 0) << what;
+            if (k.sw == k.dw && k.sh == k.dh) {
+                EXPECT_EQ(MaxDiff(AsMat(d), src), 0) << what;
+            }
         }
     }
 }
