@@ -67,6 +67,21 @@ quvas::runtime::TensorPtr MakeOutputTensor(quvas::runtime::DeviceCPU& device,
         TensorShape({target.c, target.h, target.w}, data_type::kUInt8, layout::kCHW), nullptr);
 }
 
+std::vector<int> CheckCropPadChannels(const std::string& text, int pad, bool gray, bool bgr) {
+    std::vector<int> crop;
+    if (!text.empty()) {
+        crop = ParseInts(text, "crop", 4);
+        if (crop[2] <= 0 || crop[3] <= 0) {
+            throw ToolError("crop '" + text + "' needs a positive width and height", kExitUsage);
+        }
+    }
+    if (pad < 0 || pad > 255) {
+        throw ToolError("--pad " + std::to_string(pad) + " is not in 0..255", kExitUsage);
+    }
+    if (gray && bgr) throw ToolError("--bgr and --gray exclude each other", kExitUsage);
+    return crop;
+}
+
 namespace {
 
 // The tool's checks on the tensor and the crop before a converter runs:
@@ -417,18 +432,7 @@ bool PreprocessJpegPlanes(const PreprocessOptions& o, const std::vector<uint8_t>
 void RunPreprocess(const PreprocessOptions& o) {
     uint32_t pix_fmt = ParseFrameFormat(o.format);
     uint32_t ori = ParseOrientation(o.orient);
-    std::vector<int> crop;
-    if (!o.crop.empty()) {
-        crop = ParseInts(o.crop, "crop", 4);
-        if (crop[2] <= 0 || crop[3] <= 0) {
-            throw ToolError("crop '" + o.crop + "' needs a positive width and height",
-                            kExitUsage);
-        }
-    }
-    if (o.pad < 0 || o.pad > 255) {
-        throw ToolError("--pad " + std::to_string(o.pad) + " is not in 0..255", kExitUsage);
-    }
-    if (o.gray && o.bgr) throw ToolError("--bgr and --gray exclude each other", kExitUsage);
+    const std::vector<int> crop = CheckCropPadChannels(o.crop, o.pad, o.gray, o.bgr);
     TensorTarget target =
         ParseTensorSpec(o.tensor.empty() ? (o.gray ? "1x256x256" : "3x256x256") : o.tensor,
                         o.gray);

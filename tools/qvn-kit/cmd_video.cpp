@@ -167,18 +167,7 @@ void ConvertVideo(const VideoOptions& o, const VideoPlan& plan, VideoReader& rea
 void RunVideo(const VideoOptions& o) {
     VideoPlan plan;
     plan.ori = ParseOrientation(o.orient);
-    std::vector<int>& crop = plan.crop;
-    if (!o.crop.empty()) {
-        crop = ParseInts(o.crop, "crop", 4);
-        if (crop[2] <= 0 || crop[3] <= 0) {
-            throw ToolError("crop '" + o.crop + "' needs a positive width and height",
-                            kExitUsage);
-        }
-    }
-    if (o.pad < 0 || o.pad > 255) {
-        throw ToolError("--pad " + std::to_string(o.pad) + " is not in 0..255", kExitUsage);
-    }
-    if (o.gray && o.bgr) throw ToolError("--bgr and --gray exclude each other", kExitUsage);
+    plan.crop = CheckCropPadChannels(o.crop, o.pad, o.gray, o.bgr);
     if (o.every < 1) {
         throw ToolError("--every " + std::to_string(o.every) + " is not 1 or more", kExitUsage);
     }

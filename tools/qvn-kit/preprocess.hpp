@@ -19,6 +19,11 @@ struct TensorTarget {
     bool gray = false;
 };
 
+// The options both converting commands share, checked the same way: --crop
+// "x,y,w,h" (empty: none; else a positive width and height), --pad 0..255,
+// and --gray and --bgr not together. Returns the crop, empty or x, y, w, h.
+std::vector<int> CheckCropPadChannels(const std::string& crop, int pad, bool gray, bool bgr);
+
 // "CxHxW", checked against what the chosen converter writes.
 TensorTarget ParseTensorSpec(const std::string& text, bool gray);
 // Planar {C, H, W} (layout CHW), or {H, W, 1} (layout HWC) for gray; u8.
