@@ -44,9 +44,11 @@ def float_lists(args, channels):
     return lists[0], lists[1]
 
 
-def convert_frame(qvn_kit, frame, options, out=None, crop=None, **colour):
+def convert_frame(qvn_kit, frame, options, out=None, crop=None, transform=False, **colour):
     """preprocess with the options; a tuple of planes is a three-plane
-    frame, anything else a --format frame. `crop` replaces --crop."""
+    frame, anything else a --format frame. `crop` replaces --crop. With
+    `transform` it returns (tensor, TensorTransform): the map of the very
+    conversion that wrote the tensor."""
     c, h, w = options["tensor"]
     if out is not None and options["gray"]:
         out = out[0]
@@ -56,46 +58,70 @@ def convert_frame(qvn_kit, frame, options, out=None, crop=None, **colour):
         tensor = {"dtype": np.float32, "mean": options["mean"], "std": options["std"]}
     if options.get("letterbox") is not None:
         tensor["letterbox"] = options["letterbox"]
+    if transform:
+        tensor["transform"] = True
     return qvn_kit.preprocess(frame, fmt, options["orient"],
                               crop=options["crop"] if crop is None else crop, size=(h, w),
                               bgr=options["bgr"], gray=options["gray"], pad=options["pad"],
                               fast=True, out=out, **colour, **tensor)
 
 
-def convert_picture(qvn_kit, path, options, out):
-    """Converts the picture at `path` into `out` (one row of a shard);
-    returns its (width, height). ValueError for a picture that cannot be
-    read."""
+class Picture:
+    """A picture read and made into the frame a conversion takes: `frame`
+    (an array, or a tuple of JPEG planes decoded at 1/`factor`), its colour
+    description, the picture's (width, height) and `extent`, the frame's
+    (width, height) in picture pixels (a 4:2:0 frame of an odd picture
+    repeats its last column or row, a reduced decode covers whole blocks)."""
+
+    def __init__(self, frame, colour, size, factor):
+        self.frame, self.colour, self.size, self.factor = frame, colour, size, factor
+        if isinstance(frame, tuple):
+            fw, fh = frame[0].shape[1], frame[0].shape[0]
+        else:
+            fw, fh = frame.shape[1], frame.shape[0] if frame.ndim == 3 else frame.shape[0] * 2 // 3
+        self.extent = (fw * factor, fh * factor)
+
+    def convert(self, qvn_kit, options, out, crop=None, transform=False):
+        """Converts into `out` through `crop` (picture pixels of the upright
+        view; None: --crop)."""
+        crop = options["crop"] if crop is None else crop
+        if crop is not None and self.factor > 1:
+            crop = scaled_crop(crop, self.factor)
+        return convert_frame(qvn_kit, self.frame, options, out, crop=crop, transform=transform,
+                             **self.colour)
+
+
+def read_picture(qvn_kit, path, options, crop=None):
+    """The Picture at `path` for a conversion through `crop` (None: --crop),
+    which decides how far a JPEG may be reduced. ValueError for a picture
+    that cannot be read."""
     if options.get("jpeg") == "planes":
-        size = convert_jpeg_planes(qvn_kit, path, options, out)
-        if size is not None:
-            return size
+        header = qvn_kit.jpeg_header(path)
+        if header is not None and header[2] == "4:2:0" and header[3] == "YCbCr":
+            width, height = header[0], header[1]
+            factor = reduce_factor(options, width, height,
+                                   options["crop"] if crop is None else crop)
+            planes = qvn_kit.read_jpeg_planes(path, factor)
+            if planes is not None:  # else smaller than 2x2 at that scale
+                return Picture(planes, {"matrix": "bt601", "range": "full"}, (width, height),
+                               factor)
     pic = qvn_kit.read_picture(path)
     # make_frame repeats the last column or row of an odd picture, as the
     # tool does: 4:2:0 frames need even sides.
     frame = qvn_kit.make_frame(pic, options["format"])
-    convert_frame(qvn_kit, frame, options, out)
-    return int(pic.shape[1]), int(pic.shape[0])
+    return Picture(frame, {}, (int(pic.shape[1]), int(pic.shape[0])), 1)
 
 
-def convert_jpeg_planes(qvn_kit, path, options, out):
-    """The planes route; None for a picture that is not a 4:2:0 YCbCr JPEG."""
-    header = qvn_kit.jpeg_header(path)
-    if header is None or header[2] != "4:2:0" or header[3] != "YCbCr":
-        return None
-    width, height = header[0], header[1]
-    factor = reduce_factor(options, width, height)
-    planes = qvn_kit.read_jpeg_planes(path, factor)
-    if planes is None:  # smaller than 2x2 at that scale
-        return None
-    crop = options["crop"]
-    if crop is not None and factor > 1:
-        crop = scaled_crop(crop, factor)
-    convert_frame(qvn_kit, planes, options, out, crop=crop, matrix="bt601", range="full")
-    return width, height
+def convert_picture(qvn_kit, path, options, out):
+    """Converts the picture at `path` into `out` (one row of a shard);
+    returns its (width, height). ValueError for a picture that cannot be
+    read."""
+    pic = read_picture(qvn_kit, path, options)
+    pic.convert(qvn_kit, options, out)
+    return pic.size
 
 
-def reduce_factor(options, width, height):
+def reduce_factor(options, width, height, crop):
     """The DCT scale 1/f to decode at: the largest f up to --reduce for which
     the crop (the whole picture without --crop) is at least f times the
     tensor on both sides. Without --crop the turn of --orient is not looked
@@ -104,8 +130,8 @@ def reduce_factor(options, width, height):
     if f == 1:
         return 1
     _, th, tw = options["tensor"]
-    if options["crop"] is not None:
-        sides = ((options["crop"][2], tw), (options["crop"][3], th))
+    if crop is not None:
+        sides = ((crop[2], tw), (crop[3], th))
     else:
         sides = ((min(width, height), max(th, tw)),)
     while f > 1 and any(side < f * t for side, t in sides):
