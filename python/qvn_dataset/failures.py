@@ -8,7 +8,8 @@ import sys
 import traceback
 
 EXIT_USAGE = 2    # bad option value, an option over a limit, --resume with other options
-EXIT_INPUT = 3    # INPUT_DIR missing, unreadable or unseen by a worker; a damaged manifest
+EXIT_INPUT = 3    # INPUT_DIR missing, unreadable or unseen by a worker; a damaged manifest;
+                  # an unusable annotations file
 EXIT_OUTPUT = 4   # OUT_DIR cannot be made or written, or a worker's shard is not in it
 EXIT_NOTHING = 5  # the run finished but not one picture converted (see errors.csv)
 EXIT_CLUSTER = 6  # Dask: no scheduler, no worker, a worker without the package or dead
@@ -20,7 +21,8 @@ exit codes:
   1    an unexpected error (a bug; QVN_DATASET_DEBUG=1 shows its traceback)
   2    bad option value, an option over a limit, --resume with other options
   3    INPUT_DIR missing or unreadable, not seen by a worker at the same
-       path, or a manifest.json that --resume cannot use
+       path, or a manifest.json that --resume cannot use; an --annotations
+       file that cannot be read or is not valid at all (nothing is written)
   4    OUT_DIR cannot be made or written, or a shard a worker wrote is not in
        it (the folder must be shared by every worker and this machine)
   5    not one picture converted: errors.csv says why for each

@@ -55,6 +55,16 @@ def parse_args(argv):
                         f"{DEFAULT_SHARD} would pass --max-shard-mb)")
     p.add_argument("--max-shard-mb", type=int, default=2048,
                    help="largest shard in MiB, which a worker holds in memory (2048)")
+    p.add_argument("--annotations", default=None, metavar="FILE",
+                   help="boxes and keypoints of the pictures, in pixels: COCO-style JSON, or "
+                        "CSV lines path,x,y,w,h[,label] (.json is JSON, .csv is CSV, any other "
+                        "name is JSON when it starts with '{'); their labels go to "
+                        "labels.jsonl in tensor pixels")
+    p.add_argument("--per-object", type=float, default=None, metavar="SCALE",
+                   help="with --annotations: one sample per object, its box extended by SCALE "
+                        "about its centre and cut as the device cuts a detected box")
+    p.add_argument("--square", action="store_true",
+                   help="with --per-object: the crop is the square of side max(w, h) * SCALE")
     where = p.add_mutually_exclusive_group()
     where.add_argument("--workers", type=int, default=None,
                        help="processes of a local Dask cluster (default: the machine's "
@@ -109,6 +119,10 @@ def conversion_options(args):
                "mean": mean, "std": std, "letterbox": args.letterbox,
                "shard": shard_rows(args, c * h * w * (4 if args.dtype == "float32" else 1),
                                    tensor)}
+    if args.annotations is not None:
+        options["labels"] = label_options(args)
+    elif args.per_object is not None or args.square:
+        raise UsageError("--per-object and --square need --annotations")
     if args.reduce != 1 and args.jpeg != "planes":
         raise UsageError("--reduce decodes JPEG planes: it needs --jpeg planes")
     # Let the module refuse bad values now rather than once a picture.
@@ -118,6 +132,20 @@ def conversion_options(args):
     except (TypeError, ValueError, OverflowError) as e:
         raise UsageError(str(e)) from None
     return options
+
+
+def label_options(args):
+    """What decides the labels; the annotations' digest is added once the
+    file is read."""
+    if args.per_object is None:
+        if args.square:
+            raise UsageError("--square needs --per-object")
+    elif not (math.isfinite(args.per_object) and args.per_object > 0):
+        raise UsageError(f"--per-object {args.per_object:g}: the scale must be a positive "
+                         "number")
+    elif args.crop:
+        raise UsageError("--per-object cuts a crop per object: it excludes --crop")
+    return {"annotations": None, "per_object": args.per_object, "square": args.square}
 
 
 def shard_rows(args, row_bytes, tensor):

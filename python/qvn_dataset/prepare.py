@@ -21,12 +21,14 @@ from .failures import (EXIT_CLUSTER, EXIT_INPUT, EXIT_NOTHING, EXIT_OUTPUT, Fail
                        UsageError, output_failure, report, shown, task_failure)
 from .options import check_where, conversion_options, parse_args
 from .route import ROUTE_BEFORE
-from .shards import (NOT_UTF8, convert_shard, file_sha256, shard_name,  # noqa: F401
-                     write_atomically)
+from .shards import (NOT_UTF8, convert_shard, file_sha256, labels_name,  # noqa: F401
+                     shard_name, write_atomically)
+from .annotations import samples
 
 PICTURE_SUFFIXES = (".png", ".jpg", ".jpeg")
 MANIFEST = "manifest.json"
 FORMAT_VERSION = 1
+LABELS = "labels.jsonl"
 
 
 def find_pictures(input_dir, given=None):
@@ -137,22 +139,29 @@ def load_resumable(path, manifest, slices, stamps):
                          "run recorded in " + str(path))
     done = {}
     for rec in old["shards"]:
-        if not well_formed(rec, slices):
+        if not well_formed(rec, slices, "labels" in manifest["options"]):
             raise damaged("a shard record does not fit the pictures")
         i, n = rec["index"], manifest["options"]["shard"]
         f = path.parent / rec["file"]
+        labels = path.parent / labels_name(i)
         if (rec.get("stamps") == stamps[i * n:i * n + len(slices[i])]
-                and f.is_file() and file_sha256(f) == rec["sha256"]):
+                and f.is_file() and file_sha256(f) == rec["sha256"]
+                and ("labels_sha256" not in rec
+                     or (labels.is_file() and file_sha256(labels) == rec["labels_sha256"]))):
             done[i] = rec
     return done
 
 
-def well_formed(rec, slices):
+def well_formed(rec, slices, labelled):
     def is_int(v):
         return isinstance(v, int) and not isinstance(v, bool)
 
     try:
         i, rows = rec["index"], rec["rows"]
+        if labelled and not (isinstance(rec["labels_sha256"], str) and len(rec["kept"]) == rows
+                             and all(is_int(k) and 0 <= k < len(slices[i])
+                                     for k in rec["kept"])):
+            return False
         return (is_int(i) and 0 <= i < len(slices) and rec["file"] == shard_name(i)
                 and is_int(rows) and isinstance(rec["sha256"], str)
                 and len(rec["sizes"]) == rows and rows + len(rec["errors"]) == len(slices[i])
@@ -182,6 +191,10 @@ def run_prepare(args):
     except UnicodeEncodeError:
         raise UsageError(f"input folder '{shown(input_dir)}': {NOT_UTF8}") from None
     paths, stamps = find_pictures(input_dir, args.input_dir)
+    pictures, digest, objects, notes = len(paths), inputs_digest(paths), None, None
+    if "labels" in options:
+        paths, stamps, objects, errors, bare = samples(args, options, input_dir, paths, stamps)
+        notes = {"annotation_errors": errors, "unannotated": bare}
     if out_dir.exists() and not out_dir.is_dir():
         raise Failure(f"output folder '{shown(out_dir)}' is a file", EXIT_OUTPUT)
     n = options["shard"]
@@ -194,8 +207,8 @@ def run_prepare(args):
         "module_version": qvn_kit.__version__,
         "options": options,
         "input_dir": str(Path(input_dir).resolve()),
-        "inputs": len(paths),
-        "inputs_sha256": inputs_digest(paths),
+        "inputs": pictures,
+        "inputs_sha256": digest,
         "shards": [],
     }
 
@@ -213,7 +226,7 @@ def run_prepare(args):
     startup = time.perf_counter() - start
     try:
         return convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo,
-                           client, start, startup)
+                           client, start, startup, objects, notes)
     finally:
         if client is not None:
             client.close()
@@ -222,8 +235,20 @@ def run_prepare(args):
 
 
 def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, client,
-                start, startup):
+                start, startup, objects, notes):
     options, n = manifest["options"], manifest["options"]["shard"]
+
+    def task(i):
+        """The arguments of the task of shard i: with annotations, the
+        objects of its pictures."""
+        mine = None
+        if objects is not None:
+            mine = {}
+            for item in slices[i]:
+                rel = item if isinstance(item, str) else item[0]
+                mine[rel] = objects.get(rel, [])
+        return i, slices[i], input_dir, str(out_dir), options, mine
+
     # Nothing is removed before the manifest says the set is incomplete and
     # the index that listed the old shards is gone: an interrupted run never
     # leaves an index that looks usable.
@@ -231,14 +256,15 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
     write_manifest(out_dir, manifest, complete=False)
     try:
         # (and the temporary files of a killed run: only names this tool makes)
-        stale = [out_dir / "index.csv", out_dir / "errors.csv"]
-        for name in ("shard-*.npy", "index.csv", "errors.csv", MANIFEST):
+        stale = [out_dir / "index.csv", out_dir / "errors.csv", out_dir / LABELS]
+        for name in ("shard-*.npy", "shard-*.labels.jsonl", "index.csv", "errors.csv", LABELS,
+                     MANIFEST):
             stale += out_dir.glob(f".{name}.*.tmp")
         for f in stale:
             f.unlink(missing_ok=True)
         # A fresh run leaves no shard of an earlier, larger run behind.
         if not args.resume:
-            for old_shard in out_dir.glob("shard-*.npy"):
+            for old_shard in [*out_dir.glob("shard-*.npy"), *out_dir.glob("shard-*.labels.jsonl")]:
                 old_shard.unlink()
     except OSError as e:
         raise output_failure("remove the previous run's files from", out_dir, e) from None
@@ -247,7 +273,8 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
 
     def finished(rec):
         f = out_dir / rec["file"]
-        if not f.is_file() or f.stat().st_size != rec["bytes"]:
+        if (not f.is_file() or f.stat().st_size != rec["bytes"]
+                or ("labels_sha256" in rec and not (out_dir / labels_name(rec["index"])).is_file())):
             raise Failure(f"{rec['file']} was written by a worker but is not in "
                           f"'{shown(out_dir)}': the output folder must be shared by every "
                           "worker and this machine", EXIT_OUTPUT)
@@ -260,14 +287,14 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
     try:
         if todo and args.workers == 0:
             for i in todo:
-                finished(convert_shard(i, slices[i], input_dir, str(out_dir), options))
+                finished(convert_shard(*task(i)))
         elif todo:
-            run_on_dask(client, todo, slices, input_dir, out_dir, options, finished)
+            run_on_dask(client, todo, task, finished)
     finally:
         progress.close()
     seconds = time.perf_counter() - start
 
-    write_tables(out_dir, manifest, slices)
+    write_tables(out_dir, manifest, slices, notes)
     manifest["rows"] = sum(r["rows"] for r in manifest["shards"])
     manifest["errors"] = sum(len(r["errors"]) for r in manifest["shards"])
     manifest["converted_now"] = sum(len(slices[i]) for i in todo)
@@ -278,6 +305,15 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
           f"({manifest['rows']} rows in {len(manifest['shards'])} shards, "
           f"{manifest['errors']} errors, {len(done)} shards kept; "
           f"{startup:.2f} s of it starting the cluster)")
+    if notes is not None:
+        manifest["annotation_errors"] = len(notes["annotation_errors"])
+        manifest["unannotated"] = notes["unannotated"]
+        write_manifest(out_dir, manifest, complete=True)
+        alone = ("make no sample" if options["labels"]["per_object"] is not None
+                 else "kept without labels")
+        print(f"qvn-dataset: labels of {manifest['rows']} samples in {LABELS}; "
+              f"{notes['unannotated']} pictures without annotations ({alone}), "
+              f"{len(notes['annotation_errors'])} annotations in errors.csv")
     if manifest["inputs"] and manifest["rows"] == 0:
         raise Failure(f"not one of the {manifest['inputs']} pictures converted: errors.csv "
                       "says why",
@@ -285,13 +321,12 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
     return 0
 
 
-def run_on_dask(client, todo, slices, input_dir, out_dir, options, finished):
-    """Converts the shards `todo` on the cluster."""
+def run_on_dask(client, todo, task, finished):
+    """Converts the shards `todo` on the cluster; task(i) gives the
+    arguments of shard i."""
     from dask.distributed import as_completed
 
-    futures = {client.submit(convert_shard, i, slices[i], input_dir, str(out_dir), options,
-                             pure=False): i
-               for i in todo}
+    futures = {client.submit(convert_shard, *task(i), pure=False): i for i in todo}
     for future in as_completed(futures):
         try:
             rec = future.result()
@@ -311,21 +346,38 @@ def write_manifest(out_dir, manifest, complete):
         raise output_failure("write in the output folder", out_dir, e) from None
 
 
-def write_tables(out_dir, manifest, slices):
-    """index.csv (shard, row, source, width x height) and errors.csv; a
+def write_tables(out_dir, manifest, slices, notes=None):
+    """index.csv (shard, row, source, width x height; with per-object
+    crops, the object's number in its picture), errors.csv and, with
+    annotations, labels.jsonl (the shards' labels one after the other); a
     source that is not UTF-8 is written with its odd bytes as \\xNN."""
     index, errors = io.StringIO(), io.StringIO()
     iw, ew = csv.writer(index, lineterminator="\n"), csv.writer(errors, lineterminator="\n")
-    iw.writerow(["shard", "row", "source", "size"])
+    per_object = (manifest["options"].get("labels") or {}).get("per_object") is not None
+    iw.writerow(["shard", "row", "source", "size"] + (["object"] if per_object else []))
     ew.writerow(["source", "error"])
+    labels = []
     for rec in manifest["shards"]:
-        failed = {path for path, _ in rec["errors"]}
-        good = [p for p in slices[rec["index"]] if shown(p) not in failed]
-        for row, (path, (w, h)) in enumerate(zip(good, rec["sizes"])):
-            iw.writerow([rec["file"], row, path, f"{w}x{h}"])
+        if "kept" in rec:
+            good = [slices[rec["index"]][k] for k in rec["kept"]]
+        else:
+            failed = {path for path, _ in rec["errors"]}
+            good = [p for p in slices[rec["index"]] if shown(p) not in failed]
+        for row, (item, (w, h)) in enumerate(zip(good, rec["sizes"])):
+            path, extra = (item, []) if isinstance(item, str) else (item[0], [item[1]])
+            iw.writerow([rec["file"], row, shown(path) if extra else path, f"{w}x{h}"] + extra)
         for path, message in rec["errors"]:
             ew.writerow([path, message])
+        if "labels_sha256" in rec:
+            try:
+                labels.append((out_dir / labels_name(rec["index"])).read_bytes())
+            except OSError as e:
+                raise output_failure("read", out_dir / labels_name(rec["index"]), e) from None
+    for path, message in (notes or {}).get("annotation_errors", []):
+        ew.writerow([path, message])
     try:
+        if notes is not None:
+            write_atomically(out_dir / LABELS, b"".join(labels))
         write_atomically(out_dir / "errors.csv", errors.getvalue())
         write_atomically(out_dir / "index.csv", index.getvalue())
     except OSError as e:

@@ -1,6 +1,7 @@
 """The work of one shard, on a worker: its pictures converted into one .npy
 written atomically, and the record the manifest keeps of it."""
 import hashlib
+import json
 import os
 import secrets
 from pathlib import Path
@@ -9,6 +10,7 @@ import numpy as np
 
 from .failures import (EXIT_INPUT, EXIT_OUTPUT, Failure, memory_failure, output_failure,
                        shown, host)
+from .labels import Labeller
 from .route import convert_picture
 
 NOT_UTF8 = "file name is not valid UTF-8"
@@ -38,10 +40,12 @@ def keep_freed_memory():
         pass  # another C library: its defaults then
 
 
-def convert_shard(index, paths, input_dir, out_dir, options):
-    """Converts the pictures `paths` (relative to input_dir, which like
-    out_dir is absolute: a worker may run in any folder) into
-    out_dir/shard-NNNNN.npy. Returns the shard's record for the manifest."""
+def convert_shard(index, paths, input_dir, out_dir, options, objects=None):
+    """Converts the samples `paths` (pictures relative to input_dir, which
+    like out_dir is absolute: a worker may run in any folder; with per-object
+    crops, [picture, object] pairs) into out_dir/shard-NNNNN.npy and, with
+    annotations (`objects`: picture -> its objects), their labels into
+    shard-NNNNN.labels.jsonl. Returns the shard's record for the manifest."""
     import qvn_kit
 
     keep_freed_memory()
@@ -62,8 +66,11 @@ def convert_shard(index, paths, input_dir, out_dir, options):
                          np.float32 if options.get("dtype") == "float32" else np.uint8)
     except MemoryError:
         raise memory_failure(index) from None
-    sizes, errors, rows = [], [], 0
-    for rel in paths:
+    labeller = None if objects is None else Labeller(qvn_kit, options, objects)
+    name = shard_name(index)
+    sizes, errors, lines, kept, rows = [], [], [], [], 0
+    for position, item in enumerate(paths):
+        rel, k = (item, None) if isinstance(item, str) else item
         try:
             # The kit's reader takes UTF-8 paths; a name that is not UTF-8
             # (kept by os.fsdecode as lone surrogates) cannot be opened.
@@ -71,14 +78,20 @@ def convert_shard(index, paths, input_dir, out_dir, options):
                 rel.encode("utf-8")
             except UnicodeEncodeError:
                 raise ValueError(NOT_UTF8) from None
-            width, height = convert_picture(qvn_kit, os.path.join(input_dir, rel), options,
-                                            batch[rows])
+            path = os.path.join(input_dir, rel)
+            if labeller is None:
+                width, height = convert_picture(qvn_kit, path, options, batch[rows])
+            else:
+                (width, height), fields = labeller.convert(path, rel, k, batch[rows])
+                lines.append(json.dumps(dict({"shard": name, "row": rows, "source": shown(rel)},
+                                             **fields), separators=(",", ":")) + "\n")
         except (ValueError, MemoryError) as e:
-            errors.append([shown(rel), str(e) or type(e).__name__])
+            why = str(e) or type(e).__name__
+            errors.append([shown(rel), why if k is None else f"object {k}: {why}"])
             continue
         sizes.append([width, height])
+        kept.append(position)
         rows += 1
-    name = shard_name(index)
     digest = hashlib.sha256()
     try:
         size = write_atomically(Path(out_dir) / name,
@@ -86,8 +99,16 @@ def convert_shard(index, paths, input_dir, out_dir, options):
                                                   allow_pickle=False))
     except OSError as e:
         raise output_failure("write", Path(out_dir) / name, e) from None
-    return {"index": index, "file": name, "rows": rows, "sha256": digest.hexdigest(),
-            "bytes": size, "sizes": sizes, "errors": errors}
+    rec = {"index": index, "file": name, "rows": rows, "sha256": digest.hexdigest(),
+           "bytes": size, "sizes": sizes, "errors": errors}
+    if labeller is not None:
+        text = "".join(lines).encode("utf-8")
+        try:
+            write_atomically(Path(out_dir) / labels_name(index), text)
+        except OSError as e:
+            raise output_failure("write", Path(out_dir) / labels_name(index), e) from None
+        rec.update(kept=kept, labels_sha256=hashlib.sha256(text).hexdigest())
+    return rec
 
 
 class _Hashing:
@@ -104,6 +125,10 @@ class _Hashing:
 
 def shard_name(index):
     return f"shard-{index:05d}.npy"
+
+
+def labels_name(index):
+    return f"shard-{index:05d}.labels.jsonl"
 
 
 def write_atomically(path, data):
