@@ -78,9 +78,9 @@ def mapped(t, pic, objects):
     for obj, b in zip(objects, tb):
         a = np.maximum(b[:2], lo)
         z = np.minimum(b[:2] + b[2:], hi)
-        if np.any(a > z):
-            continue  # nothing of it reaches the tensor
         clipped = bool(np.any(a != b[:2]) or np.any(z != b[:2] + b[2:]))
+        if np.any(a > z) or (clipped and np.any(a == z)):
+            continue  # nothing of it reaches the tensor
         out["boxes"].append([short(v) for v in (a[0], a[1], z[0] - a[0], z[1] - a[1])])
         out["category"].append(obj["category"])
         out["clipped"].append(clipped)
