@@ -4,11 +4,12 @@ after the conversion the squares and dots are found again in the tensor by
 their colour alone and compared with labels.jsonl."""
 import csv
 import json
+import sys
 
 import numpy as np
 import pytest
 
-from conftest import run_dataset, write_png
+from conftest import ROOT, run_dataset, write_png
 
 BG, WHITE = (40, 40, 40), (255, 255, 255)
 COLOURS = {1: (220, 30, 30), 2: (30, 200, 40), 3: (40, 60, 230)}
@@ -122,3 +123,108 @@ def blob(mask, x, y):
         seen.add((r, c))
         todo += [(r + 1, c), (r - 1, c), (r, c + 1), (r, c - 1)]
     return np.array(sorted(seen), float)
+
+
+def same_set(got, want):
+    for f in want.iterdir():
+        if f.name != "manifest.json":
+            assert (got / f.name).read_bytes() == f.read_bytes(), f.name
+
+
+def test_cluster_resume_and_loader_give_the_same_labels(pictures, tmp_path):
+    args = ["--annotations", pictures / "coco.json", "--per-object", "1.5", "--square",
+            "--orient", "17", "--shard", "2"]
+    alone = prepare(pictures, tmp_path / "alone", *args, "--workers", "0")
+    prepare(pictures, tmp_path / "cluster", *args, "--workers", "2")
+    same_set(tmp_path / "cluster", tmp_path / "alone")
+    # A lost or damaged shard of labels is redone, the others kept.
+    (tmp_path / "cluster" / "shard-00001.labels.jsonl").unlink()
+    (tmp_path / "cluster" / "shard-00002.labels.jsonl").write_text("{}\n")
+    done = run_dataset(pictures / "pictures", tmp_path / "cluster", "--format", "bgra",
+                       "--tensor", "3x40x48", *args, "--workers", "0", "--resume")
+    assert "1 shards kept" in done.stdout, done.stdout
+    same_set(tmp_path / "cluster", tmp_path / "alone")
+
+    sys.path.insert(0, str(ROOT / "python"))
+    import qvn_dataset
+    loaded = qvn_dataset.load(tmp_path / "alone")
+    assert len(loaded) == len(alone) == 5
+    for (tensor, labels), (want, line) in zip(loaded, alone):
+        np.testing.assert_array_equal(tensor, want)
+        assert labels["source"] == line["source"] and labels["object"] == line["object"]
+        np.testing.assert_array_equal(labels["boxes"], np.float32(line["boxes"]))
+        np.testing.assert_array_equal(labels["keypoints"], np.float32(line["keypoints"]))
+        assert labels["category"].tolist() == line["category"]
+
+
+BAD_COCO = [  # annotation, errors.csv source, words of its error
+    ({"image_id": 0, "bbox": [1, 2, -3, 4]}, "a.png", "negative or NaN size"),
+    ({"image_id": 0, "bbox": [1, 2, float("nan"), 4]}, "a.png", "negative or NaN size"),
+    ({"image_id": 0, "bbox": [1, 2, 3, 4], "keypoints": [1, 2, 2, 3, 4]}, "a.png",
+     "keypoints has 5 values"),
+    ({"image_id": 0, "bbox": [1, 2, 3, 4], "category_id": "cat"}, "a.png",
+     "category 'cat' is not a number"),
+    ({"image_id": 7, "bbox": [1, 2, 3, 4]}, "coco.json annotations[5]", "image_id"),
+    ({"image_id": 2, "bbox": [1, 2, 3, 4]}, "../a.png", "outside INPUT_DIR"),
+    ({"image_id": 3, "bbox": [1, 2, 3, 4]}, "gone.png", "no such PNG or JPEG"),
+    ({"image_id": 4, "bbox": [1, 2, 3, 4]}, "broken.png", "cannot decode PNG"),
+]
+BAD_CSV = [("a.png,1,2,3", "a.png", "line 2: 4 fields"),
+           ("a.png,x,2,3,4", "a.png", "line 3: bbox"),
+           ("a.png,1,2,3,4,dog", "a.png", "category 'dog' is not a number")]
+
+
+@pytest.fixture(scope="module")
+def bad_runs(pictures, tmp_path_factory):
+    root = tmp_path_factory.mktemp("bad")
+    (root / "pictures").mkdir()
+    (root / "pictures" / "a.png").write_bytes((pictures / "pictures" / "a.png").read_bytes())
+    (root / "pictures" / "broken.png").write_bytes(b"\x89PNG\r\n\x1a\n" + b"\0" * 40)
+    good = {"image_id": 0, "bbox": [6, 5, 12, 10], "category_id": 1}
+    images = [{"id": i, "file_name": n}
+              for i, n in enumerate(["a.png", "broken.png", "../a.png", "gone.png", "broken.png"])]
+    (root / "coco.json").write_text(json.dumps(
+        {"images": images, "annotations": [good] + [a for a, _, _ in BAD_COCO]}))
+    (root / "boxes.csv").write_text("\n".join(
+        ["path,x,y,w,h,label"] + [line for line, _, _ in BAD_CSV] + ["a.png,6,5,12,10,1"]))
+    runs = {}
+    for form in ("coco.json", "boxes.csv"):
+        labels = prepare(root, root / form[:4], "--annotations", root / form, "--workers", "0")
+        errors = list(csv.DictReader((root / form[:4] / "errors.csv").open()))
+        runs[form] = labels, [(e["source"], e["error"]) for e in errors]
+    return runs
+
+
+@pytest.mark.parametrize("form, source, words",
+                         [("coco.json", s, w) for _, s, w in BAD_COCO] +
+                         [("boxes.csv", s, w) for _, s, w in BAD_CSV])
+def test_a_bad_annotation_is_one_row_of_errors_and_nothing_else_is_lost(bad_runs, form,
+                                                                         source, words):
+    labels, errors = bad_runs[form]
+    assert [e for e in errors if e[0] == source and words in e[1]], errors
+    (_, line), = labels  # a.png, with its good box alone
+    assert line["source"] == "a.png" and line["category"] == [1]
+    # (broken.png fails as a picture in both)
+    assert len(errors) == (len(BAD_COCO) if form == "coco.json" else len(BAD_CSV) + 1)
+
+
+@pytest.mark.parametrize("name, content, code, words", [
+    ("coco.json", '{"images": [}', 3, ["coco.json", "line 1 column 13"]),
+    ("coco.json", '{"images": []}', 3, ["coco.json", 'key "annotations"']),
+    ("notes", "{[", 3, ["notes", "line 1 column 2"]),  # told JSON by its first character
+    ("boxes.csv", "path,x,y,w,h\nonly,three,fields\n", 3, ["boxes.csv", "line 2: 3 fields"]),
+    ("boxes.csv", b"a.png,1,2,3,4,\xff\n", 3, ["boxes.csv", "not UTF-8"]),
+    ("missing.csv", None, 3, ["cannot read --annotations", "missing.csv"]),
+    ("boxes.csv", "a.png,1,2,3,4\n", 2, ["--per-object -1: the scale"]),
+])
+def test_an_unusable_annotations_file_stops_the_run_before_writing(pictures, tmp_path, name,
+                                                                   content, code, words):
+    path = tmp_path / name
+    if content is not None:
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+    extra = ["--per-object", "-1"] if code == 2 else []
+    done = run_dataset(pictures / "pictures", tmp_path / "out", "--annotations", path,
+                       *extra, "--workers", "0")
+    assert done.returncode == code and len(done.stderr.splitlines()) == 1, done.stderr
+    assert all(w in done.stderr for w in words), done.stderr
+    assert not (tmp_path / "out").exists()
