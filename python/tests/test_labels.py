@@ -11,7 +11,7 @@ import pytest
 
 from conftest import ROOT, run_dataset, write_png
 
-BG, WHITE = (40, 40, 40), (255, 255, 255)
+BG, WHITE = (0, 0, 0), (255, 255, 255)
 COLOURS = {1: (220, 30, 30), 2: (30, 200, 40), 3: (40, 60, 230)}
 # Per picture (W, H) and its objects: category, box [x, y, w, h], dots
 # (pixel centres) and one unlabelled keypoint (v = 0).
@@ -19,11 +19,11 @@ PICTURES = {
     "a.png": ((56, 44), [(1, [6, 5, 12, 10], [(9, 8), (14, 11)]),
                          (2, [30, 16, 14, 14], [(34, 20), (40, 26)]),
                          (3, [46, 30, 8, 12], [(49, 35)])]),
-    "sub/b.png": ((40, 50), [(2, [3, 30, 16, 12], [(8, 34)]),
+    "sub/b.png": ((41, 51), [(2, [3, 30, 16, 12], [(8, 34)]),
                              (3, [24, 4, 10, 18], [(28, 9), (30, 18)])]),
 }
 ORIENTS = ["0", "1", "2", "4", "8", "16", "17", "18"]  # the eight turns and mirrors
-MODES = {"whole": [], "crop": ["--crop", "11,9,29,26"], "letterbox": ["--letterbox", "0"],
+MODES = {"whole": [], "crop": ["--crop", "11,9,29,26"], "letterbox": ["--letterbox", "0", "--format", "nv21"],
          "square": ["--per-object", "1.6", "--square"], "object": ["--per-object", "1.4"]}
 
 
@@ -54,7 +54,7 @@ def pictures(tmp_path_factory):
 
 def prepare(src, out, *args):
     done = run_dataset(src / "pictures", out, "--format", "bgra", "--tensor", "3x40x48",
-                       *args)
+                       *args)  # (a later --format wins)
     assert done.returncode == 0, done.stderr
     lines = (out / "labels.jsonl").read_text().splitlines()
     index = list(csv.DictReader((out / "index.csv").open()))
@@ -63,13 +63,22 @@ def prepare(src, out, *args):
 
 
 def nearest(tensor):
-    """Each tensor pixel's nearest colour of the pictures: 0 background,
-    a category, or -1 white."""
-    palette = {0: BG, -1: WHITE, **COLOURS}
-    keys = list(palette)
+    """Each tensor pixel's marker: 0 background, the category of its
+    square, or -1 white. Markers are told from the background by brightness
+    alone (a 4:2:0 frame blurs colour over two pixels, not brightness); each
+    connected marker is the category nearest its median colour."""
     rgb = tensor.transpose(1, 2, 0).astype(float)
-    dist = [np.abs(rgb - palette[k]).sum(axis=2) for k in keys]
-    return np.array(keys)[np.argmin(dist, axis=0)]
+    luma = rgb @ (0.299, 0.587, 0.114)
+    kind = np.zeros(luma.shape, int)
+    todo = luma > 36  # halfway from the background to the darkest square
+    while todo.any():
+        r, c = np.argwhere(todo)[0]
+        part = tuple(blob(todo, c + 0.5, r + 0.5).astype(int).T)
+        todo[part] = False
+        colour = np.median(rgb[part][luma[part] < 193], axis=0)  # without the dots
+        kind[part] = min(COLOURS, key=lambda k: np.abs(colour - COLOURS[k]).sum())
+    kind[luma >= 193] = -1  # halfway from the brightest square to white
+    return kind
 
 
 @pytest.mark.parametrize("orient", ORIENTS)
