@@ -100,8 +100,8 @@ class Labeller:
 
     def __init__(self, qvn_kit, options, objects):
         self.qvn_kit, self.options, self.objects = qvn_kit, options, objects
-        spec = options["labels"]
-        self.scale, self.square = spec["per_object"], spec["square"]
+        chosen = options["labels"]
+        self.scale, self.square = chosen["per_object"], chosen["square"]
         self.last = (None, None)
 
     def picture(self, path, crop):
