@@ -301,7 +301,10 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
     write_manifest(out_dir, manifest, complete=True)
     converted = manifest["converted_now"]
     rate = converted / seconds if seconds > 0 else 0.0
-    print(f"qvn-dataset: {converted} pictures in {seconds:.2f} s, {rate:.1f} pictures/s "
+    # A per-object sample is an object, not a picture.
+    what = ("objects" if (options.get("labels") or {}).get("per_object") is not None
+            else "pictures")
+    print(f"qvn-dataset: {converted} {what} in {seconds:.2f} s, {rate:.1f} {what}/s "
           f"({manifest['rows']} rows in {len(manifest['shards'])} shards, "
           f"{manifest['errors']} errors, {len(done)} shards kept; "
           f"{startup:.2f} s of it starting the cluster)")
