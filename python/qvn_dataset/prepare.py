@@ -273,8 +273,9 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
 
     def finished(rec):
         f = out_dir / rec["file"]
+        labels = out_dir / labels_name(rec["index"])
         if (not f.is_file() or f.stat().st_size != rec["bytes"]
-                or ("labels_sha256" in rec and not (out_dir / labels_name(rec["index"])).is_file())):
+                or ("labels_sha256" in rec and not labels.is_file())):
             raise Failure(f"{rec['file']} was written by a worker but is not in "
                           f"'{shown(out_dir)}': the output folder must be shared by every "
                           "worker and this machine", EXIT_OUTPUT)

@@ -23,7 +23,8 @@ PICTURES = {
                              (3, [24, 4, 10, 18], [(28, 9), (30, 18)])]),
 }
 ORIENTS = ["0", "1", "2", "4", "8", "16", "17", "18"]  # the eight turns and mirrors
-MODES = {"whole": [], "crop": ["--crop", "11,9,29,26"], "letterbox": ["--letterbox", "0", "--format", "nv21"],
+MODES = {"whole": [], "crop": ["--crop", "11,9,29,26"],
+         "letterbox": ["--letterbox", "0", "--format", "nv21"],
          "square": ["--per-object", "1.6", "--square"], "object": ["--per-object", "1.4"]}
 
 
