@@ -133,6 +133,11 @@ def read_coco(name, text):
                 or not isinstance(image.get("id"), (int, str)) or not image["file_name"]):
             found.errors.append([where, f"{where}: an image needs \"id\" and \"file_name\""])
             continue
+        try:  # JSON can escape a lone surrogate, which no file name holds
+            image["file_name"].encode("utf-8")
+        except UnicodeEncodeError:
+            found.errors.append([where, f"{where}: \"file_name\" is not valid Unicode"])
+            continue
         files[image["id"]] = image["file_name"]
         found.picture(image["file_name"])
     for i, ann in enumerate(doc["annotations"]):
