@@ -184,20 +184,24 @@ StageTimes Loop(const std::string& path, const LoopOptions& o, Detector& detecto
         const Clock::time_point t4 = Clock::now();
 
         // Tensor pixels -> the frame as presented (normalised), kept inside
-        // the frame.
-        boxes.resize(found.size() * 4);
-        for (size_t i = 0; i < found.size(); ++i) {
-            boxes[4 * i] = found[i].x, boxes[4 * i + 1] = found[i].y;
-            boxes[4 * i + 2] = found[i].w, boxes[4 * i + 3] = found[i].h;
+        // the frame. A box that is not finite or has no area is dropped
+        // here: no tracker ever sees it.
+        boxes.clear();
+        for (const Detection& d : found) {
+            if (!std::isfinite(d.x) || !std::isfinite(d.y) || !std::isfinite(d.w) ||
+                !std::isfinite(d.h) || !(d.w > 0) || !(d.h > 0)) {
+                continue;
+            }
+            boxes.insert(boxes.end(), {d.x, d.y, d.w, d.h});
         }
-        kit::TensorTransform_Boxes_To_Frame(result.transform, boxes.data(), boxes.data(),
-                                            found.size());
+        const size_t n = boxes.size() / 4;
+        kit::TensorTransform_Boxes_To_Frame(result.transform, boxes.data(), boxes.data(), n);
         std::vector<QVN_Rect2D> rects;
-        for (size_t i = 0; i < found.size(); ++i) {
+        for (size_t i = 0; i < n; ++i) {
             const float* b = &boxes[4 * i];
             QVN_Rect2D r{std::max(b[0], 0.f), std::max(b[1], 0.f), std::min(b[0] + b[2], 1.f),
                          std::min(b[1] + b[3], 1.f)};
-            // NaN fails both tests: such a box never reaches the trackers.
+            // Wholly outside the frame: nothing left.
             if (!(r.x1 > r.x0 && r.y1 > r.y0)) continue;
             rects.push_back(r);
         }
