@@ -145,8 +145,8 @@ protected:
 
 // Upright, letterboxed into 200 x 200 (the picture is 200 x 150 at y = 25):
 // every mapped box lies on its rectangle within one tensor pixel; tracks are
-// born on their third detection, so the counts are 0, 0, then 3, and 4
-// while D has been seen three times and is still there; each id stays on
+// born on their min_hits-th detection, so the counts are 0 until then, 3
+// after, and 4 once D has been seen as often and while it is there; each id stays on
 // one rectangle while A and B pass each other. Turned a quarter either way
 // the re-oriented results are the upright ones, and boxes no tracker may
 // see change nothing.
@@ -175,7 +175,8 @@ TEST_F(PeopleLoop, BoxesCountsAndIdsUprightAndTurned) {
             });
             EXPECT_NE(on, truth.end()) << "frame " << f << " box " << d.x0 << "," << d.y0;
         }
-        const size_t want = (f >= 2 ? 3 : 0) + (f >= 12 && f < 22 ? 1 : 0);
+        const int born = o.rules.min_hits - 1;  // frames after the first detection
+        const size_t want = (f >= born ? 3 : 0) + (f >= 10 + born && f < 22 ? 1 : 0);
         ASSERT_EQ(r.tracks.size(), want) << "frame " << f;
         for (const people::TrackBox& t : r.tracks) {
             // The smoothed box lags a moving rectangle a little.

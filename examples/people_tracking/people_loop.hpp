@@ -52,11 +52,11 @@ public:
 // A detection joins the track it overlaps most (intersection over union at
 // least `min_iou` with the track's predicted box), greedily, best pair first.
 struct TrackRules {
-    int min_hits = 3;
+    int min_hits = 4;
     int max_misses = 8;
-    float min_iou = 0.3f;
+    float min_iou = 0.2f;
     float process_noise = 1.0f;      // the kit tracker's parameters
-    float measurement_noise = 16.0f;
+    float measurement_noise = 4.0f;
 };
 
 // A reported track: its id and box (normalised x0, y0, x1, y1).
