@@ -55,7 +55,8 @@ void DrawId(VideoFrame& f, int x, int y, int id, const uint8_t* colour) {
     const int cell = 4 * kDigitScale;
     const int w = static_cast<int>(text.size()) * cell + kDigitScale, h = 7 * kDigitScale;
     Fill(f, x, y, x + w, y + h, colour, false);
-    const uint8_t white[3] = {235, 128, 128};
+    // Black digits on the light tags, white on the dark ones.
+    const uint8_t ink[3] = {static_cast<uint8_t>(colour[0] > 128 ? 16 : 235), 128, 128};
     for (size_t i = 0; i < text.size(); ++i) {
         const uint8_t* glyph = kDigits[text[i] - '0'];
         for (int r = 0; r < 5; ++r) {
@@ -63,7 +64,7 @@ void DrawId(VideoFrame& f, int x, int y, int id, const uint8_t* colour) {
                 if (!(glyph[r] & (4 >> c))) continue;
                 const int px = x + kDigitScale + static_cast<int>(i) * cell + c * kDigitScale;
                 const int py = y + kDigitScale + r * kDigitScale;
-                Fill(f, px, py, px + kDigitScale, py + kDigitScale, white, true);
+                Fill(f, px, py, px + kDigitScale, py + kDigitScale, ink, true);
             }
         }
     }
