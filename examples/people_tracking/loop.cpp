@@ -262,7 +262,7 @@ std::string TimingTable(const StageTimes& t, const std::string& note) {
     std::snprintf(buf, sizeof buf,
                   "| stage | µs per frame (median) |\n"
                   "|---|---:|\n"
-                  "| decode (FFmpeg) | %.0f |\n"
+                  "| decode (FFmpeg, per decoded frame) | %.0f |\n"
                   "| convert (kit, one pass) | %.0f |\n"
                   "| detect (HOG) | %.0f |\n"
                   "| track (kit: boxes back, Kalman trackers, record) | %.0f |\n"
