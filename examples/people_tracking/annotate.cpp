@@ -191,6 +191,9 @@ void ClipWriter::Drain() {
         const int err = avcodec_receive_packet(ctx_, packet_);
         if (err == AVERROR(EAGAIN) || err == AVERROR_EOF) return;
         Check(err, "encode a frame of", path_);
+        // Every frame lasts one tick: without a duration the container's edit
+        // list cuts the last frame off.
+        if (packet_->duration == 0) packet_->duration = 1;
         av_packet_rescale_ts(packet_, ctx_->time_base, stream_->time_base);
         packet_->stream_index = stream_->index;
         Check(av_interleaved_write_frame(fmt_, packet_), "write", path_);

@@ -119,26 +119,32 @@ int Run(const Args& a) {
     size_t best_count = 0;
     bool have_best = false;
     std::vector<int> ids;
-    const people::StageTimes t = people::RunLoop(
-        a.in, o, detector,
-        [&](const people::FrameResult& r, const qvntool::VideoFrame& frame) {
-            jsonl << people::TrackLine(r);
-            const qvntool::VideoFrame& drawn = annotator.Draw(frame, r.tracks);
-            if (!clip) {
-                clip = std::make_unique<people::ClipWriter>(a.out + "/people.mp4", "mpeg4",
-                                                            frame.width, frame.height,
-                                                            a.clip_fps);
-            }
-            clip->Write(drawn);
-            if (!have_best || r.tracks.size() > best_count) {
-                best.Draw(frame, r.tracks);
-                best_count = r.tracks.size();
-                have_best = true;
-            }
-            for (const people::TrackBox& b : r.tracks) {
-                if (std::find(ids.begin(), ids.end(), b.id) == ids.end()) ids.push_back(b.id);
-            }
-        });
+    const auto sink = [&](const people::FrameResult& r, const qvntool::VideoFrame& frame) {
+        jsonl << people::TrackLine(r);
+        const qvntool::VideoFrame& drawn = annotator.Draw(frame, r.tracks);
+        if (!clip) {
+            clip = std::make_unique<people::ClipWriter>(a.out + "/people.mp4", "mpeg4",
+                                                        frame.width, frame.height,
+                                                        a.clip_fps);
+        }
+        clip->Write(drawn);
+        if (!have_best || r.tracks.size() > best_count) {
+            best.Draw(frame, r.tracks);
+            best_count = r.tracks.size();
+            have_best = true;
+        }
+        for (const people::TrackBox& b : r.tracks) {
+            if (std::find(ids.begin(), ids.end(), b.id) == ids.end()) ids.push_back(b.id);
+        }
+    };
+    people::StageTimes t;
+    try {
+        t = people::RunLoop(a.in, o, detector, sink);
+    } catch (const qvntool::ToolError&) {
+        // A video cut short: the frames before the damage stay playable.
+        if (clip) clip->Finish();
+        throw;
+    }
     if (clip) clip->Finish();
     jsonl.close();
     if (!jsonl) throw qvntool::ToolError("cannot write tracks.jsonl", qvntool::kExitOutput);
