@@ -100,26 +100,6 @@ void CheckOptions(const LoopOptions& o, const Detector& d) {
 }
 
 StageTimes Loop(const std::string& path, const LoopOptions& o, Detector& detector,
-                const FrameSink& sink);
-
-}  // namespace
-
-StageTimes RunLoop(const std::string& path, const LoopOptions& o, Detector& detector,
-                   const FrameSink& sink) {
-    // The dumped tensors appear only when the whole run succeeded.
-    try {
-        const StageTimes t = Loop(path, o, detector, sink);
-        qvntool::CommitOutputs();
-        return t;
-    } catch (...) {
-        qvntool::DiscardOutputs();
-        throw;
-    }
-}
-
-namespace {
-
-StageTimes Loop(const std::string& path, const LoopOptions& o, Detector& detector,
                 const FrameSink& sink) {
     CheckOptions(o, detector);
     qvntool::VideoReader reader(path);
@@ -256,6 +236,19 @@ StageTimes Loop(const std::string& path, const LoopOptions& o, Detector& detecto
 }
 
 }  // namespace
+
+StageTimes RunLoop(const std::string& path, const LoopOptions& o, Detector& detector,
+                   const FrameSink& sink) {
+    // The dumped tensors appear only when the whole run succeeded.
+    try {
+        const StageTimes t = Loop(path, o, detector, sink);
+        qvntool::CommitOutputs();
+        return t;
+    } catch (...) {
+        qvntool::DiscardOutputs();
+        throw;
+    }
+}
 
 std::string TimingTable(const StageTimes& t, const std::string& note) {
     char buf[1024];
