@@ -76,7 +76,6 @@ public:
     // One frame's detections (normalised x0, y0, x1, y1); returns the born
     // tracks detected in this frame, in order of id.
     std::vector<TrackBox> Update(const std::vector<QVN_Rect2D>& detections);
-    int BornCount() const { return next_id_ - 1; }
 
 private:
     struct Track;
