@@ -334,6 +334,11 @@ TEST(VideoCommand, FailuresLeaveNothing) {
         {std::string(kVtest) + " " + dir / "out --frames -3:", 2, "needs frame numbers"},
         {std::string(kVtest) + " " + dir / "out --every 0", 2, "--every 0"},
         {std::string(kVtest) + " " + dir / "out --frames 900:", 3, "has no frame"},
+        {std::string(kVtest) + " " + dir / "out --letterbox 256", 2, "is not in 0..255"},
+        {std::string(kVtest) + " " + dir / "out --letterbox-align topleft", 2,
+         "--letterbox-align needs --letterbox"},
+        {std::string(kVtest) + " " + dir / "out --letterbox 0 --letterbox-align left", 2,
+         "is not centre or topleft"},
     };
     for (const Case& c : cases) {
         const RunResult r = RunTool(dir, "video " + c.args);

@@ -1,7 +1,9 @@
 // cmd_video.cpp - `qvn-kit video IN OUT_DIR`: the frames of a video file,
 // straight from the decoder's planes through the one-pass converter, into
 // .npy shards of N x C x H x W bytes with an index of frame numbers and time
-// stamps.
+// stamps. --letterbox keeps the frame's aspect ratio through the kit's tensor
+// converter (QV_OnePass_Convert_FrameView_To_Tensor), the bytes a program
+// that converts the same frames with the same options hands its network.
 //
 // Every shard and the index are prepared as temporaries and appear together
 // when the whole run succeeded (the index last); a run that fails, a video
@@ -14,6 +16,7 @@
 #include "preprocess.hpp"
 #include "video_reader.hpp"
 
+#include <qvn_kit/frame_tensor.hpp>
 #include <qvn_kit/frame_view.hpp>
 #include <quvas/runtime/tensor.h>
 
@@ -35,11 +38,12 @@ namespace qvntool {
 namespace {
 
 struct VideoOptions {
-    std::string in, out_dir, tensor, orient = "0", crop, frames;
+    std::string in, out_dir, tensor, orient = "0", crop, frames, align;
     long every = 1;
     long shard = 256;
     bool bgr = false, gray = false;
     int pad = 0;
+    int letterbox = -1;  // < 0: none
 };
 
 // "A:B" with either side empty: frame numbers A <= n < B, as a Python slice.
@@ -160,6 +164,9 @@ struct VideoPlan {
     FrameRange range;
     uint32_t ori = 0;
     std::vector<int> crop;
+    // With --letterbox: the tensor converter's options.
+    bool letterbox = false;
+    quvas::kit::TensorOptions tensor_options;
 };
 
 void ConvertVideo(const VideoOptions& o, const VideoPlan& plan, VideoReader& reader);
@@ -186,6 +193,18 @@ void RunVideo(const VideoOptions& o) {
                             " tensors holds more than 2 GiB; use fewer frames a shard",
                         kExitUsage);
     }
+    quvas::kit::TensorOptions& t = plan.tensor_options;
+    ApplyLetterbox(o.letterbox, o.align, t);
+    plan.letterbox = o.letterbox >= 0;
+    t.width = target.w;
+    t.height = target.h;
+    t.gray = target.gray;
+    t.to_bgr = o.bgr;
+    if (!plan.crop.empty()) {
+        t.crop_x = plan.crop[0], t.crop_y = plan.crop[1];
+        t.crop_w = plan.crop[2], t.crop_h = plan.crop[3];
+    }
+    t.pad_value = static_cast<uint8_t>(o.pad);
 
     VideoReader reader(o.in);
     const bool made = MakeDirectory(o.out_dir);
@@ -231,7 +250,20 @@ void ConvertVideo(const VideoOptions& o, const VideoPlan& plan, VideoReader& rea
         }
         const quvas::kit::FrameView view = VideoFrameView(frame, plan.ori);
         Stopwatch convert;
-        ConvertView(view, target, o.bgr, plan.crop, static_cast<unsigned char>(o.pad), tensor);
+        if (plan.letterbox) {
+            // Planar bytes, packed: the tensor's own layout (H x W x 1 for
+            // gray holds the same bytes as 1 x H x W).
+            quvas::kit::TensorBuffer buf;
+            buf.data = tensor->data();
+            if (!quvas::kit::QV_OnePass_Convert_FrameView_To_Tensor(view, plan.tensor_options,
+                                                                    buf, nullptr)) {
+                CheckLibrary("the library refused the conversion");
+                throw ToolError("the library refused the conversion", kExitLibrary);
+            }
+        } else {
+            ConvertView(view, target, o.bgr, plan.crop, static_cast<unsigned char>(o.pad),
+                        tensor);
+        }
         convert_ms.push_back(convert.Seconds() * 1e3);
         shards.Add(tensor->data(), frame);
         progress.Step(++kept);
@@ -277,6 +309,11 @@ void AddVideoCommand(CLI::App& app) {
     cmd->add_flag("--bgr", opts->bgr, "Planes in B,G,R order");
     cmd->add_flag("--gray", opts->gray, "One gray plane");
     cmd->add_option("--pad", opts->pad, "Value 0..255 of crop pixels outside the frame (0)");
+    cmd->add_option("--letterbox", opts->letterbox,
+                    "Keep the crop's aspect ratio: fit the picture inside the tensor and pad "
+                    "the rest with this byte 0..255");
+    cmd->add_option("--letterbox-align", opts->align,
+                    "Where the letterboxed picture lies: centre (default) or topleft");
     cmd->callback([opts] { RunVideo(*opts); });
 }
 

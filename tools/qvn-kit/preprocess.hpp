@@ -5,6 +5,7 @@
 
 #include "common.hpp"
 
+#include <qvn_kit/frame_tensor.hpp>
 #include <qvn_kit/frame_view.hpp>
 #include <qvn_kit/qvn_kit.h>
 #include <quvas/runtime/tensor.h>
@@ -23,6 +24,29 @@ struct TensorTarget {
 // "x,y,w,h" (empty: none; else a positive width and height), --pad 0..255,
 // and --gray and --bgr not together. Returns the crop, empty or x, y, w, h.
 std::vector<int> CheckCropPadChannels(const std::string& crop, int pad, bool gray, bool bgr);
+
+// --letterbox PAD (< 0: off) and --letterbox-align (empty or "centre",
+// "topleft") into the tensor converter's options, checked as `preprocess`
+// and `video` both check them.
+inline void ApplyLetterbox(int letterbox, const std::string& align,
+                           quvas::kit::TensorOptions& t) {
+    if (!align.empty() && letterbox < 0) {
+        throw ToolError("--letterbox-align needs --letterbox", kExitUsage);
+    }
+    if (letterbox > 255) {
+        throw ToolError("--letterbox " + std::to_string(letterbox) + " is not in 0..255",
+                        kExitUsage);
+    }
+    if (letterbox < 0) return;
+    if (align.empty() || align == "centre") {
+        t.letterbox = quvas::kit::Letterbox::kCentre;
+    } else if (align == "topleft") {
+        t.letterbox = quvas::kit::Letterbox::kTopLeft;
+    } else {
+        throw ToolError("--letterbox-align '" + align + "' is not centre or topleft", kExitUsage);
+    }
+    t.letterbox_pad = static_cast<uint8_t>(letterbox);
+}
 
 // "CxHxW", checked against what the chosen converter writes.
 TensorTarget ParseTensorSpec(const std::string& text, bool gray);
