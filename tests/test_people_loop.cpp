@@ -32,13 +32,13 @@ struct Rect {
 };
 
 // The rectangles of frame f, painted in this order: A (blue) runs right and
-// B (red) runs left across it, overlapping A's lower third, so they pass
-// through each other mid-clip (at frame 15 B hides A's lower third whole);
+// B (red) runs left across it, overlapping A's lower 28 rows, so they pass
+// through each other mid-clip (at frame 15 B hides all of them);
 // C (white) stands still; D (white) is there for frames 10..21 only.
 // Every corner is even, so each 2x2 chroma block holds one colour.
 std::vector<Rect> Scene(int f) {
     std::vector<Rect> r = {{20 + 8 * f, 40, 40, 60, 170, 220, 110},
-                           {260 - 8 * f, 80, 40, 60, 170, 110, 220},
+                           {260 - 8 * f, 72, 40, 60, 170, 110, 220},
                            {250, 185, 30, 40}};
     if (f >= 10 && f < 22) r.push_back({100 + 2 * f, 190, 30, 40});
     return r;
