@@ -260,24 +260,7 @@ quvas::kit::TensorOptions TensorOptionsOf(const PreprocessOptions& o, const Tens
     if ((!o.mean.empty() || !o.std_dev.empty()) && !o.as_float) {
         throw ToolError("--mean and --std need --float", kExitUsage);
     }
-    if (!o.align.empty() && o.letterbox < 0) {
-        throw ToolError("--letterbox-align needs --letterbox", kExitUsage);
-    }
-    if (o.letterbox > 255) {
-        throw ToolError("--letterbox " + std::to_string(o.letterbox) + " is not in 0..255",
-                        kExitUsage);
-    }
-    if (o.letterbox >= 0) {
-        if (o.align.empty() || o.align == "centre") {
-            t.letterbox = kit::Letterbox::kCentre;
-        } else if (o.align == "topleft") {
-            t.letterbox = kit::Letterbox::kTopLeft;
-        } else {
-            throw ToolError("--letterbox-align '" + o.align + "' is not centre or topleft",
-                            kExitUsage);
-        }
-        t.letterbox_pad = static_cast<uint8_t>(o.letterbox);
-    }
+    ApplyLetterbox(o.letterbox, o.align, t);
     if (o.as_float) {
         // Without --mean and --std the bytes are only converted: 0 and 1.
         const size_t n = target.gray ? 1 : 3;
