@@ -33,7 +33,8 @@ from .failures import EXIT_INPUT, Failure, shown
 class Annotations:
     """`objects`: picture path (as written in the file) -> list of objects,
     each {"box": [x, y, w, h], "category": int or None, "keypoints":
-    [[x, y, v], ...]} in the file's order; `errors`: [source, message] rows;
+    [[x, y, v], ...], "annotation": where the file holds it, as errors.csv
+    names it ("annotations[i]", "line n")} in the file's order; `errors`: [source, message] rows;
     `digest`: what makes two files the same for --resume."""
 
     def __init__(self, name):
@@ -150,7 +151,8 @@ def read_coco(name, text):
             found.picture(source).append({
                 "box": box(ann.get("bbox"), where),
                 "category": category(ann.get("category_id"), where),
-                "keypoints": keypoints(ann.get("keypoints"), where)})
+                "keypoints": keypoints(ann.get("keypoints"), where),
+                "annotation": f"annotations[{i}]"})
         except ValueError as e:
             found.errors.append([source, str(e)])
     return found
@@ -175,7 +177,7 @@ def read_csv(name, text):
         try:
             obj = {"box": box(row[1:5], where),
                    "category": category(row[5] if len(row) == 6 else None, where),
-                   "keypoints": []}
+                   "keypoints": [], "annotation": f"line {n}"}
         except ValueError as e:
             found.errors.append([row[0], str(e)])
             continue

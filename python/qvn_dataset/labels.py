@@ -129,5 +129,5 @@ class Labeller:
         pic = self.picture(path, crop)
         _, t = pic.convert(self.qvn_kit, self.options, out, crop=crop, transform=True)
         fields = mapped(t, pic, [obj])
-        fields["object"] = k
+        fields["object"], fields["annotation"] = k, obj["annotation"]
         return pic.size, fields

@@ -20,7 +20,7 @@ class PreparedSet:
     h], "category" int64 (N,) (-1 where none was given), "clipped" bool
     (N,), "keypoints" float32 (N, K, 3) [x, y, v] (K the most any of its
     objects has, the others padded with v = 0) and, for per-object crops,
-    "object"; all in tensor pixels."""
+    "object" and "annotation"; all in tensor pixels."""
 
     def __init__(self, out_dir):
         self.root = Path(out_dir)
@@ -73,8 +73,9 @@ def arrays(line):
                                 np.int64).reshape(n),
            "clipped": np.array(line["clipped"], bool).reshape(n),
            "keypoints": points}
-    if "object" in line:
-        out["object"] = line["object"]
+    for key in ("object", "annotation"):
+        if key in line:
+            out[key] = line[key]
     return out
 
 

@@ -159,12 +159,18 @@ def test_cluster_resume_and_loader_give_the_same_labels(pictures, tmp_path):
     import qvn_dataset
     loaded = qvn_dataset.load(tmp_path / "alone")
     assert len(loaded) == len(alone) == 5
+    coco = json.loads((pictures / "coco.json").read_text())
+    names = {image["id"]: image["file_name"] for image in coco["images"]}
     for (tensor, labels), (want, line) in zip(loaded, alone):
         np.testing.assert_array_equal(tensor, want)
         assert labels["source"] == line["source"] and labels["object"] == line["object"]
+        # `annotation` leads back to the entry of the file the sample was cut for.
+        entry = coco["annotations"][int(labels["annotation"][len("annotations["):-1])]
+        assert names[entry["image_id"]] == labels["source"]
         np.testing.assert_array_equal(labels["boxes"], np.float32(line["boxes"]))
         np.testing.assert_array_equal(labels["keypoints"], np.float32(line["keypoints"]))
         assert labels["category"].tolist() == line["category"]
+    assert len({labels["annotation"] for _, labels in loaded}) == len(loaded)
 
 
 BAD_COCO = [  # annotation, errors.csv source, words of its error
