@@ -8,6 +8,8 @@
 #include "npy.hpp"
 #include "plane_views.hpp"
 
+#include <libyuv/rotate.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -49,25 +51,20 @@ public:
         out_ = in;
         out_.width = in.height;
         out_.height = in.width;
+        const int cw = (in.width + 1) / 2, ch = (in.height + 1) / 2;
+        // The turned planes are as wide as the frame was high.
         for (int p = 0; p < 3; ++p) {
-            const int w = p ? in.width / 2 : in.width, h = p ? in.height / 2 : in.height;
-            // The turned plane is h wide and w high.
+            const int w = p ? ch : in.height, h = p ? cw : in.width;
             planes_[p].resize(static_cast<size_t>(w) * h);
-            uint8_t* dst = planes_[p].data();
-            const uint8_t* src = in.plane[p];
-            const ptrdiff_t ss = in.stride[p];
-            for (int yd = 0; yd < w; ++yd) {
-                uint8_t* row = dst + static_cast<size_t>(yd) * h;
-                for (int xd = 0; xd < h; ++xd) {
-                    // Clockwise: source (x, y) lands at (h - 1 - y, x).
-                    const int sx = degrees == 90 ? yd : w - 1 - yd;
-                    const int sy = degrees == 90 ? h - 1 - xd : xd;
-                    row[xd] = src[sy * ss + sx];
-                }
-            }
             out_.plane[p] = planes_[p].data();
-            out_.stride[p] = h;
+            out_.stride[p] = w;
         }
+        const int r = libyuv::I420Rotate(
+            in.plane[0], static_cast<int>(in.stride[0]), in.plane[1],
+            static_cast<int>(in.stride[1]), in.plane[2], static_cast<int>(in.stride[2]),
+            planes_[0].data(), out_.width, planes_[1].data(), ch, planes_[2].data(), ch, in.width,
+            in.height, degrees == 90 ? libyuv::kRotate90 : libyuv::kRotate270);
+        if (r != 0) throw ToolError("libyuv could not turn the frame", qvntool::kExitLibrary);
         return out_;
     }
 
