@@ -23,7 +23,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <algorithm>
 #include <fstream>
 #include <memory>
 
