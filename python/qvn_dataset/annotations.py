@@ -25,6 +25,7 @@ import json
 import math
 import os
 import posixpath
+import stat
 from pathlib import Path
 
 from .failures import EXIT_INPUT, Failure, shown
@@ -50,22 +51,48 @@ def invalid(name, why):
     return Failure(f"--annotations '{name}' is not valid: {why}", EXIT_INPUT)
 
 
+# The largest annotations file read: well above the biggest public sets'
+# (a few hundred MB), and a stop for a stream such as /dev/zero.
+MAX_ANNOTATION_BYTES = 1 << 30
+
+
+def read_bytes(path, name):
+    """The whole file at `path`, refused past MAX_ANNOTATION_BYTES (a regular
+    file by its length, before anything is read)."""
+    with open(path, "rb") as f:
+        st = os.fstat(f.fileno())
+        if stat.S_ISREG(st.st_mode) and st.st_size > MAX_ANNOTATION_BYTES:
+            raise invalid(name, f"longer than {MAX_ANNOTATION_BYTES} bytes")
+        chunks, total = [], 0
+        while True:
+            chunk = f.read(1 << 20)
+            if not chunk:
+                return b"".join(chunks)
+            total += len(chunk)
+            if total > MAX_ANNOTATION_BYTES:
+                raise invalid(name, f"longer than {MAX_ANNOTATION_BYTES} bytes")
+            chunks.append(chunk)
+
+
 def read_annotations(path):
     """The Annotations of the file at `path`; Failure when it is not usable
     at all."""
     name = shown(os.path.basename(path))
     try:
-        data = Path(path).read_bytes()
+        data = read_bytes(path, name)
+        try:
+            text = data.decode("utf-8-sig")
+        except UnicodeDecodeError as e:
+            raise invalid(name, f"not UTF-8 text (byte {e.start})") from None
+        suffix = os.path.splitext(path)[1].lower()
+        as_json = suffix == ".json" or (suffix != ".csv" and text.lstrip()[:1] == "{")
+        found = read_coco(name, text) if as_json else read_csv(name, text)
     except OSError as e:
         raise Failure(f"cannot read --annotations '{shown(path)}': {e.strerror}",
                       EXIT_INPUT) from None
-    try:
-        text = data.decode("utf-8-sig")
-    except UnicodeDecodeError as e:
-        raise invalid(name, f"not UTF-8 text (byte {e.start})") from None
-    suffix = os.path.splitext(path)[1].lower()
-    as_json = suffix == ".json" or (suffix != ".csv" and text.lstrip()[:1] == "{")
-    found = read_coco(name, text) if as_json else read_csv(name, text)
+    except MemoryError:
+        raise Failure(f"--annotations '{shown(path)}' does not fit in memory",
+                      EXIT_INPUT) from None
     found.digest = hashlib.sha256(data).hexdigest()
     return found
 
@@ -120,6 +147,8 @@ def read_coco(name, text):
         doc = json.loads(text)
     except json.JSONDecodeError as e:
         raise invalid(name, f"line {e.lineno} column {e.colno}: {e.msg}") from None
+    except RecursionError:
+        raise invalid(name, "its JSON is nested too deeply") from None
     if not isinstance(doc, dict):
         raise invalid(name, "the JSON document is not an object with \"images\" and "
                             "\"annotations\"")
@@ -143,7 +172,8 @@ def read_coco(name, text):
         found.picture(image["file_name"])
     for i, ann in enumerate(doc["annotations"]):
         where = f"{name} annotations[{i}]"
-        if not isinstance(ann, dict) or files.get(ann.get("image_id"), None) is None:
+        if (not isinstance(ann, dict) or not isinstance(ann.get("image_id"), (int, str))
+                or files.get(ann["image_id"]) is None):
             found.errors.append([where, f"{where}: \"image_id\" names no image of \"images\""])
             continue
         source = files[ann["image_id"]]

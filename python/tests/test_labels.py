@@ -184,6 +184,7 @@ BAD_COCO = [  # annotation, errors.csv source, words of its error
     ({"image_id": 2, "bbox": [1, 2, 3, 4]}, "../a.png", "outside INPUT_DIR"),
     ({"image_id": 3, "bbox": [1, 2, 3, 4]}, "gone.png", "no such PNG or JPEG"),
     ({"image_id": 4, "bbox": [1, 2, 3, 4]}, "broken.png", "cannot decode PNG"),
+    ({"image_id": [0], "bbox": [1, 2, 3, 4]}, "coco.json annotations[9]", "image_id"),
 ]
 BAD_CSV = [("a.png,1,2,3", "a.png", "line 2: 4 fields"),
            ("a.png,x,2,3,4", "a.png", "line 3: bbox"),
@@ -231,12 +232,17 @@ def test_a_bad_annotation_is_one_row_of_errors_and_nothing_else_is_lost(bad_runs
     ("boxes.csv", "path,x,y,w,h\nonly,three,fields\n", 3, ["boxes.csv", "line 2: 3 fields"]),
     ("boxes.csv", b"a.png,1,2,3,4,\xff\n", 3, ["boxes.csv", "not UTF-8"]),
     ("missing.csv", None, 3, ["cannot read --annotations", "missing.csv"]),
+    ("deep.json", "[" * 100000, 3, ["deep.json", "nested too deeply"]),
+    ("huge.json", 1 << 30, 3, ["huge.json", "longer than 1073741824 bytes"]),  # sparse
     ("boxes.csv", "a.png,1,2,3,4\n", 2, ["--per-object -1: the scale"]),
 ])
 def test_an_unusable_annotations_file_stops_the_run_before_writing(pictures, tmp_path, name,
                                                                    content, code, words):
     path = tmp_path / name
-    if content is not None:
+    if isinstance(content, int):
+        with open(path, "wb") as f:
+            f.truncate(content + 1)
+    elif content is not None:
         path.write_bytes(content if isinstance(content, bytes) else content.encode())
     extra = ["--per-object", "-1"] if code == 2 else []
     done = run_dataset(pictures / "pictures", tmp_path / "out", "--annotations", path,
