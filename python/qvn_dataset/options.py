@@ -73,7 +73,7 @@ def parse_args(argv):
                        help="address of a running Dask scheduler, e.g. tcp://host:8786")
     p.add_argument("--wait", type=float, default=30.0,
                    help="seconds to wait for the scheduler to answer, then for its first "
-                        "worker (30)")
+                        "worker, and for one to come back should all leave (30)")
     p.add_argument("--resume", action="store_true",
                    help="keep the shards a previous run finished (checked by their SHA-256, and "
                         "their pictures by size and modification time)")

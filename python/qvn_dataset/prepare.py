@@ -87,8 +87,12 @@ def start_cluster(args):
     except ImportError as e:
         raise Failure(f"cannot import Dask ({e}): install python3-distributed, or convert "
                       "without it with --workers 0", EXIT_CLUSTER) from None
-    # Failures are reported here, in one line each, not as Dask's log.
-    logging.getLogger("distributed").setLevel(logging.CRITICAL)
+    # Failures are reported here, in one line each, not as Dask's log (its
+    # configuration gives some of its loggers levels of their own) nor as
+    # asyncio's notes on the tasks a lost worker leaves behind.
+    for name in ["asyncio", *logging.root.manager.loggerDict]:
+        if name == "asyncio" or name.split(".")[0] == "distributed":
+            logging.getLogger(name).setLevel(logging.CRITICAL)
     if not args.scheduler:
         workers = args.workers or os.cpu_count() or 1
         cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
@@ -290,7 +294,7 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
             for i in todo:
                 finished(convert_shard(*task(i)))
         elif todo:
-            run_on_dask(client, todo, task, finished)
+            run_on_dask(client, todo, task, finished, args.wait)
     finally:
         progress.close()
     seconds = time.perf_counter() - start
@@ -325,21 +329,44 @@ def convert_all(args, input_dir, out_dir, manifest, slices, stamps, done, todo, 
     return 0
 
 
-def run_on_dask(client, todo, task, finished):
+def run_on_dask(client, todo, task, finished, wait):
     """Converts the shards `todo` on the cluster; task(i) gives the
-    arguments of shard i."""
-    from dask.distributed import as_completed
+    arguments of shard i. Should every worker leave, the run waits `wait`
+    seconds for one to come back, then stops with what is done kept."""
+    from dask.distributed import TimeoutError as Pending
+    from dask.distributed import wait as first_done
 
     futures = {client.submit(convert_shard, *task(i), pure=False): i for i in todo}
-    for future in as_completed(futures):
+    pending, alone_since = set(futures), None
+    while pending:
         try:
-            rec = future.result()
-        except Exception as e:
-            failure = task_failure(e, futures[future])
-            if failure is None:
-                raise
-            raise failure from None
-        finished(rec)
+            done, pending = first_done(pending, timeout=min(wait, 5.0),
+                                       return_when="FIRST_COMPLETED")
+        except Pending:
+            done = set()
+        for future in sorted(done, key=futures.get):
+            try:
+                rec = future.result(timeout=min(wait, 5.0))
+            except Pending:  # its result left with its worker: it runs again
+                pending.add(future)
+                done = done - {future}
+                continue
+            except Exception as e:
+                failure = task_failure(e, futures[future])
+                if failure is None:
+                    raise
+                raise failure from None
+            finished(rec)
+        if done or client.scheduler_info().get("workers"):
+            alone_since = None
+        elif alone_since is None:
+            alone_since = time.monotonic()
+            print(f"qvn-dataset: every worker left the cluster; waiting up to {wait:g} s "
+                  "(--wait) for one", file=sys.stderr, flush=True)
+        elif time.monotonic() - alone_since >= wait:
+            raise Failure(f"every worker left the cluster and none came back within {wait:g} s "
+                          "(--wait); the shards done are kept: run again with --resume",
+                          EXIT_CLUSTER)
 
 
 def write_manifest(out_dir, manifest, complete):

@@ -210,6 +210,21 @@ def test_killed_run_over_a_complete_set_leaves_no_usable_index(pictures, single,
     assert json.loads((out / "manifest.json").read_text())["complete"] is True
 
 
+# Put on a worker's path: it converts one shard, then its process ends in
+# the middle of the second.
+DIES_IN_SECOND_SHARD = """
+import os
+import qvn_dataset.shards as shards
+real, calls = shards.convert_shard, []
+def convert_shard(*args, **kwargs):
+    calls.append(1)
+    if len(calls) == 2:
+        os._exit(0)
+    return real(*args, **kwargs)
+shards.convert_shard = convert_shard
+"""
+
+
 def dask_process(kind, *args, cwd, env):
     return subprocess.Popen([sys.executable, "-m", f"distributed.cli.dask_{kind}", *args],
                             cwd=cwd, env=env, stdout=subprocess.DEVNULL,
@@ -268,9 +283,27 @@ def test_external_scheduler_with_relative_paths_and_its_failures(pictures, singl
         assert unfinished()
         stop(workers.pop())
 
+        # A worker that dies in its second shard: the run waits --wait for
+        # another, then stops, and --resume finishes it (whether the first
+        # shard's record reached the client before its worker died is a race).
+        hook = tmp_path / "dying"
+        hook.mkdir()
+        (hook / "sitecustomize.py").write_text(DIES_IN_SECOND_SHARD)
+        dying = tool_env()
+        dying["PYTHONPATH"] = os.pathsep.join([str(hook), dying["PYTHONPATH"]])
+        workers.append(dask_process("worker", address, "--nthreads", "1", "--no-nanny",
+                                    "--no-dashboard", cwd=elsewhere, env=dying))
+        left = run_tool(src, "out", *cluster, "--wait", "4", cwd=tmp_path)
+        assert left.returncode == 6, left.stderr
+        assert left.stderr.splitlines()[-2:] == [
+            "qvn-dataset: every worker left the cluster; waiting up to 4 s (--wait) for one",
+            "qvn-dataset: every worker left the cluster and none came back within 4 s "
+            "(--wait); the shards done are kept: run again with --resume"], left.stderr
+        assert unfinished() and workers.pop().wait(10) == 0
+
         workers.append(dask_process("worker", address, "--nthreads", "1", "--no-nanny",
                                     "--no-dashboard", cwd=elsewhere, env=tool_env()))
-        summary = dataset(src, "out", *cluster, "--wait", "30", cwd=tmp_path)
+        summary = dataset(src, "out", *cluster, "--wait", "30", "--resume", cwd=tmp_path)
         assert "(20 rows in 4 shards, 2 errors" in summary
         same_files(tmp_path / "out", single)
         assert sorted(os.listdir(elsewhere)) == []
