@@ -67,6 +67,35 @@ quvas::runtime::TensorPtr MakeOutputTensor(quvas::runtime::DeviceCPU& device,
         TensorShape({target.c, target.h, target.w}, data_type::kUInt8, layout::kCHW), nullptr);
 }
 
+void ApplyLetterbox(int letterbox, const std::string& align, quvas::kit::TensorOptions& t) {
+    if (!align.empty() && letterbox < 0) {
+        throw ToolError("--letterbox-align needs --letterbox", kExitUsage);
+    }
+    if (letterbox > 255) {
+        throw ToolError("--letterbox " + std::to_string(letterbox) + " is not in 0..255",
+                        kExitUsage);
+    }
+    if (letterbox < 0) return;
+    if (align.empty() || align == "centre") {
+        t.letterbox = quvas::kit::Letterbox::kCentre;
+    } else if (align == "topleft") {
+        t.letterbox = quvas::kit::Letterbox::kTopLeft;
+    } else {
+        throw ToolError("--letterbox-align '" + align + "' is not centre or topleft", kExitUsage);
+    }
+    t.letterbox_pad = static_cast<uint8_t>(letterbox);
+}
+
+void AddLetterboxOptions(CLI::App* cmd, int* letterbox, std::string* align,
+                         const char* pad_note) {
+    cmd->add_option("--letterbox", *letterbox,
+                    std::string("Keep the crop's aspect ratio: fit the picture inside the tensor "
+                                "and pad the rest with this byte 0..255") +
+                        pad_note);
+    cmd->add_option("--letterbox-align", *align,
+                    "Where the letterboxed picture lies: centre (default) or topleft");
+}
+
 std::vector<int> CheckCropPadChannels(const std::string& text, int pad, bool gray, bool bgr) {
     std::vector<int> crop;
     if (!text.empty()) {
@@ -520,11 +549,7 @@ void AddPreprocessCommand(CLI::App& app) {
     cmd->add_option("--std", opts->std_dev,
                     "With --float: R,G,B standard deviations, finite and non-zero (1)");
     cmd->add_flag("--nhwc", opts->nhwc, "Interleaved H x W x C instead of C x H x W (.npy only)");
-    cmd->add_option("--letterbox", opts->letterbox,
-                    "Keep the crop's aspect ratio: fit the picture inside the tensor and pad "
-                    "the rest with this byte 0..255 (before normalisation)");
-    cmd->add_option("--letterbox-align", opts->align,
-                    "Where the letterboxed picture lies: centre (default) or topleft");
+    AddLetterboxOptions(cmd, &opts->letterbox, &opts->align, " (before normalisation)");
     cmd->add_option("--transform", opts->transform,
                     "Write the map between frame coordinates (0..1 of the frame as stored) and "
                     "tensor pixels to this JSON file: to_tensor and to_frame (2x3, row-major), "

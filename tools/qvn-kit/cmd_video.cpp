@@ -309,11 +309,7 @@ void AddVideoCommand(CLI::App& app) {
     cmd->add_flag("--bgr", opts->bgr, "Planes in B,G,R order");
     cmd->add_flag("--gray", opts->gray, "One gray plane");
     cmd->add_option("--pad", opts->pad, "Value 0..255 of crop pixels outside the frame (0)");
-    cmd->add_option("--letterbox", opts->letterbox,
-                    "Keep the crop's aspect ratio: fit the picture inside the tensor and pad "
-                    "the rest with this byte 0..255");
-    cmd->add_option("--letterbox-align", opts->align,
-                    "Where the letterboxed picture lies: centre (default) or topleft");
+    AddLetterboxOptions(cmd, &opts->letterbox, &opts->align, "");
     cmd->callback([opts] { RunVideo(*opts); });
 }
 

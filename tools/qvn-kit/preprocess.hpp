@@ -13,6 +13,10 @@
 #include <string>
 #include <vector>
 
+namespace CLI {
+class App;
+}
+
 namespace qvntool {
 
 struct TensorTarget {
@@ -28,25 +32,11 @@ std::vector<int> CheckCropPadChannels(const std::string& crop, int pad, bool gra
 // --letterbox PAD (< 0: off) and --letterbox-align (empty or "centre",
 // "topleft") into the tensor converter's options, checked as `preprocess`
 // and `video` both check them.
-inline void ApplyLetterbox(int letterbox, const std::string& align,
-                           quvas::kit::TensorOptions& t) {
-    if (!align.empty() && letterbox < 0) {
-        throw ToolError("--letterbox-align needs --letterbox", kExitUsage);
-    }
-    if (letterbox > 255) {
-        throw ToolError("--letterbox " + std::to_string(letterbox) + " is not in 0..255",
-                        kExitUsage);
-    }
-    if (letterbox < 0) return;
-    if (align.empty() || align == "centre") {
-        t.letterbox = quvas::kit::Letterbox::kCentre;
-    } else if (align == "topleft") {
-        t.letterbox = quvas::kit::Letterbox::kTopLeft;
-    } else {
-        throw ToolError("--letterbox-align '" + align + "' is not centre or topleft", kExitUsage);
-    }
-    t.letterbox_pad = static_cast<uint8_t>(letterbox);
-}
+void ApplyLetterbox(int letterbox, const std::string& align, quvas::kit::TensorOptions& t);
+// Registers --letterbox PAD and --letterbox-align on a converting command;
+// `pad_note` ends the help of --letterbox.
+void AddLetterboxOptions(CLI::App* cmd, int* letterbox, std::string* align,
+                         const char* pad_note);
 
 // "CxHxW", checked against what the chosen converter writes.
 TensorTarget ParseTensorSpec(const std::string& text, bool gray);
